@@ -1,0 +1,124 @@
+#include "KZF_Base/Linux/DataBuffer.h"
+
+#include <gtest/gtest.h>
+
+#include <cstring>
+
+namespace
+{
+
+typedef KZF::CDataBuffer<unsigned char, KZF::CFakeSynchronizationObject> CByteBuffer;
+
+void fillPattern(CByteBuffer &buffer)
+{
+    unsigned char *p = buffer;
+    for (unsigned long i = 0; i < buffer.GetSize(); ++i)
+        p[i] = static_cast<unsigned char>(i * 7 + 3);
+}
+
+bool hasPattern(CByteBuffer &buffer, unsigned long count)
+{
+    const unsigned char *p = buffer;
+    for (unsigned long i = 0; i < count; ++i) {
+        if (p[i] != static_cast<unsigned char>(i * 7 + 3))
+            return false;
+    }
+    return true;
+}
+
+TEST(DataBufferTest, NewBufferIsEmpty)
+{
+    CByteBuffer buffer;
+    EXPECT_EQ(0u, buffer.GetSize());
+    EXPECT_EQ(nullptr, static_cast<unsigned char *>(buffer));
+}
+
+TEST(DataBufferTest, GrowingKeepsEveryElement)
+{
+    CByteBuffer buffer;
+    ASSERT_TRUE(buffer.SetSize(1024));
+    EXPECT_EQ(1024u, buffer.GetSize());
+    ASSERT_NE(nullptr, static_cast<unsigned char *>(buffer));
+    fillPattern(buffer);
+    ASSERT_TRUE(buffer.SetSize(1536));
+    EXPECT_EQ(1536u, buffer.GetSize());
+    EXPECT_TRUE(hasPattern(buffer, 1024));
+}
+
+TEST(DataBufferTest, ShrinkingKeepsTheLeadingElements)
+{
+    CByteBuffer buffer;
+    ASSERT_TRUE(buffer.SetSize(1536));
+    fillPattern(buffer);
+    ASSERT_TRUE(buffer.SetSize(16));
+    EXPECT_EQ(16u, buffer.GetSize());
+    EXPECT_TRUE(hasPattern(buffer, 16));
+}
+
+TEST(DataBufferTest, SameSizeKeepsTheStorage)
+{
+    CByteBuffer buffer;
+    ASSERT_TRUE(buffer.SetSize(1024));
+    unsigned char *before = buffer;
+    EXPECT_TRUE(buffer.SetSize(1024));
+    EXPECT_EQ(before, static_cast<unsigned char *>(buffer));
+}
+
+TEST(DataBufferTest, SizeZeroFreesAndReportsFalseUnlessAlreadyEmpty)
+{
+    CByteBuffer buffer;
+    EXPECT_TRUE(buffer.SetSize(0));
+    ASSERT_TRUE(buffer.SetSize(1024));
+    EXPECT_FALSE(buffer.SetSize(0));
+    EXPECT_EQ(0u, buffer.GetSize());
+    EXPECT_EQ(nullptr, static_cast<unsigned char *>(buffer));
+}
+
+TEST(DataBufferTest, ReleaseTwiceIsHarmless)
+{
+    CByteBuffer buffer;
+    ASSERT_TRUE(buffer.SetSize(64));
+    buffer.Release();
+    buffer.Release();
+    EXPECT_EQ(0u, buffer.GetSize());
+    EXPECT_EQ(nullptr, static_cast<unsigned char *>(buffer));
+}
+
+TEST(DataBufferTest, FailedAllocationLeavesAnEmptyBuffer)
+{
+    CByteBuffer buffer;
+    ASSERT_TRUE(buffer.SetSize(64));
+    // More than any machine can give: the non-throwing new yields nothing.
+    EXPECT_FALSE(buffer.SetSize(~0ul / 2));
+    EXPECT_EQ(0u, buffer.GetSize());
+    EXPECT_EQ(nullptr, static_cast<unsigned char *>(buffer));
+}
+
+// A lock policy that records how deep it is held: SetSize releases the old
+// storage while it holds the lock, so the policy sees a nested lock.
+struct CCountingLock {
+    static int s_depth;
+    static int s_maxDepth;
+    void Lock()
+    {
+        ++s_depth;
+        if (s_depth > s_maxDepth)
+            s_maxDepth = s_depth;
+    }
+    void Unlock() { --s_depth; }
+};
+int CCountingLock::s_depth = 0;
+int CCountingLock::s_maxDepth = 0;
+
+TEST(DataBufferTest, ResizeTakesTheLockAgainInsideItself)
+{
+    {
+        KZF::CDataBuffer<int, CCountingLock> buffer;
+        ASSERT_TRUE(buffer.SetSize(8));
+        EXPECT_EQ(0, CCountingLock::s_depth);
+        EXPECT_EQ(2, CCountingLock::s_maxDepth);
+    }
+    EXPECT_EQ(0, CCountingLock::s_depth);
+}
+
+} // namespace

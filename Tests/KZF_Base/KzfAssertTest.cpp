@@ -1,0 +1,78 @@
+#include "KZF_Base/Linux/KzfAssert.h"
+
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+
+namespace
+{
+
+// The harmless path the convention asks for: the check, then the code's own
+// guard of the same condition.
+int guardedDivide(int a, int b)
+{
+    KZF_ASSERT(b != 0);
+    if (b == 0)
+        return 0;
+    return a / b;
+}
+
+class KzfAssertTest : public ::testing::Test
+{
+  protected:
+    void SetUp() override { m_saved = GetKzfAssertMode(); }
+    void TearDown() override { SetKzfAssertMode(m_saved); }
+    int m_saved = 0;
+};
+
+TEST_F(KzfAssertTest, ChecksAreOnByDefault)
+{
+    EXPECT_EQ(0, GetKzfAssertMode() & 1);
+}
+
+TEST_F(KzfAssertTest, FailedCheckReportsConditionFileAndFunctionAndEndsTheProcess)
+{
+    SetKzfAssertMode(0);
+    EXPECT_DEATH(guardedDivide(1, 0), "KzfAssertTest.cpp:.*guardedDivide.*Assertion `b != 0' failed");
+}
+
+TEST_F(KzfAssertTest, NullInAConditionIsNamedAsTheCompilerSpellsIt)
+{
+    SetKzfAssertMode(0);
+    const char *p = nullptr;
+    EXPECT_DEATH(KZF_ASSERT(p != NULL), "p != __null");
+}
+
+TEST_F(KzfAssertTest, ChecksOffTakesTheHarmlessPathWithoutEvaluating)
+{
+    SetKzfAssertMode(1);
+    EXPECT_EQ(0, guardedDivide(1, 0));
+    int evaluations = 0;
+    KZF_ASSERT(++evaluations > 100);
+    EXPECT_EQ(0, evaluations);
+}
+
+TEST_F(KzfAssertTest, PassingCheckDoesNothing)
+{
+    SetKzfAssertMode(0);
+    EXPECT_EQ(3, guardedDivide(9, 3));
+}
+
+// The environment variable is read once, when the mode is first used. The
+// threadsafe death-test style runs the statement in a freshly started copy of
+// this program, which reads the environment it inherits from here.
+TEST_F(KzfAssertTest, EnvironmentVariableSwitchesChecksOffForTheWholeProcess)
+{
+    ::testing::FLAGS_gtest_death_test_style = "threadsafe";
+    ASSERT_EQ(0, setenv("KZF_ASSERT_MODE", "1", 1));
+    EXPECT_EXIT(
+        {
+            KZF_ASSERT(false);
+            std::exit(GetKzfAssertMode() == 1 ? 7 : 8);
+        },
+        ::testing::ExitedWithCode(7), "");
+    unsetenv("KZF_ASSERT_MODE");
+    ::testing::FLAGS_gtest_death_test_style = "fast";
+}
+
+} // namespace
