@@ -1,0 +1,89 @@
+#ifndef NVQ_HTTP_HTTPRESPONSE_H
+#define NVQ_HTTP_HTTPRESPONSE_H
+
+#include "HTTP/KeyValueMap.h"
+#include "KZF_Base/Linux/KzfTypes.h"
+#include "KZF_Base/Linux/RefCount.h"
+
+namespace NVQ
+{
+
+// What a handler answers: status, optional content type, further header
+// fields and a block of bytes, plus where the record sits in its answer:
+//   SendOnlyData  IsLast
+//   false         true    complete answer (a Content-Length is computed)
+//   false         false   first piece of a streamed answer
+//   true          false   middle piece: bytes only
+//   true          true    final piece: bytes only, then the connection closes
+// Filled by one thread, then only read; shared through
+// KZF::CRefCountPtr<CHTTPResponse>.
+class CHTTPResponse : public KZF::CRefCount_Base
+{
+  public:
+    CHTTPResponse();
+    ~CHTTPResponse() override;
+
+    void SetPhrase(const KZF::tstring &phrase) { m_phrase = phrase; }
+    const KZF::tstring &GetPhrase() const { return m_phrase; }
+
+    void SetCode(int code) { m_code = code; }
+    int GetCode() const { return m_code; }
+
+    // Empty means that no Content-Type line is written.
+    void SetContentType(const KZF::tstring &type) { m_contentType = type; }
+    const KZF::tstring &GetContentType() const { return m_contentType; }
+
+    // Replaces the data with a private copy of size bytes; the caller's buffer
+    // may be freed at once. False, with no data left, when size is negative or
+    // the memory cannot be had. Size 0 gives an empty, non-null block.
+    bool SetData(const unsigned char *data, long size);
+    const unsigned char *GetData() const { return m_pData; }
+    long GetDataSize() const { return m_dataSize; }
+
+    void SetIsLast(bool isLast) { m_isLast = isLast; }
+    bool IsLast() const { return m_isLast; }
+
+    void SetSendOnlyData(bool sendOnlyData) { m_sendOnlyData = sendOnlyData; }
+    bool SendOnlyData() const { return m_sendOnlyData; }
+
+    // Names are exact and case-sensitive. True when the name is new; false
+    // when an earlier value of that name was replaced.
+    bool AddHeaderField(const KZF::tstring &name, const KZF::tstring &value);
+    // Leaves value untouched and answers false when the name is missing.
+    bool GetHeaderFieldValueByName(const KZF::tstring &name, KZF::tstring &value);
+    // Iterates in ascending byte order of the names: the order on the wire.
+    const CKeyValueMap &GetAdditionalHeaders() const { return m_additionalHeaders; }
+
+  private:
+    CHTTPResponse(const CHTTPResponse &) = delete;
+    CHTTPResponse &operator=(const CHTTPResponse &) = delete;
+
+    KZF::tstring m_phrase;
+    int m_code;
+    KZF::tstring m_contentType;
+    unsigned char *m_pData;
+    long m_dataSize;
+    bool m_isLast;
+    bool m_sendOnlyData;
+    CKeyValueMap m_additionalHeaders;
+};
+
+// The complete 404 answer ("Not found") with its fixed HTML page.
+class CNotFoundResponse : public CHTTPResponse
+{
+  public:
+    CNotFoundResponse();
+    ~CNotFoundResponse() override;
+};
+
+// The complete 400 answer ("Bad Request") with its fixed HTML page.
+class CBadRequestResponse : public CHTTPResponse
+{
+  public:
+    CBadRequestResponse();
+    ~CBadRequestResponse() override;
+};
+
+} // namespace NVQ
+
+#endif
