@@ -1,0 +1,495 @@
+// Measures what a server pays to hold idle keep-alive connections.
+//
+// Usage:
+//   idle_conns --port PORT --pid SERVER_PID [--host 127.0.0.1] [--conns 10000]
+//              [--path /1k.bin] [--window 256] [--timeout 90] [--stall 8]
+//              [--settle 2]
+//
+// It reads the resident memory and thread count of the server's whole
+// process tree (the PID and all its descendants, so nginx's or h2o's
+// master and workers are counted together), then opens the connections, sends
+// one GET on each and reads the complete answer, keeps every socket open,
+// waits for the server to settle and reads the same figures again. Results
+// go to stdout as key=value lines.
+//
+// It never hangs on a server that cannot keep up: opening stops when the
+// overall timeout passes or when no connection has made progress for
+// --stall seconds (a thread-per-connection server that ran out of workers
+// leaves the rest unanswered), and the figures are taken with whatever it
+// managed to hold.
+//
+// One event loop over non-blocking sockets is used instead of a thread or
+// process per socket, so the client itself stays light at 10,000 sockets;
+// at most --window connections are in flight at once so a burst of SYNs
+// does not overflow the server's listen queue and stall in retransmission.
+#include <arpa/inet.h>
+#include <dirent.h>
+#include <fcntl.h>
+#include <netinet/in.h>
+#include <netinet/tcp.h>
+#include <sys/epoll.h>
+#include <sys/resource.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cctype>
+#include <cerrno>
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <fstream>
+#include <map>
+#include <set>
+#include <sstream>
+#include <string>
+#include <vector>
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+struct Options {
+    std::string host = "127.0.0.1";
+    int port = 0;
+    int pid = 0;
+    int conns = 10000;
+    std::string path = "/1k.bin";
+    int window = 256;
+    double timeout = 90;
+    double stall = 8;
+    double settle = 2;
+};
+
+enum class State { Connecting, Sending, Reading, Idle, Closed };
+
+struct Conn {
+    int fd = -1;
+    State state = State::Connecting;
+    size_t sent = 0;
+    std::string head;        // response bytes until the header block is complete
+    bool head_done = false;
+    bool chunked = false;
+    long long body_left = -1; // -1: length not known (read until close or chunk end)
+    std::string tail;         // last bytes of a chunked body, to spot its end
+    int status = 0;
+};
+
+struct TreeFigures {
+    long long rss_kb = 0;
+    long long threads = 0;
+    int processes = 0;
+};
+
+// Reads the parent of every process once and collects the descendants of
+// root, so a master process and the workers it forked are measured together.
+std::set<int> ProcessTree(int root)
+{
+    std::map<int, std::vector<int>> children;
+    if (DIR *d = opendir("/proc")) {
+        while (dirent *e = readdir(d)) {
+            int pid = std::atoi(e->d_name);
+            if (pid <= 0)
+                continue;
+            std::ifstream f("/proc/" + std::to_string(pid) + "/stat");
+            std::string line;
+            if (!std::getline(f, line))
+                continue;
+            // The command name sits in parentheses and may hold spaces.
+            size_t close = line.rfind(')');
+            if (close == std::string::npos)
+                continue;
+            std::istringstream rest(line.substr(close + 1));
+            std::string state;
+            int ppid = 0;
+            rest >> state >> ppid;
+            children[ppid].push_back(pid);
+        }
+        closedir(d);
+    }
+    std::set<int> tree;
+    std::vector<int> todo{root};
+    while (!todo.empty()) {
+        int pid = todo.back();
+        todo.pop_back();
+        if (!tree.insert(pid).second)
+            continue;
+        for (int child : children[pid])
+            todo.push_back(child);
+    }
+    return tree;
+}
+
+TreeFigures MeasureTree(int root)
+{
+    TreeFigures fig;
+    for (int pid : ProcessTree(root)) {
+        std::ifstream f("/proc/" + std::to_string(pid) + "/status");
+        if (!f)
+            continue;
+        ++fig.processes;
+        std::string line;
+        while (std::getline(f, line)) {
+            if (line.rfind("VmRSS:", 0) == 0)
+                fig.rss_kb += std::atoll(line.c_str() + 6);
+            else if (line.rfind("Threads:", 0) == 0)
+                fig.threads += std::atoll(line.c_str() + 8);
+        }
+    }
+    return fig;
+}
+
+double Seconds(Clock::duration d)
+{
+    return std::chrono::duration<double>(d).count();
+}
+
+bool ParseArgs(int argc, char **argv, Options &o)
+{
+    for (int i = 1; i < argc; ++i) {
+        std::string a = argv[i];
+        if (i + 1 >= argc)
+            return false;
+        const char *v = argv[++i];
+        if (a == "--host")
+            o.host = v;
+        else if (a == "--port")
+            o.port = std::atoi(v);
+        else if (a == "--pid")
+            o.pid = std::atoi(v);
+        else if (a == "--conns")
+            o.conns = std::atoi(v);
+        else if (a == "--path")
+            o.path = v;
+        else if (a == "--window")
+            o.window = std::atoi(v);
+        else if (a == "--timeout")
+            o.timeout = std::atof(v);
+        else if (a == "--stall")
+            o.stall = std::atof(v);
+        else if (a == "--settle")
+            o.settle = std::atof(v);
+        else
+            return false;
+    }
+    return o.port > 0 && o.pid > 0 && o.conns > 0 && o.window > 0;
+}
+
+class Client {
+public:
+    Client(const Options &o) : opt_(o), conns_(static_cast<size_t>(o.conns))
+    {
+        request_ = "GET " + o.path + " HTTP/1.1\r\nHost: " + o.host + ":" + std::to_string(o.port) +
+                   "\r\nUser-Agent: idle_conns\r\nAccept: */*\r\n\r\n";
+        std::memset(&addr_, 0, sizeof addr_);
+        addr_.sin_family = AF_INET;
+        addr_.sin_port = htons(static_cast<uint16_t>(o.port));
+        inet_pton(AF_INET, o.host.c_str(), &addr_.sin_addr);
+        ep_ = epoll_create1(EPOLL_CLOEXEC);
+    }
+
+    // Opens and answers connections until all are idle, the deadline passes,
+    // or nothing has moved for the stall period.
+    void Open()
+    {
+        Clock::time_point start = Clock::now();
+        last_progress_ = start;
+        std::vector<epoll_event> events(1024);
+        for (;;) {
+            while (in_flight_ < opt_.window && next_ < opt_.conns)
+                StartOne();
+            if (next_ >= opt_.conns && in_flight_ == 0)
+                break;
+            Clock::time_point now = Clock::now();
+            if (Seconds(now - start) > opt_.timeout) {
+                stop_reason_ = "timeout";
+                break;
+            }
+            if (Seconds(now - last_progress_) > opt_.stall) {
+                stop_reason_ = "stalled";
+                break;
+            }
+            int n = epoll_wait(ep_, events.data(), static_cast<int>(events.size()), 100);
+            for (int i = 0; i < n; ++i)
+                Handle(static_cast<size_t>(events[static_cast<size_t>(i)].data.u64), events[static_cast<size_t>(i)].events);
+        }
+        open_seconds_ = Seconds(Clock::now() - start);
+    }
+
+    // Keeps serving events (so closes by the server are noticed) for a while.
+    void Settle(double seconds)
+    {
+        Clock::time_point end = Clock::now() + std::chrono::duration_cast<Clock::duration>(std::chrono::duration<double>(seconds));
+        std::vector<epoll_event> events(1024);
+        while (Clock::now() < end) {
+            int n = epoll_wait(ep_, events.data(), static_cast<int>(events.size()), 50);
+            for (int i = 0; i < n; ++i)
+                Handle(static_cast<size_t>(events[static_cast<size_t>(i)].data.u64), events[static_cast<size_t>(i)].events);
+        }
+    }
+
+    // A socket still counts as held only if the server has not closed it.
+    int CountOpen()
+    {
+        int open = 0;
+        for (Conn &c : conns_) {
+            if (c.fd < 0 || c.state == State::Closed)
+                continue;
+            char b;
+            ssize_t r = recv(c.fd, &b, 1, MSG_PEEK | MSG_DONTWAIT);
+            if (r == 0 || (r < 0 && errno != EAGAIN && errno != EWOULDBLOCK))
+                continue;
+            ++open;
+        }
+        return open;
+    }
+
+    int Started() const { return next_; }
+    int Answered() const { return answered_; }
+    int Answered200() const { return answered_200_; }
+    int ConnectErrors() const { return connect_errors_; }
+    int ClosedByServer() const { return closed_by_server_; }
+    int Unanswered() const { return in_flight_; }
+    double OpenSeconds() const { return open_seconds_; }
+    const char *StopReason() const { return stop_reason_; }
+
+private:
+    void StartOne()
+    {
+        size_t idx = static_cast<size_t>(next_++);
+        Conn &c = conns_[idx];
+        c.fd = socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
+        if (c.fd < 0) {
+            ++connect_errors_;
+            c.state = State::Closed;
+            return;
+        }
+        int one = 1;
+        setsockopt(c.fd, IPPROTO_TCP, TCP_NODELAY, &one, sizeof one);
+        int r = connect(c.fd, reinterpret_cast<sockaddr *>(&addr_), sizeof addr_);
+        if (r != 0 && errno != EINPROGRESS) {
+            ++connect_errors_;
+            close(c.fd);
+            c.fd = -1;
+            c.state = State::Closed;
+            return;
+        }
+        c.state = State::Connecting;
+        epoll_event ev{};
+        ev.events = EPOLLOUT | EPOLLIN | EPOLLRDHUP;
+        ev.data.u64 = idx;
+        epoll_ctl(ep_, EPOLL_CTL_ADD, c.fd, &ev);
+        ++in_flight_;
+    }
+
+    void Progress() { last_progress_ = Clock::now(); }
+
+    void Fail(Conn &c, bool by_server)
+    {
+        bool was_in_flight = c.state != State::Idle;
+        epoll_ctl(ep_, EPOLL_CTL_DEL, c.fd, nullptr);
+        close(c.fd);
+        c.fd = -1;
+        c.state = State::Closed;
+        if (was_in_flight)
+            --in_flight_;
+        if (by_server)
+            ++closed_by_server_;
+        else
+            ++connect_errors_;
+        Progress();
+    }
+
+    void Handle(size_t idx, uint32_t events)
+    {
+        Conn &c = conns_[idx];
+        if (c.fd < 0 || c.state == State::Closed)
+            return;
+        if (c.state == State::Connecting) {
+            int err = 0;
+            socklen_t len = sizeof err;
+            getsockopt(c.fd, SOL_SOCKET, SO_ERROR, &err, &len);
+            if (err != 0) {
+                Fail(c, false);
+                return;
+            }
+            if (!(events & EPOLLOUT))
+                return;
+            c.state = State::Sending;
+            Progress();
+        }
+        if (c.state == State::Sending) {
+            while (c.sent < request_.size()) {
+                ssize_t w = send(c.fd, request_.data() + c.sent, request_.size() - c.sent, MSG_NOSIGNAL);
+                if (w < 0) {
+                    if (errno == EAGAIN || errno == EWOULDBLOCK)
+                        return;
+                    Fail(c, true);
+                    return;
+                }
+                c.sent += static_cast<size_t>(w);
+            }
+            c.state = State::Reading;
+            epoll_event ev{};
+            ev.events = EPOLLIN | EPOLLRDHUP;
+            ev.data.u64 = idx;
+            epoll_ctl(ep_, EPOLL_CTL_MOD, c.fd, &ev);
+            Progress();
+            return;
+        }
+        if (!(events & (EPOLLIN | EPOLLRDHUP | EPOLLHUP | EPOLLERR)))
+            return;
+        char buf[16384];
+        for (;;) {
+            ssize_t r = recv(c.fd, buf, sizeof buf, 0);
+            if (r > 0) {
+                Progress();
+                if (c.state == State::Reading)
+                    Consume(c, buf, static_cast<size_t>(r));
+                continue;
+            }
+            if (r < 0 && (errno == EAGAIN || errno == EWOULDBLOCK))
+                return;
+            // Orderly close or error. An answer without a length ends here.
+            if (c.state == State::Reading && c.head_done && c.body_left < 0 && !c.chunked)
+                Finish(c);
+            Fail(c, true);
+            return;
+        }
+    }
+
+    void Consume(Conn &c, const char *data, size_t n)
+    {
+        if (!c.head_done) {
+            c.head.append(data, n);
+            size_t end = c.head.find("\r\n\r\n");
+            if (end == std::string::npos) {
+                if (c.head.size() > 65536)
+                    c.head.erase(0, c.head.size() - 4);
+                return;
+            }
+            c.head_done = true;
+            std::string lower = c.head.substr(0, end + 2);
+            std::transform(lower.begin(), lower.end(), lower.begin(), [](unsigned char ch) { return std::tolower(ch); });
+            if (lower.size() > 12)
+                c.status = std::atoi(lower.c_str() + 9);
+            size_t cl = lower.find("\r\ncontent-length:");
+            if (cl != std::string::npos)
+                c.body_left = std::atoll(lower.c_str() + cl + 17);
+            c.chunked = lower.find("\r\ntransfer-encoding: chunked") != std::string::npos;
+            std::string rest = c.head.substr(end + 4);
+            c.head.clear();
+            c.head.shrink_to_fit();
+            ConsumeBody(c, rest.data(), rest.size());
+            return;
+        }
+        ConsumeBody(c, data, n);
+    }
+
+    void ConsumeBody(Conn &c, const char *data, size_t n)
+    {
+        if (c.chunked) {
+            c.tail.append(data, n);
+            if (c.tail.size() > 16)
+                c.tail.erase(0, c.tail.size() - 16);
+            if (c.tail.size() >= 5 && c.tail.compare(c.tail.size() - 5, 5, "0\r\n\r\n") == 0)
+                Finish(c);
+            return;
+        }
+        if (c.body_left < 0)
+            return;
+        c.body_left -= static_cast<long long>(n);
+        if (c.body_left <= 0)
+            Finish(c);
+    }
+
+    void Finish(Conn &c)
+    {
+        if (c.state != State::Reading)
+            return;
+        c.state = State::Idle;
+        c.tail.clear();
+        c.tail.shrink_to_fit();
+        --in_flight_;
+        ++answered_;
+        if (c.status == 200)
+            ++answered_200_;
+    }
+
+    const Options &opt_;
+    std::vector<Conn> conns_;
+    std::string request_;
+    sockaddr_in addr_{};
+    int ep_ = -1;
+    int next_ = 0;
+    int in_flight_ = 0;
+    int answered_ = 0;
+    int answered_200_ = 0;
+    int connect_errors_ = 0;
+    int closed_by_server_ = 0;
+    double open_seconds_ = 0;
+    const char *stop_reason_ = "done";
+    Clock::time_point last_progress_;
+};
+
+} // namespace
+
+int main(int argc, char **argv)
+{
+    Options opt;
+    if (!ParseArgs(argc, argv, opt)) {
+        std::fprintf(stderr,
+                     "usage: %s --port PORT --pid SERVER_PID [--host 127.0.0.1] [--conns 10000] "
+                     "[--path /1k.bin] [--window 256] [--timeout 90] [--stall 8] [--settle 2]\n",
+                     argv[0]);
+        return 2;
+    }
+
+    // Each socket is a descriptor: without a raised limit the client, not the
+    // server, would be what gives up.
+    rlimit rl{};
+    getrlimit(RLIMIT_NOFILE, &rl);
+    rlim_t want = static_cast<rlim_t>(opt.conns) + 64;
+    if (rl.rlim_cur < want) {
+        rl.rlim_cur = std::min<rlim_t>(rl.rlim_max, want);
+        setrlimit(RLIMIT_NOFILE, &rl);
+        getrlimit(RLIMIT_NOFILE, &rl);
+    }
+    if (rl.rlim_cur < want) {
+        std::fprintf(stderr, "idle_conns: open-file limit %llu is below %llu; the client will run short\n",
+                     static_cast<unsigned long long>(rl.rlim_cur), static_cast<unsigned long long>(want));
+    }
+
+    TreeFigures before = MeasureTree(opt.pid);
+    if (before.processes == 0) {
+        std::fprintf(stderr, "idle_conns: no process %d\n", opt.pid);
+        return 1;
+    }
+
+    Client client(opt);
+    client.Open();
+    client.Settle(opt.settle);
+    int held = client.CountOpen();
+    TreeFigures after = MeasureTree(opt.pid);
+
+    std::printf("target=%d\n", opt.conns);
+    std::printf("started=%d\n", client.Started());
+    std::printf("answered=%d\n", client.Answered());
+    std::printf("answered_200=%d\n", client.Answered200());
+    std::printf("unanswered=%d\n", client.Unanswered());
+    std::printf("connect_errors=%d\n", client.ConnectErrors());
+    std::printf("closed_by_server=%d\n", client.ClosedByServer());
+    std::printf("held_open=%d\n", held);
+    std::printf("stop_reason=%s\n", client.StopReason());
+    std::printf("open_seconds=%.2f\n", client.OpenSeconds());
+    std::printf("processes=%d\n", after.processes);
+    std::printf("rss_before_kb=%lld\n", before.rss_kb);
+    std::printf("rss_after_kb=%lld\n", after.rss_kb);
+    std::printf("threads_before=%lld\n", before.threads);
+    std::printf("threads_after=%lld\n", after.threads);
+    std::fflush(stdout);
+    // The sockets close when the process exits; the harness stops the server
+    // right after, so there is no need to tear them down one by one.
+    return 0;
+}
