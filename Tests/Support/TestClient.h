@@ -1,0 +1,156 @@
+#ifndef TESTS_SUPPORT_TESTCLIENT_H
+#define TESTS_SUPPORT_TESTCLIENT_H
+
+// A blocking-with-timeouts TCP client for tests against a real server.
+
+#include <arpa/inet.h>
+#include <cerrno>
+#include <chrono>
+#include <cstring>
+#include <netinet/in.h>
+#include <netinet/tcp.h>
+#include <poll.h>
+#include <string>
+#include <sys/resource.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+namespace NVQTest
+{
+
+class CTestClient
+{
+  public:
+    CTestClient() = default;
+    ~CTestClient() { Close(); }
+    CTestClient(const CTestClient &) = delete;
+    CTestClient &operator=(const CTestClient &) = delete;
+    CTestClient(CTestClient &&other) noexcept : m_fd(other.m_fd) { other.m_fd = -1; }
+
+    bool Connect(int port, bool ipv6 = false)
+    {
+        Close();
+        m_fd = ::socket(ipv6 ? AF_INET6 : AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+        if (m_fd < 0)
+            return false;
+        int result;
+        if (ipv6) {
+            struct sockaddr_in6 address;
+            std::memset(&address, 0, sizeof(address));
+            address.sin6_family = AF_INET6;
+            address.sin6_port = htons(static_cast<uint16_t>(port));
+            address.sin6_addr = in6addr_loopback;
+            result = ::connect(m_fd, reinterpret_cast<struct sockaddr *>(&address), sizeof(address));
+        } else {
+            struct sockaddr_in address;
+            std::memset(&address, 0, sizeof(address));
+            address.sin_family = AF_INET;
+            address.sin_port = htons(static_cast<uint16_t>(port));
+            address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+            result = ::connect(m_fd, reinterpret_cast<struct sockaddr *>(&address), sizeof(address));
+        }
+        if (result != 0) {
+            Close();
+            return false;
+        }
+        const int on = 1;
+        ::setsockopt(m_fd, IPPROTO_TCP, TCP_NODELAY, &on, sizeof(on));
+        return true;
+    }
+
+    bool Send(const std::string &bytes)
+    {
+        size_t sent = 0;
+        while (sent < bytes.size()) {
+            const ssize_t n = ::send(m_fd, bytes.data() + sent, bytes.size() - sent, MSG_NOSIGNAL);
+            if (n <= 0) {
+                if (n < 0 && errno == EINTR)
+                    continue;
+                return false;
+            }
+            sent += static_cast<size_t>(n);
+        }
+        return true;
+    }
+
+    // Reads until `count` bytes arrived, the peer closed, or the time is up.
+    std::string Receive(size_t count, int timeoutMs = 5000)
+    {
+        std::string received;
+        const auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
+        while (received.size() < count && !m_closed) {
+            if (!ReadSome(received, end))
+                break;
+        }
+        return received;
+    }
+
+    // Reads until the peer closes the connection or the time is up.
+    std::string ReceiveUntilClosed(int timeoutMs = 5000)
+    {
+        std::string received;
+        const auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
+        while (!m_closed && ReadSome(received, end)) {
+        }
+        return received;
+    }
+
+    // True once the peer has closed (end of stream or reset) within the time.
+    bool WaitClosed(int timeoutMs = 5000)
+    {
+        ReceiveUntilClosed(timeoutMs);
+        return m_closed;
+    }
+
+    bool IsClosed() const { return m_closed; }
+    void ShutdownWrite() { ::shutdown(m_fd, SHUT_WR); }
+    int Fd() const { return m_fd; }
+
+    void Close()
+    {
+        if (m_fd >= 0)
+            ::close(m_fd);
+        m_fd = -1;
+        m_closed = false;
+    }
+
+  private:
+    bool ReadSome(std::string &received, std::chrono::steady_clock::time_point end)
+    {
+        const auto left =
+            std::chrono::duration_cast<std::chrono::milliseconds>(end - std::chrono::steady_clock::now())
+                .count();
+        if (left <= 0)
+            return false;
+        struct pollfd wait = {m_fd, POLLIN, 0};
+        if (::poll(&wait, 1, static_cast<int>(left)) <= 0)
+            return false;
+        char buffer[65536];
+        const ssize_t n = ::recv(m_fd, buffer, sizeof(buffer), 0);
+        if (n <= 0) {
+            if (n < 0 && errno == EINTR)
+                return true;
+            m_closed = true;
+            return false;
+        }
+        received.append(buffer, static_cast<size_t>(n));
+        return true;
+    }
+
+    int m_fd = -1;
+    bool m_closed = false;
+};
+
+// Tests that open thousands of sockets need more than the usual soft limit.
+inline void raiseFileLimit()
+{
+    struct rlimit limit;
+    if (::getrlimit(RLIMIT_NOFILE, &limit) == 0 && limit.rlim_cur < limit.rlim_max) {
+        limit.rlim_cur = limit.rlim_max;
+        ::setrlimit(RLIMIT_NOFILE, &limit);
+    }
+}
+
+} // namespace NVQTest
+
+#endif
