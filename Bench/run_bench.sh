@@ -17,6 +17,13 @@
 #                      "nvq" is ours)
 #   --idle-conns N     connections for the idle test (default 10000)
 #   --out DIR          run directory (default build/bench/<timestamp>)
+#   --repeat N         measure each scenario N times and report the median
+#                      (default 1; use 3 on a machine others are using)
+#   --quiet-wait SEC   before each server, wait up to SEC seconds for other
+#                      processes to leave the CPUs idle (default 60)
+#   --nice N           run the servers, wrk and the idle client at this
+#                      niceness (default 0; e.g. -10 as root so builds and
+#                      tests that share the machine disturb the numbers less)
 #   --no-install       do not apt-get anything; fail if something is missing
 #
 # Results: <run dir>/results.md and chart.png; raw wrk output in raw/.
@@ -61,6 +68,9 @@ c1000 | /1k.bin          | 1000 | --timeout 10s  | 1 KiB, 1000 connections
 WRK_THREADS=2
 
 duration=10
+repeat=1
+quiet_wait=60
+niceness=0
 idle_conns=10000
 nvq_cmd=""
 only=""
@@ -74,12 +84,24 @@ while [ $# -gt 0 ]; do
     --only) only=$2; shift 2 ;;
     --idle-conns) idle_conns=$2; shift 2 ;;
     --out) out=$2; shift 2 ;;
+    --repeat) repeat=$2; shift 2 ;;
+    --quiet-wait) quiet_wait=$2; shift 2 ;;
+    --nice) niceness=$2; shift 2 ;;
     --no-install) install=0; shift ;;
     -h|--help) sed -n '2,/^set -euo/p' "$0" | sed '$d; s/^# \{0,1\}//'; exit 0 ;;
     *) echo "unknown option: $1 (see --help)" >&2; exit 2 ;;
   esac
 done
 [[ "$duration" =~ ^[0-9]+$ ]] && [ "$duration" -gt 0 ] || { echo "--duration wants whole seconds" >&2; exit 2; }
+[[ "$repeat" =~ ^[0-9]+$ ]] && [ "$repeat" -gt 0 ] || { echo "--repeat wants a count" >&2; exit 2; }
+[[ "$quiet_wait" =~ ^[0-9]+$ ]] || { echo "--quiet-wait wants whole seconds" >&2; exit 2; }
+[[ "$niceness" =~ ^-?[0-9]+$ ]] || { echo "--nice wants a number" >&2; exit 2; }
+# Every measured process (servers, wrk, idle client) runs through this.
+NICE=(nice -n "$niceness")
+if [ "$niceness" -lt 0 ] && ! nice -n "$niceness" true 2>/dev/null; then
+  echo "--nice $niceness needs root" >&2
+  exit 2
+fi
 [[ "$idle_conns" =~ ^[0-9]+$ ]] && [ "$idle_conns" -gt 0 ] || { echo "--idle-conns wants a count" >&2; exit 2; }
 
 log() { printf '[%s] %s\n' "$(date +%H:%M:%S)" "$*" >&2; }
@@ -174,6 +196,8 @@ cores=$(nproc)
   echo "wrk=$(wrk -v 2>&1 | head -1 | awk '{print $2}')"
   echo "wrk_threads=$WRK_THREADS"
   echo "duration=$duration"
+  echo "repeat=$repeat"
+  echo "nice=$niceness"
   echo "idle_conns=$idle_conns"
   echo "nofile=$(ulimit -Sn)"
   echo "load_before=$(cut -d' ' -f1-3 /proc/loadavg)"
@@ -267,7 +291,7 @@ start_server() { # command port logfile; on failure sets fail_note
     # setsid makes the server the leader of a new process group (same PID,
     # since this subshell is no group leader), so stopping it reaches every
     # process it forks and nothing else.
-    exec setsid bash -c "exec $1"
+    exec setsid "${NICE[@]}" bash -c "exec $1"
   ) > "$3" 2>&1 < /dev/null &
   server_pid=$!
   local i
@@ -312,18 +336,75 @@ check_server() { # port; on failure prints why
   return 0
 }
 
-run_wrk() { # port scenario-line output
+# CPU accounting, so a reader can tell a slow server from a busy machine:
+# wrk and the servers share the 2 cores, and so does anything else running.
+HZ=$(getconf CLK_TCK)
+# Busy ticks without irq and softirq time: loopback traffic is processed in
+# softirq context on behalf of wrk and the server, and is not charged to any
+# process, so counting it would blame our own load on "other processes".
+cpu_busy() { awk '/^cpu / { print $2 + $3 + $4 + $9; exit }' /proc/stat; }
+group_cpu() { # process group -> user+system ticks of its live processes
+  # The command name in parentheses may hold spaces, so fields are counted
+  # from after it: pgrp is the 3rd, utime and stime the 12th and 13th.
+  cat /proc/[0-9]*/stat 2>/dev/null | awk -v g="$1" '
+    { sub(/^.*\) /, ""); if ($3 == g) s += $12 + $13 } END { print s + 0 }'
+}
+# The shell's own "times" must run in this shell, not in a $(...) subshell,
+# whose children start from zero: snapshot_children writes it to a file and
+# children_cpu reads that file.
+snapshot_children() { times > "$RUN/.times"; }
+children_cpu() { # ticks used by this shell's finished children at the snapshot
+  awk -v hz="$HZ" 'NR == 2 {
+      n = split($0, t, " "); s = 0
+      for (i = 1; i <= n; i++) { split(t[i], ms, "m"); sub(/s$/, "", ms[2]); s += ms[1] * 60 + ms[2] }
+      printf "%d\n", s * hz }' "$RUN/.times"
+}
+now() { date +%s.%N; }
+
+# Waits, up to the given seconds, until the other processes on the machine
+# use less than a quarter of a core.
+wait_quiet() { # seconds
+  local deadline=$((SECONDS + $1)) b0 b1 busy
+  while :; do
+    b0=$(cpu_busy)
+    sleep 1
+    b1=$(cpu_busy)
+    busy=$(awk -v d=$((b1 - b0)) -v hz="$HZ" 'BEGIN { printf "%.2f", d / hz }')
+    if awk -v b="$busy" 'BEGIN { exit !(b < 0.25) }'; then
+      return 0
+    fi
+    if [ "$SECONDS" -ge "$deadline" ]; then
+      log "   machine still busy ($busy cores used by other processes); measuring anyway"
+      return 0
+    fi
+  done
+}
+
+run_wrk() { # port scenario-line output-prefix
   local id path conns extra label
   IFS='|' read -r id path conns extra label <<< "$2"
   path=$(trim "$path") conns=$(trim "$conns") extra=$(trim "$extra")
-  local url="http://127.0.0.1:$1$path"
+  local url="http://127.0.0.1:$1$path" r out t0 t1 b0 b1 g0 g1 c0 c1
   # A short unrecorded run first, so every server meets the measured load
   # with warm caches, grown buffers and established connections.
   # shellcheck disable=SC2086
-  timeout -k 5 30 wrk -t"$WRK_THREADS" -c"$conns" -d1s $extra "$url" > /dev/null 2>&1 || true
-  # shellcheck disable=SC2086
-  timeout -k 5 $((duration + 60)) wrk -t"$WRK_THREADS" -c"$conns" -d"${duration}s" --latency $extra "$url" > "$3" 2>&1 ||
-    echo "wrk exited with $? (timed out or failed)" >> "$3"
+  "${NICE[@]}" timeout -k 5 30 wrk -t"$WRK_THREADS" -c"$conns" -d1s $extra "$url" > /dev/null 2>&1 || true
+  for r in $(seq "$repeat"); do
+    out="$3.r$r.txt"
+    wait_quiet $((quiet_wait < 10 ? quiet_wait : 10))
+    snapshot_children
+    t0=$(now) b0=$(cpu_busy) g0=$(group_cpu "$server_pid") c0=$(children_cpu)
+    # shellcheck disable=SC2086
+    "${NICE[@]}" timeout -k 5 $((duration + 60)) wrk -t"$WRK_THREADS" -c"$conns" -d"${duration}s" --latency $extra "$url" > "$out" 2>&1 ||
+      echo "wrk exited with $? (timed out or failed)" >> "$out"
+    snapshot_children
+    t1=$(now) b1=$(cpu_busy) g1=$(group_cpu "$server_pid") c1=$(children_cpu)
+    awk -v t="$(awk -v a="$t0" -v b="$t1" 'BEGIN { print b - a }')" -v hz="$HZ" \
+      -v busy=$((b1 - b0)) -v srv=$((g1 - g0)) -v wrk=$((c1 - c0)) 'BEGIN {
+        other = busy - srv - wrk; if (other < 0) other = 0
+        printf "server_cpu=%.2f\nwrk_cpu=%.2f\nother_cpu=%.2f\n", srv / hz / t, wrk / hz / t, other / hz / t
+      }' > "$3.r$r.cpu"
+  done
 }
 
 # ---------------------------------------------------------------------------
@@ -343,6 +424,7 @@ for i in "${!names[@]}"; do
   cmd=$(fill "${cmds[$i]}" "$port" "$sdir" "$conf_file")
   load=$(cut -d' ' -f1 /proc/loadavg)
   log "== $name on port $port (load $load): $cmd"
+  wait_quiet "$quiet_wait"
   status=ok note=""
   if ! start_server "$cmd" "$port" "$sdir/server.log"; then
     status=failed note=$fail_note
@@ -353,7 +435,7 @@ for i in "${!names[@]}"; do
     while IFS= read -r scen; do
       id=$(trim "${scen%%|*}")
       log "   $name: $id"
-      run_wrk "$port" "$scen" "$RUN/raw/$name-$id.txt"
+      run_wrk "$port" "$scen" "$RUN/raw/$name-$id"
       if ! kill -0 "$server_pid" 2>/dev/null; then
         note="exited during $id"
         status=crashed
@@ -377,7 +459,7 @@ for i in "${!names[@]}"; do
     log "   $name: $idle_conns idle connections (port $idle_port)"
     if start_server "$idle_cmd" "$idle_port" "$sdir/server-idle.log"; then
       sleep 1
-      timeout -k 5 150 "$BIN/idle_conns" --port "$idle_port" --pid "$server_pid" --conns "$idle_conns" \
+      "${NICE[@]}" timeout -k 5 150 "$BIN/idle_conns" --port "$idle_port" --pid "$server_pid" --conns "$idle_conns" \
         --path /1k.bin --timeout 90 --stall 8 --settle 2 > "$RUN/idle/$name.txt" 2> "$RUN/idle/$name.err" ||
         echo "exit=$?" >> "$RUN/idle/$name.txt"
       stop_server

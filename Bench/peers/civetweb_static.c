@@ -15,6 +15,8 @@
  *  - no access log, no directory listing, a 4096 listen backlog, and a
  *    larger accepted-connection queue so bursts wait instead of being
  *    refused.
+ * civetweb answers a missing file with "Connection: close" whatever the
+ * settings, so in the 404 test wrk reconnects after every answer.
  */
 #include <civetweb.h>
 

@@ -5,10 +5,14 @@ Usage: report.py RUN_DIR
 
 Reads what Bench/run_bench.sh leaves in RUN_DIR: machine.txt (key=value),
 scenarios.txt (id | path | connections | wrk options | label), servers.txt
-(name, ours/peer, port, status, note, command; tab-separated), raw/NAME-ID.txt
-(wrk --latency output) and idle/NAME.txt (idle_conns key=value output).
+(name, ours/peer, port, status, note, command; tab-separated),
+raw/NAME-ID.rN.txt (wrk --latency output of repeat N) with raw/NAME-ID.rN.cpu
+(cores used by the server, wrk and everything else during it), and
+idle/NAME.txt (idle_conns key=value output). With several repeats the one
+with the median result is reported.
 Standard library only, plus matplotlib for the chart when it is installed.
 """
+import glob
 import os
 import re
 import sys
@@ -28,6 +32,9 @@ GOALS = {
 }
 # Scenarios judged by bytes per second rather than requests per second.
 THROUGHPUT_SCENARIOS = {"64m"}
+# Cores used by other processes during a measurement above which its
+# numbers are marked as disturbed.
+DISTURBED_CORES = 0.2
 
 UNIT_BYTES = {"B": 1, "KB": 1024, "MB": 1024**2, "GB": 1024**3, "TB": 1024**4}
 UNIT_SECONDS = {"us": 1e-6, "ms": 1e-3, "s": 1.0, "m": 60.0, "h": 3600.0}
@@ -113,6 +120,10 @@ def fmt_ratio(x):
     return f"{x:.2f}×" if x is not None else "–"
 
 
+def fmt_cores(x):
+    return f"{x:.2f}" if x is not None else "–"
+
+
 def fmt_kib(kb):
     return f"{kb / 1024:,.1f} MiB" if kb is not None else "–"
 
@@ -141,10 +152,38 @@ class Run:
         self.results = {}
         for server in self.servers:
             for scen in self.scenarios:
-                r = parse_wrk(os.path.join(run_dir, "raw", f"{server['name']}-{scen['id']}.txt"))
+                r = self.load_repeats(server["name"], scen["id"])
                 if r is not None:
                     self.results[(server["name"], scen["id"])] = r
         self.idle = {s["name"]: self.parse_idle(s["name"]) for s in self.servers}
+
+    def load_repeats(self, name, scen_id):
+        """The median repeat (by the scenario's metric), with the spread of
+        all repeats, or a failed one when none produced a number."""
+        key = "mbps" if scen_id in THROUGHPUT_SCENARIOS else "rps"
+        runs = []
+        pattern = os.path.join(self.dir, "raw", f"{glob.escape(name)}-{glob.escape(scen_id)}.r*.txt")
+        for path in sorted(glob.glob(pattern)):
+            r = parse_wrk(path)
+            if r is None:
+                continue
+            cpu = read_kv(path[: -len(".txt")] + ".cpu")
+            for k in ("server_cpu", "wrk_cpu", "other_cpu"):
+                try:
+                    r[k] = float(cpu[k])
+                except (KeyError, ValueError):
+                    r[k] = None
+            runs.append(r)
+        if not runs:
+            return None
+        good = sorted((r for r in runs if r.get(key) is not None), key=lambda r: r[key])
+        if not good:
+            return runs[0]
+        median = dict(good[(len(good) - 1) // 2])
+        median["repeats"] = [r[key] for r in good]
+        median["failed_repeats"] = len(runs) - len(good)
+        median["max_other_cpu"] = max((r["other_cpu"] or 0) for r in runs)
+        return median
 
     def parse_idle(self, name):
         kv = read_kv(os.path.join(self.dir, "idle", f"{name}.txt"))
@@ -200,6 +239,13 @@ class Run:
 
 def errors_note(scen_id, r):
     notes = [f"{k} errors {v:,}" for k, v in r["errors"].items()]
+    if r.get("max_other_cpu", 0) > DISTURBED_CORES:
+        notes.insert(0, f"⚠ disturbed: other processes used {r['max_other_cpu']:.2f} cores")
+    if len(r.get("repeats", [])) > 1:
+        fmt = fmt_mbps if scen_id in THROUGHPUT_SCENARIOS else fmt_int
+        notes.append(f"{len(r['repeats'])} runs: {fmt(r['repeats'][0])}–{fmt(r['repeats'][-1])}")
+    if r.get("failed_repeats"):
+        notes.append(f"{r['failed_repeats']} runs failed")
     if scen_id == "404":
         if r.get("requests") and r["non2xx"] != r["requests"]:
             notes.append(f"only {r['non2xx']:,} of {r['requests']:,} answers were errors")
@@ -274,11 +320,20 @@ def write_markdown(run, chart_ok):
     w("")
     w(f"Load: wrk {m.get('wrk', '?')} on the same machine, -t{m.get('wrk_threads', '?')}, "
       f"{m.get('duration', '?')} s per scenario after a 1 s warm-up, one server at a time on 127.0.0.1. "
-      f"Open-file limit: {m.get('nofile', '?')}.")
+      f"Open-file limit: {m.get('nofile', '?')}."
+      + (f" Servers, wrk and the idle client ran at niceness {m['nice']}." if m.get("nice", "0") != "0" else "")
+      + (f" Each scenario was measured {m['repeat']} times; the median is shown." if m.get("repeat", "1") != "1" else ""))
     w("")
     versions = ", ".join(f"{k[len('version_'):]} {v}" for k, v in m.items() if k.startswith("version_"))
     w(f"Package versions: {versions}.")
     w("")
+    disturbed = max((r.get("max_other_cpu", 0) for r in run.results.values()), default=0)
+    if disturbed > DISTURBED_CORES:
+        count = sum(1 for r in run.results.values() if r.get("max_other_cpu", 0) > DISTURBED_CORES)
+        w(f"**Warning:** other processes on the machine used up to {disturbed:.2f} of the "
+          f"{m.get('cores', '?')} cores during {count} of the measurements (marked ⚠ below); those numbers "
+          "understate the server. Rerun on a quiet machine, or with `--repeat 3`.")
+        w("")
     if "ours_missing" in m:
         w(f"Our server was asked for but `{m['ours_missing']}` does not exist, so only the peers ran.")
         w("")
@@ -335,22 +390,23 @@ def write_markdown(run, chart_ok):
         w("")
         best = run.fastest_peer(scen["id"])
         nginx_value = run.metric(NGINX, scen["id"])
-        w("| Server | Requests/s | MB/s | p99 latency | vs fastest peer | vs nginx | Notes |")
-        w("|---|---:|---:|---:|---:|---:|---|")
+        w("| Server | Requests/s | MB/s | p99 latency | vs fastest peer | vs nginx | Server CPU | wrk CPU | Notes |")
+        w("|---|---:|---:|---:|---:|---:|---:|---:|---|")
         for s in run.ordered(scen["id"]):
             label = s["name"] + (" (ours)" if s["ours"] else "")
             r = run.results.get((s["name"], scen["id"]))
             if r is None:
-                w(f"| {label} | – | – | – | – | – | {s['status']} {s['note']}".rstrip() + " |")
+                w(f"| {label} | – | – | – | – | – | – | – | {s['status']} {s['note']}".rstrip() + " |")
                 continue
             if "rps" not in r:
-                w(f"| {label} | – | – | – | – | – | wrk failed: {r['failed']} |")
+                w(f"| {label} | – | – | – | – | – | – | – | wrk failed: {r['failed']} |")
                 continue
             v = run.metric(s["name"], scen["id"])
             vs_best = v / best[1] if best and v is not None and best[1] else None
             vs_nginx = v / nginx_value if nginx_value and v is not None else None
             w(f"| {label} | {fmt_int(r['rps'])} | {fmt_mbps(r.get('mbps'))} | {fmt_latency(r.get('p99'))} | "
-              f"{fmt_ratio(vs_best)} | {fmt_ratio(vs_nginx)} | {errors_note(scen['id'], r)} |")
+              f"{fmt_ratio(vs_best)} | {fmt_ratio(vs_nginx)} | {fmt_cores(r.get('server_cpu'))} | "
+              f"{fmt_cores(r.get('wrk_cpu'))} | {errors_note(scen['id'], r)} |")
     w("")
 
     target_n = m.get("idle_conns", "10000")
@@ -395,6 +451,9 @@ def write_markdown(run, chart_ok):
       "after opening the connections minus before, divided by the number still held open; a fresh server "
       "instance is used for this test. Kernel socket buffers are not part of any process's RSS, and "
       "memory a server allocates up front (for example nginx's connection table) counts in \"before\".")
+    w("- Server CPU and wrk CPU are the cores each used on average during the measurement (the machine "
+      f"has {m.get('cores', '?')}; wrk shares them with the server). A row marked ⚠ had other processes "
+      f"using more than {DISTURBED_CORES} cores at the same time.")
     w("- Threads: the Threads: line of /proc/PID/status summed over the server's processes while the "
       "connections are held.")
     if chart_ok:
@@ -431,8 +490,12 @@ def write_chart(run):
             values = [run.metric(s["name"], pid) for s in servers]
         heights = [v if v is not None else 0 for v in values]
         bars = ax.bar(range(len(servers)), heights, color=colors)
-        for bar, v in zip(bars, values):
+        target_n = int(run.machine.get("idle_conns", "10000"))
+        for s, bar, v in zip(servers, bars, values):
             label = "n/a" if v is None else (f"{v:,.0f}" if v >= 100 else f"{v:,.1f}")
+            held = (run.idle.get(s["name"]) or {}).get("held_open")
+            if pid == "idle" and v is not None and held is not None and held < target_n:
+                label += f"\n(held {held:,})"
             ax.annotate(label, (bar.get_x() + bar.get_width() / 2, bar.get_height()), ha="center", va="bottom",
                         fontsize=7, xytext=(0, 2), textcoords="offset points")
         if pid == "idle":
