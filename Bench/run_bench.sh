@@ -269,7 +269,7 @@ stop_server() {
   # The server leads its own process group, so its workers go with it.
   kill -TERM -- "-$pid" 2>/dev/null || true
   for i in $(seq 50); do
-    kill -0 "$pid" 2>/dev/null || break
+    alive "$pid" || break
     sleep 0.1
   done
   kill -KILL -- "-$pid" 2>/dev/null || true
@@ -283,9 +283,21 @@ stop_server() {
 trap 'stop_server' EXIT
 trap 'exit 130' INT TERM
 
+# A dead child stays a zombie until waited for, and kill -0 still
+# succeeds on a zombie, so look at its state instead.
+alive() { # pid
+  local state
+  state=$(awk '{ sub(/^.*\) /, ""); print $1 }' "/proc/$1/stat" 2>/dev/null) || return 1
+  [ -n "$state" ] && [ "$state" != Z ] && [ "$state" != X ]
+}
+
 fail_note=""
 start_server() { # command port logfile; on failure sets fail_note
   stop_server
+  if curl -s -o /dev/null -m 1 "http://127.0.0.1:$2/"; then
+    fail_note="port $2 is already in use by another program"
+    return 1
+  fi
   (
     cd "$REPO"
     # setsid makes the server the leader of a new process group (same PID,
@@ -296,7 +308,7 @@ start_server() { # command port logfile; on failure sets fail_note
   server_pid=$!
   local i
   for i in $(seq 150); do
-    if ! kill -0 "$server_pid" 2>/dev/null; then
+    if ! alive "$server_pid"; then
       wait "$server_pid" 2>/dev/null || true
       server_pid=""
       fail_note="exited at start (see $(basename "$3"))"
@@ -401,9 +413,15 @@ run_wrk() { # port scenario-line output-prefix
     t1=$(now) b1=$(cpu_busy) g1=$(group_cpu "$server_pid") c1=$(children_cpu)
     awk -v t="$(awk -v a="$t0" -v b="$t1" 'BEGIN { print b - a }')" -v hz="$HZ" \
       -v busy=$((b1 - b0)) -v srv=$((g1 - g0)) -v wrk=$((c1 - c0)) 'BEGIN {
+        # A server that died took its CPU count with it.
+        if (srv < 0) { print "server_cpu=unknown"; srv = 0 } else printf "server_cpu=%.2f\n", srv / hz / t
         other = busy - srv - wrk; if (other < 0) other = 0
-        printf "server_cpu=%.2f\nwrk_cpu=%.2f\nother_cpu=%.2f\n", srv / hz / t, wrk / hz / t, other / hz / t
+        printf "wrk_cpu=%.2f\nother_cpu=%.2f\n", wrk / hz / t, other / hz / t
       }' > "$3.r$r.cpu"
+    if ! alive "$server_pid"; then
+      echo "SERVER EXITED during this measurement" >> "$out"
+      return
+    fi
   done
 }
 
@@ -436,7 +454,7 @@ for i in "${!names[@]}"; do
       id=$(trim "${scen%%|*}")
       log "   $name: $id"
       run_wrk "$port" "$scen" "$RUN/raw/$name-$id"
-      if ! kill -0 "$server_pid" 2>/dev/null; then
+      if ! alive "$server_pid"; then
         note="exited during $id"
         status=crashed
         server_pid=""

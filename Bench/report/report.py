@@ -71,6 +71,8 @@ def parse_wrk(path):
             text = f.read()
     except FileNotFoundError:
         return None
+    if "SERVER EXITED" in text:
+        return {"failed": "the server exited during this measurement"}
     m = re.search(r"^Requests/sec:\s+([\d.]+)", text, re.M)
     if not m:
         return {"failed": text.strip().splitlines()[-1] if text.strip() else "no output"}
