@@ -1,0 +1,28 @@
+#ifndef NVQ_FUZZ_FUZZTARGETS_H
+#define NVQ_FUZZ_FUZZTARGETS_H
+
+#include <cstddef>
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+
+// Entry points shared by the libFuzzer binaries and the corpus replay test.
+// Each returns 0 and aborts on a broken invariant.
+
+// Request parser. The first two bytes seed the slicing of the rest into Parse
+// calls on a growing buffer.
+int FuzzRequestParser(const uint8_t *data, size_t size);
+
+// UriDecode, parameter splitting from a query and from a form body, and the
+// name decoding.
+int FuzzUrlParams(const uint8_t *data, size_t size);
+
+#define NVQ_FUZZ_CHECK(condition)                                                                            \
+    do {                                                                                                     \
+        if (!(condition)) {                                                                                  \
+            std::fprintf(stderr, "%s:%d: check failed: %s\n", __FILE__, __LINE__, #condition);               \
+            std::abort();                                                                                    \
+        }                                                                                                    \
+    } while (0)
+
+#endif

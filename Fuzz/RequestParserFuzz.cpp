@@ -1,0 +1,370 @@
+// Feeds arbitrary bytes to the request parser in one call and in random
+// slices on a growing buffer, and checks both against a plain byte-by-byte
+// model of the state machine written separately from the parser.
+#include "FuzzTargets.h"
+
+#include "HTTP/HTTPRequestParser.h"
+#include "KZF_Utilities/Linux/SysUtils.h"
+
+#include <algorithm>
+#include <cstring>
+#include <map>
+#include <memory>
+#include <string>
+
+namespace
+{
+
+using NVQ::CHTTPRequestParser;
+
+struct SSnapshot {
+    std::string method;
+    std::string uri;
+    std::map<std::string, std::string> headers;
+    std::map<std::string, std::string> params;
+    long bodySize = 0;
+    bool hasBody = false;
+    std::string body;
+};
+
+SSnapshot Snapshot(const CHTTPRequestParser &parser)
+{
+    SSnapshot s;
+    KZF::CRefCountPtr<NVQ::CHTTPRequest> request = parser.GetRequest();
+    NVQ_FUZZ_CHECK(!request.IsNull());
+    s.method = request->GetMethod();
+    s.uri = request->GetUri();
+    s.headers = request->GetHeaderFields();
+    s.params = request->GetRequestParams();
+    s.bodySize = request->GetBodySize();
+    s.hasBody = request->GetBody() != nullptr;
+    if (s.hasBody && s.bodySize > 0)
+        s.body.assign(reinterpret_cast<const char *>(request->GetBody()), static_cast<size_t>(s.bodySize));
+    return s;
+}
+
+bool SameRequest(const SSnapshot &a, const SSnapshot &b)
+{
+    return a.method == b.method && a.uri == b.uri && a.headers == b.headers && a.params == b.params &&
+           a.bodySize == b.bodySize && a.hasBody == b.hasBody && a.body == b.body;
+}
+
+// The state machine exactly as written in its tables, one byte per step, with
+// no shortcuts. Parameters are left out: they follow from the URI.
+struct SModel {
+    int position = 0;
+    int state = 2;
+    std::string token;
+    std::string value;
+    int bodyStart = 0;
+    int lastError = 0;
+    int errorPosition = 0;
+    SSnapshot request;
+
+    int Parse(const uint8_t *buffer, int length, int &consumed)
+    {
+        if (state == 0)
+            return 2;
+        int i = position;
+        for (; i < length && state != 0 && state != 1; ++i)
+            Step(buffer, i);
+        position = i;
+        consumed = i;
+        if (state == 0) {
+            errorPosition = i;
+            return 2;
+        }
+        if (state == 16 && bodyStart == position && request.bodySize == 0) {
+            state = 1;
+            return 0;
+        }
+        return state == 1 ? 0 : 1;
+    }
+
+    void Step(const uint8_t *buffer, int i)
+    {
+        const char c = static_cast<char>(buffer[i]);
+        if (state >= 2 && state <= 7)
+            LineStep(c);
+        else if (state >= 8 && state <= 14)
+            HeaderStep(c);
+        else if (state == 15) {
+            if (c == '\n') {
+                bodyStart = i + 1;
+                state = 16;
+            } else {
+                lastError = 3;
+                state = 0;
+            }
+        } else if (state == 16 && static_cast<long>(i) + 1 - bodyStart >= request.bodySize) {
+            request.body.assign(reinterpret_cast<const char *>(buffer) + bodyStart,
+                                static_cast<size_t>(request.bodySize));
+            request.hasBody = true;
+            state = 1;
+        }
+    }
+
+    void LineStep(char c)
+    {
+        const bool sp = c == ' ';
+        switch (state) {
+        case 2:
+            if (!sp) {
+                token = std::string(1, c);
+                state = 3;
+            }
+            break;
+        case 3:
+            if (sp) {
+                request.method = token;
+                token.clear();
+                state = 4;
+            } else
+                token += c;
+            break;
+        case 4:
+            if (!sp) {
+                token += c;
+                state = 5;
+            }
+            break;
+        case 5:
+            if (sp) {
+                request.uri = token;
+                token.clear();
+                state = 6;
+            } else
+                token += c;
+            break;
+        case 6:
+            if (!sp) {
+                token += c;
+                state = 7;
+            }
+            break;
+        case 7:
+            if (c == '\n') {
+                token.clear();
+                state = 8;
+            } else if (c != '\r')
+                token += c;
+            break;
+        }
+    }
+
+    void HeaderStep(char c)
+    {
+        const bool blank = c == ' ' || c == '\r' || c == '\n';
+        switch (state) {
+        case 8:
+            if (!blank) {
+                token = std::string(1, c);
+                state = 9;
+            }
+            break;
+        case 9:
+            if (c == ':')
+                state = 11;
+            else if (blank)
+                state = 10;
+            else
+                token += c;
+            break;
+        case 10:
+            if (blank || c == ':') {
+                value.clear();
+                state = 11;
+            } else {
+                lastError = 2;
+                state = 0;
+            }
+            break;
+        case 11:
+            if (!blank) {
+                value = std::string(1, c);
+                state = 12;
+            }
+            break;
+        case 12:
+            if (c == '\r' || c == '\n') {
+                if (token == "Content-Length") {
+                    const long size = _atoi(value.c_str());
+                    request.bodySize = size < 0 ? 0 : size;
+                } else {
+                    std::string name = token;
+                    for (char &ch : name)
+                        if (ch >= 'A' && ch <= 'Z')
+                            ch = static_cast<char>(ch - 'A' + 'a');
+                    request.headers[name] = value;
+                }
+                token.clear();
+                value.clear();
+                state = 8;
+            } else
+                value += c;
+            break;
+        case 13:
+            if (c == '\n')
+                state = 14;
+            break;
+        case 14:
+            if (c == '\r')
+                state = 15;
+            else if (c == ' ' || c == '\n')
+                state = 8;
+            else {
+                token = std::string(1, c);
+                state = 9;
+            }
+            break;
+        }
+        if (c == '\r' && state >= 8 && state <= 14)
+            state = 13;
+    }
+};
+
+struct SRandom {
+    uint32_t state;
+    uint32_t Next()
+    {
+        state ^= state << 13;
+        state ^= state >> 17;
+        state ^= state << 5;
+        return state;
+    }
+};
+
+std::unique_ptr<uint8_t[]> ExactCopy(const uint8_t *data, int length)
+{
+    // Exactly length bytes on the heap: any read past the end is reported.
+    std::unique_ptr<uint8_t[]> copy(new uint8_t[static_cast<size_t>(length)]);
+    if (length > 0)
+        std::memcpy(copy.get(), data, static_cast<size_t>(length));
+    return copy;
+}
+
+void CheckOutcome(const CHTTPRequestParser &parser, int result, int consumed, int length,
+                  const uint8_t *input)
+{
+    NVQ_FUZZ_CHECK(consumed >= 0 && consumed <= length);
+    int position = -1;
+    const int error = parser.GetLastError(position);
+    const SSnapshot request = Snapshot(parser);
+    switch (result) {
+    case CHTTPRequestParser::eParseIncomplete:
+        NVQ_FUZZ_CHECK(consumed == length);
+        NVQ_FUZZ_CHECK(error == 0 && position == 0);
+        NVQ_FUZZ_CHECK(!request.hasBody);
+        break;
+    case CHTTPRequestParser::eParseError:
+        NVQ_FUZZ_CHECK(error == CHTTPRequestParser::eErrorFieldSyntax ||
+                       error == CHTTPRequestParser::eErrorHeaderEnd);
+        NVQ_FUZZ_CHECK(position == consumed && position > 0);
+        break;
+    case CHTTPRequestParser::eParseComplete:
+        NVQ_FUZZ_CHECK(parser.IsCompleteRequest());
+        NVQ_FUZZ_CHECK(error == 0 && position == 0);
+        NVQ_FUZZ_CHECK(request.bodySize >= 0);
+        // A completed request's body size is the size of the body it holds,
+        // and the body is the last bytes examined.
+        if (request.hasBody) {
+            NVQ_FUZZ_CHECK(request.bodySize <= consumed);
+            NVQ_FUZZ_CHECK(static_cast<long>(request.body.size()) == request.bodySize);
+            NVQ_FUZZ_CHECK(std::memcmp(request.body.data(), input + consumed - request.bodySize,
+                                       static_cast<size_t>(request.bodySize)) == 0);
+        } else {
+            NVQ_FUZZ_CHECK(request.bodySize == 0);
+        }
+        break;
+    default:
+        NVQ_FUZZ_CHECK(false && "unknown parse result");
+    }
+}
+
+} // namespace
+
+int FuzzRequestParser(const uint8_t *data, size_t size)
+{
+    if (size < 2 || size > (1u << 20))
+        return 0;
+    SRandom random = {(static_cast<uint32_t>(data[0]) | static_cast<uint32_t>(data[1]) << 8) + 1u};
+    const uint8_t *input = data + 2;
+    const int length = static_cast<int>(size - 2);
+
+    // Whole input in one call.
+    CHTTPRequestParser whole;
+    int wholeConsumed = -1;
+    std::unique_ptr<uint8_t[]> buffer = ExactCopy(input, length);
+    const int wholeResult = whole.Parse(buffer.get(), length, wholeConsumed);
+    CheckOutcome(whole, wholeResult, wholeConsumed, length, input);
+    const SSnapshot wholeRequest = Snapshot(whole);
+
+    // The model agrees byte for byte.
+    SModel model;
+    int modelConsumed = -1;
+    const int modelResult = model.Parse(input, length, modelConsumed);
+    NVQ_FUZZ_CHECK(modelResult == wholeResult);
+    NVQ_FUZZ_CHECK(modelConsumed == wholeConsumed);
+    int wholePosition = 0;
+    NVQ_FUZZ_CHECK(model.lastError == whole.GetLastError(wholePosition));
+    NVQ_FUZZ_CHECK(model.errorPosition == wholePosition);
+    NVQ_FUZZ_CHECK(model.request.method == wholeRequest.method && model.request.uri == wholeRequest.uri);
+    NVQ_FUZZ_CHECK(model.request.headers == wholeRequest.headers);
+    NVQ_FUZZ_CHECK(model.request.bodySize == wholeRequest.bodySize);
+    NVQ_FUZZ_CHECK(model.request.hasBody == wholeRequest.hasBody && model.request.body == wholeRequest.body);
+
+    // End states are sticky: another call examines nothing.
+    int again = -7;
+    NVQ_FUZZ_CHECK(whole.Parse(buffer.get(), length, again) == wholeResult);
+    NVQ_FUZZ_CHECK(again == (wholeResult == CHTTPRequestParser::eParseError ? -7 : wholeConsumed));
+    NVQ_FUZZ_CHECK(SameRequest(Snapshot(whole), wholeRequest));
+
+    // The same bytes in random slices, on a buffer that moves on every call.
+    CHTTPRequestParser sliced;
+    int offered = 0;
+    int slicedResult = CHTTPRequestParser::eParseIncomplete;
+    int slicedConsumed = -1;
+    for (;;) {
+        uint32_t step = random.Next() % 17;
+        if (random.Next() % 8 == 0)
+            step = random.Next() % static_cast<uint32_t>(length + 1);
+        offered = static_cast<int>(std::min<long>(length, static_cast<long>(offered) + step));
+        std::unique_ptr<uint8_t[]> piece = ExactCopy(input, offered);
+        int consumed = -1;
+        slicedResult = sliced.Parse(piece.get(), offered, consumed);
+        if (slicedResult == CHTTPRequestParser::eParseIncomplete)
+            NVQ_FUZZ_CHECK(consumed == offered);
+        if (consumed != -1)
+            slicedConsumed = consumed;
+        if (slicedResult != CHTTPRequestParser::eParseIncomplete || offered == length) {
+            CheckOutcome(sliced, slicedResult, slicedConsumed, offered, input);
+            break;
+        }
+    }
+    NVQ_FUZZ_CHECK(slicedResult == wholeResult);
+    const SSnapshot slicedRequest = Snapshot(sliced);
+    if (slicedConsumed == wholeConsumed - 1 && wholeResult == CHTTPRequestParser::eParseComplete &&
+        wholeRequest.hasBody && wholeRequest.bodySize == 0) {
+        // A body of size 0 completes at the end of a call that stops right
+        // after the header block (no body set); in a longer buffer it completes
+        // on the next byte, which sets an empty body.
+        NVQ_FUZZ_CHECK(!slicedRequest.hasBody);
+        SSnapshot expected = wholeRequest;
+        expected.hasBody = false;
+        NVQ_FUZZ_CHECK(SameRequest(slicedRequest, expected));
+    } else {
+        NVQ_FUZZ_CHECK(slicedConsumed == wholeConsumed);
+        NVQ_FUZZ_CHECK(SameRequest(slicedRequest, wholeRequest));
+        int slicedPosition = 0;
+        NVQ_FUZZ_CHECK(sliced.GetLastError(slicedPosition) == whole.GetLastError(wholePosition));
+        NVQ_FUZZ_CHECK(slicedPosition == wholePosition);
+    }
+
+    // Reset starts over on a fresh request; the old one lives on while held.
+    KZF::CRefCountPtr<NVQ::CHTTPRequest> kept = sliced.GetRequest();
+    sliced.Reset();
+    NVQ_FUZZ_CHECK(sliced.GetRequest().GetPtr() != kept.GetPtr());
+    NVQ_FUZZ_CHECK(sliced.GetRequest()->GetHeaderFields().empty());
+    NVQ_FUZZ_CHECK(kept->GetMethod() == wholeRequest.method);
+    return 0;
+}
