@@ -71,7 +71,13 @@ bool CHTTPRequest::AddHeaderField(const KZF::tstring &name, const KZF::tstring &
 {
     KZF::tstring lowerName(name);
     KZF::CSysUtils::ToLower(lowerName);
-    return m_headerFields.insert_or_assign(std::move(lowerName), value).second;
+    // emplace looks the key up once; a repeated name (rare) then takes the
+    // later value.
+    const std::pair<CKeyValueMap::iterator, bool> inserted =
+        m_headerFields.emplace(std::move(lowerName), value);
+    if (!inserted.second)
+        inserted.first->second = value;
+    return inserted.second;
 }
 
 bool CHTTPRequest::GetHeaderFieldValueByName(const KZF::tstring &name, KZF::tstring &value) const

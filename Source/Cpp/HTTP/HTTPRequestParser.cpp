@@ -155,10 +155,21 @@ int CHTTPRequestParser::TakeOrdinaryRun(int i, int length)
         end = FindClass(buffer, i, length, eClassSP | eClassCR | eClassLF | eClassColon);
         m_token.append(reinterpret_cast<const char *>(buffer) + i, static_cast<size_t>(end - i));
         break;
-    case eStateFieldValue:
-        end = FindClass(buffer, i, length, eClassCR | eClassLF);
+    case eStateFieldValue: {
+        // Values are the long part of a header block, so they are scanned with
+        // memchr: first to the LF that ends the line, then for a CR before it.
+        // The LF scan never passes bytes that the parser would not reach
+        // anyway (after a bare CR everything up to the next LF is skipped), so
+        // the work stays linear in the bytes consumed.
+        const void *lineFeed = std::memchr(buffer + i, c_LF, static_cast<size_t>(length - i));
+        end = lineFeed != nullptr ? static_cast<int>(static_cast<const unsigned char *>(lineFeed) - buffer)
+                                  : length;
+        const void *carriageReturn = std::memchr(buffer + i, c_CR, static_cast<size_t>(end - i));
+        if (carriageReturn != nullptr)
+            end = static_cast<int>(static_cast<const unsigned char *>(carriageReturn) - buffer);
         m_value.append(reinterpret_cast<const char *>(buffer) + i, static_cast<size_t>(end - i));
         break;
+    }
     case eStateBody: {
         // Byte i completes the body when i + 1 - m_bodyStart >= size; in long,
         // because a saturated Content-Length would overflow int arithmetic.
@@ -361,7 +372,7 @@ bool CHTTPRequestParser::ProcessHeaderField(const KZF::tstring &name, const KZF:
         return true;
     // _atoi reads like atoi but saturates; the request maps a negative size
     // to 0. A later Content-Length replaces an earlier one.
-    if (name == c_contentLength)
+    if (name.size() == sizeof c_contentLength - 1 && name.compare(c_contentLength) == 0)
         request->SetBodySize(_atoi(value.c_str()));
     else
         request->AddHeaderField(name, value);
