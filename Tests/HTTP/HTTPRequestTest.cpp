@@ -2,7 +2,9 @@
 
 #include <gtest/gtest.h>
 
+#include <cctype>
 #include <climits>
+#include <cstdio>
 #include <cstring>
 #include <map>
 #include <memory>
@@ -22,38 +24,16 @@ struct SDecodeCase {
 
 TEST(HTTPRequestTest, UriDecodeKeepsAllButPunctuationControlAndPairedEscapes)
 {
+    // clang-format off
     const SDecodeCase cases[] = {
-        {"plain/path", "plain/path"},
-        {"%zz", "%zz"},
-        {"%", "%"},
-        {"%4", "%4"},
-        {"%20", " "},
-        {"%2B", "+"},
-        {"+", "+"},
-        {"a%2Fb", "a/b"},
-        {"%2f%2e%2E", "/.."},
-        {"%7e", "~"},
-        {"%41", "%41"},
-        {"%30", "%30"},
-        {"%25", "%25"},
-        {"%2541", "%2541"},
-        {"%41%42", "AB"},
-        {"%41%42%43", "AB%43"},
-        {"%C3%A9", "\xC3\xA9"},
-        {"%E2%82%AC", "\xE2\x82%AC"},
-        {"%00", "\0"s},
-        {"%1F", "%1F"},
-        {"%1E", "\x1E"},
-        {"%7F", "\x7F"},
-        {"%80", "%80"},
-        {"%41%4", "%41%4"},
-        {"%41%4g", "%41%4g"},
-        {"%4%41", "%4%41"},
-        {"%%20", "% "},
-        {"%2%20", "%2 "},
-        {"x%", "x%"},
-        {"%2", "%2"},
+        {"plain/path", "plain/path"}, {"%zz", "%zz"}, {"%", "%"}, {"%4", "%4"}, {"%20", " "},
+        {"%2B", "+"}, {"+", "+"}, {"a%2Fb", "a/b"}, {"%2f%2e%2E", "/.."}, {"%7e", "~"}, {"%41", "%41"},
+        {"%30", "%30"}, {"%25", "%25"}, {"%2541", "%2541"}, {"%41%42", "AB"}, {"%41%42%43", "AB%43"},
+        {"%C3%A9", "\xC3\xA9"}, {"%E2%82%AC", "\xE2\x82%AC"}, {"%00", "\0"s}, {"%1F", "%1F"},
+        {"%1E", "\x1E"}, {"%7F", "\x7F"}, {"%80", "%80"}, {"%41%4", "%41%4"}, {"%41%4g", "%41%4g"},
+        {"%4%41", "%4%41"}, {"%%20", "% "}, {"%2%20", "%2 "}, {"x%", "x%"}, {"%2", "%2"},
     };
+    // clang-format on
     for (const SDecodeCase &c : cases)
         EXPECT_EQ(c.out, CHTTPRequest::UriDecode(c.in)) << c.in;
 }
@@ -73,17 +53,13 @@ TEST(HTTPRequestTest, UriDecodeDecodesExactlySpacePunctuationAndControlBytesAlon
 
 TEST(HTTPRequestTest, NamesDecodeOnlyTheTenUpperCaseEscapes)
 {
+    // clang-format off
     const SDecodeCase cases[] = {
-        {"%3D", "="},
-        {"%3d", "%3d"},
-        {"%20", "%20"},
-        {"%41", "%41"},
-        {"%24%26%2B%2C%2F%3A%3B%3D%3F%40", "$&+,/:;=?@"},
-        {"a%2Bb%2B", "a+b+"},
-        {"%253D", "%253D"},
-        {"%%3D", "%="},
-        {"plain", "plain"},
+        {"%3D", "="}, {"%3d", "%3d"}, {"%20", "%20"}, {"%41", "%41"},
+        {"%24%26%2B%2C%2F%3A%3B%3D%3F%40", "$&+,/:;=?@"}, {"a%2Bb%2B", "a+b+"}, {"%253D", "%253D"},
+        {"%%3D", "%="}, {"plain", "plain"},
     };
+    // clang-format on
     for (const SDecodeCase &c : cases) {
         std::string name = c.in;
         removePercentEscapes(name);
@@ -172,26 +148,20 @@ struct SBodyCase {
 
 TEST(HTTPRequestTest, FormBodiesAddParametersOnlyForTheBareFormType)
 {
+    const char *const form = "application/x-www-form-urlencoded";
+    // clang-format off
     const SBodyCase cases[] = {
-        {"form type in any case",
-         "Application/X-WWW-Form-Urlencoded",
-         "/",
-         "x=1&y=%2F",
-         true,
+        {"form type in any case", "Application/X-WWW-Form-Urlencoded", "/", "x=1&y=%2F", true,
          {{"x", "1"}, {"y", "/"}}},
         {"type with a charset", "application/x-www-form-urlencoded; charset=UTF-8", "/", "x=1", true, {}},
         {"no content type", nullptr, "/", "x=1", false, {}},
         {"no content type, empty body", nullptr, "/", "", true, {}},
         {"multipart", "multipart/form-data", "/", "x=1", true, {}},
         {"other type", "text/plain", "/", "x=1", true, {}},
-        {"URI parameter wins",
-         "application/x-www-form-urlencoded",
-         "/a?x=uri",
-         "x=body&y=2",
-         true,
-         {{"x", "uri"}, {"y", "2"}}},
-        {"body ends inside a value", "application/x-www-form-urlencoded", "/", "x=12", true, {{"x", "12"}}},
+        {"URI parameter wins", form, "/a?x=uri", "x=body&y=2", true, {{"x", "uri"}, {"y", "2"}}},
+        {"body ends inside a value", form, "/", "x=12", true, {{"x", "12"}}},
     };
+    // clang-format on
     for (const SBodyCase &c : cases) {
         SCOPED_TRACE(c.name);
         CHTTPRequest request;
