@@ -229,8 +229,15 @@ TEST(HTTPRequestTest, NegativeSizesNeverAllocate)
     EXPECT_EQ(0, request.GetBodySize());
 }
 
-#if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
 // The sanitizers' allocators abort on such a request unless told otherwise.
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+#define NVQ_SANITIZED_ALLOCATOR
+#elif defined(__has_feature)
+#if __has_feature(address_sanitizer) || __has_feature(thread_sanitizer)
+#define NVQ_SANITIZED_ALLOCATOR
+#endif
+#endif
+#ifndef NVQ_SANITIZED_ALLOCATOR
 TEST(HTTPRequestTest, SetBodyReportsAFailedAllocation)
 {
     CHTTPRequest request;
