@@ -4,21 +4,23 @@
 # static files from loopback ports, measured with wrk and with our
 # idle-connection client, one server at a time.
 #
-#   Bench/run_bench.sh                 peers only, 10 s per scenario
-#   Bench/run_bench.sh --quick         peers only, 3 s per scenario
+#   Bench/run_bench.sh                 peers only, 3 x 10 s per scenario
+#   Bench/run_bench.sh --quick         peers only, 1 x 3 s per scenario
 #   Bench/run_bench.sh --nvq "build/bin/nvq-httpd --port {port} --root {root}"
 #
 # Options:
 #   --nvq CMD          our server's command line; {port} and {root} are filled
 #                      in. Benchmarked first when its program exists.
 #   --duration SEC     seconds per wrk scenario (default 10)
-#   --quick            3 s per scenario
+#   --quick            3 s per scenario, measured once
 #   --only A,B         run only these servers (names as in the table below;
 #                      "nvq" is ours)
 #   --idle-conns N     connections for the idle test (default 10000)
 #   --out DIR          run directory (default build/bench/<timestamp>)
 #   --repeat N         measure each scenario N times and report the median
-#                      (default 1; use 3 on a machine others are using)
+#                      (default 3: on 2 shared cores one 10 s run of the same
+#                      server can land 30% off depending on where the
+#                      scheduler puts wrk's and the server's threads)
 #   --quiet-wait SEC   before each server, wait up to SEC seconds for other
 #                      processes to leave the CPUs idle (default 60)
 #   --nice N           run the servers, wrk and the idle client at this
@@ -68,7 +70,7 @@ c1000 | /1k.bin          | 1000 | --timeout 10s  | 1 KiB, 1000 connections
 WRK_THREADS=2
 
 duration=10
-repeat=1
+repeat=
 quiet_wait=60
 niceness=0
 idle_conns=10000
@@ -80,7 +82,7 @@ while [ $# -gt 0 ]; do
   case "$1" in
     --nvq) nvq_cmd=$2; shift 2 ;;
     --duration) duration=$2; shift 2 ;;
-    --quick) duration=3; shift ;;
+    --quick) duration=3; repeat=${repeat:-1}; shift ;;
     --only) only=$2; shift 2 ;;
     --idle-conns) idle_conns=$2; shift 2 ;;
     --out) out=$2; shift 2 ;;
@@ -93,6 +95,7 @@ while [ $# -gt 0 ]; do
   esac
 done
 [[ "$duration" =~ ^[0-9]+$ ]] && [ "$duration" -gt 0 ] || { echo "--duration wants whole seconds" >&2; exit 2; }
+repeat=${repeat:-3}
 [[ "$repeat" =~ ^[0-9]+$ ]] && [ "$repeat" -gt 0 ] || { echo "--repeat wants a count" >&2; exit 2; }
 [[ "$quiet_wait" =~ ^[0-9]+$ ]] || { echo "--quiet-wait wants whole seconds" >&2; exit 2; }
 [[ "$niceness" =~ ^-?[0-9]+$ ]] || { echo "--nice wants a number" >&2; exit 2; }

@@ -334,7 +334,7 @@ def write_markdown(run, chart_ok):
         count = sum(1 for r in run.results.values() if r.get("max_other_cpu", 0) > DISTURBED_CORES)
         w(f"**Warning:** other processes on the machine used up to {disturbed:.2f} of the "
           f"{m.get('cores', '?')} cores during {count} of the measurements (marked ⚠ below); those numbers "
-          "understate the server. Rerun on a quiet machine, or with `--repeat 3`.")
+          "understate the server. Rerun on a quiet machine, or with `--nice -10` as root.")
         w("")
     if "ours_missing" in m:
         w(f"Our server was asked for but `{m['ours_missing']}` does not exist, so only the peers ran.")
@@ -491,14 +491,24 @@ def write_chart(run):
         else:
             values = [run.metric(s["name"], pid) for s in servers]
         heights = [v if v is not None else 0 for v in values]
-        bars = ax.bar(range(len(servers)), heights, color=colors)
+        # Whiskers span the slowest to the fastest repeat.
+        spread = [[0] * len(servers), [0] * len(servers)]
+        if pid != "idle":
+            for i, srv in enumerate(servers):
+                reps = (run.results.get((srv["name"], pid)) or {}).get("repeats") or []
+                if len(reps) > 1 and values[i] is not None:
+                    spread[0][i] = max(0, values[i] - reps[0])
+                    spread[1][i] = max(0, reps[-1] - values[i])
+        bars = ax.bar(range(len(servers)), heights, color=colors,
+                      yerr=spread if any(spread[0]) or any(spread[1]) else None, capsize=3,
+                      error_kw={"elinewidth": 0.8, "ecolor": "#333333"})
         target_n = int(run.machine.get("idle_conns", "10000"))
-        for s, bar, v in zip(servers, bars, values):
+        for s, bar, v, above in zip(servers, bars, values, spread[1]):
             label = "n/a" if v is None else (f"{v:,.0f}" if v >= 100 else f"{v:,.1f}")
             held = (run.idle.get(s["name"]) or {}).get("held_open")
             if pid == "idle" and v is not None and held is not None and held < target_n:
                 label += f"\n(held {held:,})"
-            ax.annotate(label, (bar.get_x() + bar.get_width() / 2, bar.get_height()), ha="center", va="bottom",
+            ax.annotate(label, (bar.get_x() + bar.get_width() / 2, bar.get_height() + above), ha="center", va="bottom",
                         fontsize=7, xytext=(0, 2), textcoords="offset points")
         if pid == "idle":
             ax.axhline(MAX_IDLE_BYTES, color="#d62728", linestyle="--", linewidth=0.8)
