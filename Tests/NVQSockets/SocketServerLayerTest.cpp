@@ -319,9 +319,38 @@ TEST_F(SocketServerLayerTest, UnregisterAndCloseFromInsideTheDelivery)
     ASSERT_TRUE(client.Send("quit"));
     EXPECT_EQ("bye", client.ReceiveUntilClosed());
     EXPECT_TRUE(client.IsClosed());
+    // The server reads on until the peer has closed its side too.
+    EXPECT_EQ(1, m_server.GetConnectionCount());
+    client.Close();
     ASSERT_TRUE(waitFor([&] { return m_listener.m_layerCloses.load() == 1; }));
     EXPECT_EQ(0, m_listener.m_closes.load()) << "the closing party hears nothing of its own close";
     EXPECT_TRUE(waitFor([&] { return m_server.GetConnectionCount() == 0; }));
+}
+
+TEST_F(SocketServerLayerTest, ServerCloseKeepsTheAnswerWhenThePeerIsStillSending)
+{
+    // The peer sends far more than is ever read, and reads the answer only
+    // once it is done sending. A close that left its bytes unread would reset
+    // the connection and destroy the answer on its way.
+    const std::string answer(200000, 'a');
+    std::atomic<bool> answered(false);
+    m_listener.m_onData = [&](CTestConnection &connection, NVQ::INVQDataLayer &layer,
+                              const std::string &bytes) {
+        if (bytes.empty())
+            return;
+        layer.SendData(answer.data(), static_cast<int>(answer.size()));
+        connection.Detach();
+        layer.Close();
+        answered = true;
+    };
+    CTestClient client;
+    ASSERT_TRUE(client.Connect(m_port));
+    ASSERT_TRUE(client.Send("first"));
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    EXPECT_TRUE(client.Send(std::string(1 << 20, 'x')));
+    EXPECT_EQ(answer, client.ReceiveUntilClosed());
+    EXPECT_TRUE(client.IsClosed());
+    EXPECT_TRUE(waitFor([&] { return answered.load(); })); // the answer's memory stays until it is sent
 }
 
 TEST_F(SocketServerLayerTest, PeerCloseIsReportedOnceAndHalfCloseStillGetsTheAnswer)
@@ -493,6 +522,29 @@ TEST_F(SocketServerLayerTest, StopServerWakesABlockedSendAndDeliversEveryClose)
     EXPECT_EQ(0, m_server.GetConnectionCount());
     for (CTestClient &client : idle)
         EXPECT_TRUE(client.WaitClosed(1000));
+}
+
+TEST_F(SocketServerLayerTest, StopServerEndsAnExchangeThatOnlyWatchesForTheClose)
+{
+    // Like the library's exchanges: it ignores SendData's result and stops
+    // only once the close notification has arrived.
+    std::atomic<bool> writing(false);
+    m_listener.m_onData = [&](CTestConnection &connection, NVQ::INVQDataLayer &layer,
+                              const std::string &bytes) {
+        if (bytes.empty())
+            return;
+        writing = true;
+        while (connection.m_closes.load() == 0) {
+            layer.SendData("tick", 4);
+            std::this_thread::sleep_for(std::chrono::milliseconds(1));
+        }
+    };
+    CTestClient client;
+    ASSERT_TRUE(client.Connect(m_port));
+    ASSERT_TRUE(client.Send("start"));
+    ASSERT_TRUE(waitFor([&] { return writing.load(); }));
+    m_server.StopServer();
+    EXPECT_EQ(1, m_listener.m_closes.load());
 }
 
 TEST_F(SocketServerLayerTest, HoldsManyIdleConnectionsWithAFewThreads)

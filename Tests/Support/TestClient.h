@@ -73,14 +73,20 @@ class CTestClient
         return true;
     }
 
-    // Reads until `count` bytes arrived, the peer closed, or the time is up.
+    // Exactly the next `count` bytes, or fewer when the peer closed or the
+    // time is up; bytes beyond them wait for the next call.
     std::string Receive(size_t count, int timeoutMs = 5000)
     {
         std::string received;
+        received.swap(m_leftover);
         const auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
         while (received.size() < count && !m_closed) {
             if (!ReadSome(received, end))
                 break;
+        }
+        if (received.size() > count) {
+            m_leftover = received.substr(count);
+            received.resize(count);
         }
         return received;
     }
@@ -89,6 +95,7 @@ class CTestClient
     std::string ReceiveUntilClosed(int timeoutMs = 5000)
     {
         std::string received;
+        received.swap(m_leftover);
         const auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
         while (!m_closed && ReadSome(received, end)) {
         }
@@ -112,6 +119,7 @@ class CTestClient
             ::close(m_fd);
         m_fd = -1;
         m_closed = false;
+        m_leftover.clear();
     }
 
   private:
@@ -139,6 +147,7 @@ class CTestClient
 
     int m_fd = -1;
     bool m_closed = false;
+    std::string m_leftover;
 };
 
 // Tests that open thousands of sockets need more than the usual soft limit.

@@ -41,7 +41,8 @@ std::condition_variable_any s_deliveryEnded;
 // memory, together with what is buffered, instead of being copied.
 constexpr size_t c_copyLimit = 4096;
 
-// Bound of the bytes read and dropped while closing gracefully.
+// Bytes read and dropped per event while closing gracefully, so that one
+// chatty peer cannot hold a worker.
 constexpr size_t c_lingerDrainLimit = 65536;
 
 } // namespace
@@ -96,8 +97,9 @@ CSocketConnection::CSocketConnection(CSocketServerCore &core, int fd, const stru
                                      socklen_t remoteLength)
     : m_deadline(0), m_busy(false), m_requestStarted(false), m_expired(false), m_pPrev(nullptr),
       m_pNext(nullptr), m_core(core), m_fd(fd), m_localAddress(*this), m_broken(false),
-      m_closedByServer(false), m_closeDelivered(false), m_peerClosed(false), m_drained(false), m_wrote(false),
-      m_read(false), m_pNotification(nullptr), m_activeDeliveries(0), m_unregisterWaiting(false)
+      m_closedByServer(false), m_closeDelivered(false), m_lingering(false), m_peerClosed(false),
+      m_drained(false), m_wrote(false), m_read(false), m_pNotification(nullptr), m_activeDeliveries(0),
+      m_unregisterWaiting(false)
 {
     m_remoteAddress.Set(remote, remoteLength);
 }
@@ -150,7 +152,13 @@ int CSocketConnection::ReadData(void *buffer, int size)
 
 int CSocketConnection::SendData(const void *data, int size)
 {
-    if (size < 0 || IsBroken() || IsClosedByServer() || GetFd() < 0)
+    if (IsBroken()) {
+        // Broken by another thread (StopServer, the reaper) while this one
+        // was busy elsewhere: the writer learns of the close now.
+        DeliverConnectionClosed();
+        return -1;
+    }
+    if (size < 0 || IsClosedByServer() || GetFd() < 0)
         return -1;
     if (size == 0)
         return 0;
@@ -368,20 +376,38 @@ void CSocketConnection::Close()
     m_core.ShutdownConnection(*this);
 }
 
-void CSocketConnection::CloseSocket(bool graceful)
+bool CSocketConnection::Linger()
+{
+    const int fd = GetFd();
+    if (fd < 0 || IsBroken())
+        return true;
+    if (!m_lingering) {
+        // Our FIN goes out after everything written; the peer's own bytes
+        // are then read and dropped until it closes, since closing a socket
+        // with unread input sends a reset that can destroy the answer's tail
+        // on its way to the peer.
+        m_lingering = true;
+        ::shutdown(fd, SHUT_WR);
+    }
+    unsigned char scratch[4096];
+    for (size_t drained = 0; drained < c_lingerDrainLimit;) {
+        const ssize_t n = ::recv(fd, scratch, sizeof(scratch), 0);
+        if (n > 0) {
+            drained += static_cast<size_t>(n);
+            continue;
+        }
+        if (n < 0 && errno == EINTR)
+            continue;
+        return n == 0 || (errno != EAGAIN && errno != EWOULDBLOCK);
+    }
+    return false;
+}
+
+void CSocketConnection::CloseSocket()
 {
     const int fd = m_fd.exchange(-1);
-    if (fd < 0)
-        return;
-    if (graceful && !IsBroken()) {
-        ::shutdown(fd, SHUT_WR);
-        unsigned char scratch[4096];
-        size_t drained = 0;
-        ssize_t n;
-        while (drained < c_lingerDrainLimit && (n = ::recv(fd, scratch, sizeof(scratch), 0)) > 0)
-            drained += static_cast<size_t>(n);
-    }
-    ::close(fd);
+    if (fd >= 0)
+        ::close(fd);
 }
 
 } // namespace NVQ

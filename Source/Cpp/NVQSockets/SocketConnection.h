@@ -110,10 +110,14 @@ class CSocketConnection : public INVQDataLayer
     bool WroteInNotification() const { return m_wrote; }
     bool ReadInNotification() const { return m_read; }
 
-    // Closes the socket (once). A graceful close first sends what is queued
-    // with a FIN and drains what the peer still sent, so that the peer reads
-    // the whole answer instead of a reset.
-    void CloseSocket(bool graceful);
+    // After a close by the server: sends the FIN and drops what the peer
+    // still sends. True once the peer has closed too (or failed), false
+    // while it may still send.
+    bool Linger();
+    bool IsLingering() const { return m_lingering; }
+
+    // Closes the socket (once).
+    void CloseSocket();
 
     // Deadline of the current wait (idle, or receiving a request), in
     // milliseconds of the coarse monotonic clock; checked by the reaper while
@@ -141,6 +145,7 @@ class CSocketConnection : public INVQDataLayer
     std::atomic<bool> m_broken;
     std::atomic<bool> m_closedByServer;
     std::atomic<bool> m_closeDelivered;
+    bool m_lingering;
     bool m_peerClosed;
     bool m_drained; // a short read emptied the socket during this notification
     bool m_wrote;

@@ -27,6 +27,9 @@ constexpr int c_workerIdleExitMs = 10000;
 // While every worker is busy, the watcher looks this often whether any of
 // them made progress; if none did, one more worker is started.
 constexpr int c_watchIntervalMs = 10;
+// A connection closed by the server reads and drops the peer's bytes for at
+// most this long before its socket is closed anyway.
+constexpr int c_lingerTimeoutMs = 5000;
 // Checks with a free worker before the watcher stops looking closely.
 constexpr int c_calmChecksBeforeRest = 50;
 // After running out of file descriptors, accepting pauses this long.
@@ -333,7 +336,7 @@ void CSocketServerCore::AcceptFrom(int listenFd, int64_t now)
         m_pAccepting = nullptr;
         if (!taken || !connection->IsRegistered()) {
             // Nobody will ever read it.
-            FinishConnection(*connection, false);
+            FinishConnection(*connection);
             continue;
         }
         struct epoll_event event;
@@ -342,7 +345,7 @@ void CSocketServerCore::AcceptFrom(int listenFd, int64_t now)
         if (::epoll_ctl(m_epollFd, EPOLL_CTL_ADD, fd, &event) != 0) {
             connection->MarkBroken();
             connection->DeliverConnectionClosed();
-            FinishConnection(*connection, false);
+            FinishConnection(*connection);
         }
     }
 }
@@ -542,13 +545,22 @@ void CSocketServerCore::ProcessEvent(CSocketConnection &connection, uint32_t eve
 void CSocketServerCore::Settle(CSocketConnection &connection, uint32_t events)
 {
     if (connection.IsClosedByServer()) {
-        FinishConnection(connection, true);
+        const bool firstTime = !connection.IsLingering();
+        if (connection.Linger()) {
+            FinishConnection(connection);
+            return;
+        }
+        if (firstTime)
+            connection.m_deadline.store(monotonicMilliseconds() + c_lingerTimeoutMs,
+                                        std::memory_order_relaxed);
+        if (!connection.HandBack(m_epollFd))
+            FinishConnection(connection);
         return;
     }
     if (connection.IsBroken() || connection.IsPeerClosed() || (events & (EPOLLHUP | EPOLLERR)) != 0 ||
         !connection.IsRegistered()) {
         connection.DeliverConnectionClosed();
-        FinishConnection(connection, false);
+        FinishConnection(connection);
         return;
     }
     // An answer ends the request: wait for the next one as an idle
@@ -565,18 +577,18 @@ void CSocketServerCore::Settle(CSocketConnection &connection, uint32_t events)
     if (!connection.HandBack(m_epollFd)) {
         connection.MarkBroken();
         connection.DeliverConnectionClosed();
-        FinishConnection(connection, false);
+        FinishConnection(connection);
     }
 }
 
-void CSocketServerCore::FinishConnection(CSocketConnection &connection, bool graceful)
+void CSocketServerCore::FinishConnection(CSocketConnection &connection)
 {
     // Off the list first: from then on no other thread touches the socket.
     Unlink(connection);
     if (m_layer.HasNotifications())
         m_layer.NotifyForConnectionClosed(connection, connection.GetRemoteAddress(),
                                           connection.GetLocalAddress());
-    connection.CloseSocket(graceful);
+    connection.CloseSocket();
     connection.ReleaseRef(); // the list's reference
     if (m_stopping.load()) {
         std::lock_guard<std::mutex> lock(m_listMutex);

@@ -67,7 +67,7 @@ class CSocketServerCore
     bool TryRetire();
     void ProcessEvent(CSocketConnection &connection, uint32_t events, SWorkerContext &context);
     void Settle(CSocketConnection &connection, uint32_t events);
-    void FinishConnection(CSocketConnection &connection, bool graceful);
+    void FinishConnection(CSocketConnection &connection);
     void Link(CSocketConnection &connection);
     void Unlink(CSocketConnection &connection);
     int ReaperPeriodMs() const;

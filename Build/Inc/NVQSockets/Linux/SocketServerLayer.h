@@ -30,11 +30,11 @@ class CSocketServerLayer : public CNVQMultiPointLayerBase, public KZF::CThread
 {
   public:
     // Documented defaults of the knobs below.
-    static const int c_defaultIdleTimeoutMs = 60000;
-    static const int c_defaultRequestTimeoutMs = 30000;
-    static const int c_defaultSendTimeoutMs = 30000;
-    static const int c_defaultMaxConnections = 10000;
-    static const int c_defaultMaxWorkers = 256;
+    static constexpr int c_defaultIdleTimeoutMs = 60000;
+    static constexpr int c_defaultRequestTimeoutMs = 30000;
+    static constexpr int c_defaultSendTimeoutMs = 30000;
+    static constexpr int c_defaultMaxConnections = 10000;
+    static constexpr int c_defaultMaxWorkers = 256;
 
     // localOnly: listen on the loopback addresses only (127.0.0.1 and ::1)
     // instead of every interface.
