@@ -1,0 +1,74 @@
+#ifndef NVQ_HTTP_HTTPCONNECTIONPOINT_H
+#define NVQ_HTTP_HTTPCONNECTIONPOINT_H
+
+#include "HTTP/HTTPRequest.h"
+#include "HTTP/HTTPRequestParser.h"
+#include "HTTP/HTTPResponse.h"
+#include "HTTP/IHTTPRequestHandler.h"
+#include "KZF_Base/Linux/DataBuffer.h"
+#include "KZF_Base/Linux/RefCount.h"
+#include "KZF_Base/Linux/RefCountPtr.h"
+#include "NVQCommon/Linux/INVQNotification.h"
+#include "NVQSockets/Linux/INVQDataLayer.h"
+
+#include <atomic>
+
+namespace NVQ
+{
+
+class CHTTPLayer;
+
+// The HTTP side of one accepted connection: reads what arrives into its
+// receive buffer, parses it, runs the exchange for each complete (or rejected)
+// request on the thread that delivers the data, and writes every answer.
+// Reference counted: the layer's table holds it, and each running data
+// notification and dispatch holds it too.
+class CHTTPConnectionPoint : private INVQDataLayerNotification, public KZF::CRefCount_Base
+{
+  public:
+    // Requests that do not fit in this many buffered bytes get the 400 answer
+    // and the connection is closed: a client cannot make the buffer grow
+    // without bound.
+    static constexpr int c_maxRequestSize = 1024 * 1024;
+
+    // Registers with the data layer for its data and close notifications.
+    CHTTPConnectionPoint(INVQDataLayer *dataLayer, CHTTPLayer *layer, int connectionID);
+    ~CHTTPConnectionPoint() override;
+
+    int GetConnectionID() const { return m_connectionID; }
+
+    // Dispatch of one request; a null request stands for one the parser
+    // rejected, answered with 400.
+    void ProcessRequest(KZF::CRefCountPtr<CHTTPRequest> request);
+
+    // Writes one response or piece (see the wire form in the source).
+    void SendResponse(const CHTTPResponse &response);
+
+    void OnDataReceived(INVQDataLayer &connection) override;
+    void OnConnectionClosed(INVQDataLayer &connection) override;
+
+  private:
+    CHTTPConnectionPoint(const CHTTPConnectionPoint &) = delete;
+    CHTTPConnectionPoint &operator=(const CHTTPConnectionPoint &) = delete;
+
+    void SendText(const char *text, size_t length, char (&buffer)[256]);
+    void SendSlices(const unsigned char *data, long size);
+    // Ends this side of the connection: no notification arrives any more, the
+    // connection is closed, and the layer's table lets go of this point.
+    void Detach();
+
+    INVQDataLayer *m_pDataLayer;
+    CHTTPLayer *m_pLayer;
+    // Shared with the close path, which may run on another thread: the flag
+    // is set before the handler is interrupted.
+    std::atomic<IHTTPRequestHandler *> m_pHandler;
+    CHTTPRequestParser m_parser;
+    KZF::CDataBuffer<unsigned char, KZF::CFakeSynchronizationObject> m_receiveBuffer;
+    int m_receivedSize;
+    int m_connectionID;
+    std::atomic<bool> m_isClosed;
+};
+
+} // namespace NVQ
+
+#endif

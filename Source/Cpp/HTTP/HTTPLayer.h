@@ -1,0 +1,64 @@
+#ifndef NVQ_HTTP_HTTPLAYER_H
+#define NVQ_HTTP_HTTPLAYER_H
+
+#include "HTTP/HTTPRequest.h"
+#include "HTTP/IHTTPRequestHandler.h"
+#include "KZF_Base/Linux/CriticalSection.h"
+#include "KZF_Base/Linux/RefCountPtr.h"
+#include "NVQCommon/Linux/INVQNotification.h"
+#include "NVQSockets/Linux/INVQMultiPointLayer.h"
+
+#include <list>
+#include <map>
+
+namespace NVQ
+{
+
+class CHTTPConnectionPoint;
+
+// Between the connection framework and the connection points: creates one
+// connection point per accepted connection, owns them by connection ID, and
+// keeps the ordered registry of handlers that connection points choose from.
+class CHTTPLayer : private INVQMultiPointLayerNotification
+{
+  public:
+    // Registers for new-connection notifications of `layer`.
+    explicit CHTTPLayer(INVQMultiPointLayer &layer);
+    // No layer: nothing is registered.
+    CHTTPLayer();
+    // Unregisters, then releases every connection point still held.
+    ~CHTTPLayer() override;
+
+    // The first registered handler whose CanProcessUri takes the request's
+    // URI, or null.
+    IHTTPRequestHandler *FindHandler(const CHTTPRequest &request);
+
+    // atFront puts the handler ahead of all others; duplicates are kept.
+    // Not while requests are dispatched: register before the server starts.
+    void RegisterHandler(const IHTTPRequestHandler &handler, bool atFront);
+    // Removes the front-most entry of the handler; false when there is none.
+    bool UnregisterHandler(const IHTTPRequestHandler &handler);
+
+    // A connection point leaves the table (its connection closed).
+    void OnConnectionPointClosed(CHTTPConnectionPoint &connectionPoint);
+
+    // Number of connection points in the table, for monitoring and tests.
+    size_t GetConnectionPointCount();
+
+  private:
+    bool NewConnectionRequested(INVQMultiPointLayer &layer, const INVQConnectionAddress &first,
+                                const INVQConnectionAddress &second) override;
+    void OnConnectionClosed(INVQDataLayer &connection, const INVQConnectionAddress &first,
+                            const INVQConnectionAddress &second) override;
+    int NextConnectionID();
+
+    INVQMultiPointLayer *m_pMultiPointLayer;
+    std::list<IHTTPRequestHandler *> m_handlers;
+    int m_lastConnectionID;
+    std::map<int, KZF::CRefCountPtr<CHTTPConnectionPoint>> m_connectionPoints;
+    KZF::CCriticalSection m_lock;
+};
+
+} // namespace NVQ
+
+#endif

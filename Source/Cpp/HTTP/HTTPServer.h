@@ -1,0 +1,56 @@
+#ifndef NVQ_HTTP_HTTPSERVER_H
+#define NVQ_HTTP_HTTPSERVER_H
+
+#include "HTTP/IHTTPRequestHandler.h"
+#include "NVQSockets/Linux/SocketServerLayer.h"
+
+namespace NVQ
+{
+
+class CHTTPLayer;
+
+struct SHTTPServerOptions {
+    SHTTPServerOptions() : m_port(7070) {}
+    // TCP port to listen on (IPv4 and IPv6); 0 picks a free one.
+    int m_port;
+};
+
+// The HTTP server a host creates. Use:
+//   1. construct it (stopped);
+//   2. register handlers, in the order in which they are to be asked;
+//   3. StartServer;
+//   4. StopServer when done;
+//   5. unregister and destroy the handlers, then destroy the server.
+// The server does not own the handlers, and must be stopped before it is
+// destroyed. The timeouts and limits of the connection framework (idle
+// timeout, request timeout, send timeout, connection and worker caps) are
+// set through the inherited setters before StartServer.
+class CHTTPServer : public CSocketServerLayer
+{
+  public:
+    // localOnly: serve the loopback addresses only.
+    explicit CHTTPServer(bool localOnly = false);
+    ~CHTTPServer() override;
+
+    // False (with the reason logged at level 1) when the port cannot be
+    // listened on or the server already runs.
+    virtual bool StartServer(const SHTTPServerOptions &options);
+    virtual void StopServer();
+    virtual bool IsServerStarted() const;
+    // atFront: ask this handler before every other one.
+    virtual void RegisterHandler(const IHTTPRequestHandler &handler, bool atFront);
+    virtual bool UnregisterHandler(const IHTTPRequestHandler &handler);
+
+  protected:
+    CHTTPLayer *GetHTTPLayer() { return m_httpLayer; }
+
+  private:
+    CHTTPServer(const CHTTPServer &) = delete;
+    CHTTPServer &operator=(const CHTTPServer &) = delete;
+
+    CHTTPLayer *m_httpLayer;
+};
+
+} // namespace NVQ
+
+#endif

@@ -1,0 +1,125 @@
+#ifndef TESTS_SUPPORT_FAKEDATALAYER_H
+#define TESTS_SUPPORT_FAKEDATALAYER_H
+
+// An in-memory data layer that records every call the library makes on it
+// and serves scripted reads, for driving a connection point without sockets.
+
+#include "NVQCommon/Linux/INVQNotification.h"
+#include "NVQSockets/Linux/INVQDataLayer.h"
+
+#include <deque>
+#include <functional>
+#include <string>
+#include <vector>
+
+namespace NVQTest
+{
+
+class CFakeDataLayer : public NVQ::INVQDataLayer
+{
+  public:
+    // Writes larger than this are recorded by size only.
+    static const int c_recordLimit = 1 << 20;
+
+    struct SWrite {
+        int m_size;
+        std::string m_bytes;
+        bool m_nullData;
+    };
+
+    // Bytes that arrive, in the pieces ReadData hands them out (at most the
+    // size asked for per call).
+    void Arrive(const std::string &bytes) { m_pending.push_back(bytes); }
+
+    int ReadData(void *buffer, int size) override
+    {
+        m_readSizes.push_back(size);
+        if (m_pending.empty() || size <= 0)
+            return 0;
+        std::string &front = m_pending.front();
+        const size_t n = std::min(front.size(), static_cast<size_t>(size));
+        front.copy(static_cast<char *>(buffer), n);
+        front.erase(0, n);
+        if (front.empty())
+            m_pending.pop_front();
+        return static_cast<int>(n);
+    }
+
+    int SendData(const void *data, int size) override
+    {
+        SWrite write{size, std::string(), data == nullptr};
+        if (size > 0 && size <= c_recordLimit)
+            write.m_bytes.assign(static_cast<const char *>(data), static_cast<size_t>(size));
+        m_writes.push_back(write);
+        m_trace.push_back("send");
+        if (m_onSend)
+            m_onSend(*this);
+        return size;
+    }
+
+    void RegisterNotification(NVQ::INVQDataLayerNotification &notification) override
+    {
+        m_pNotification = &notification;
+        m_trace.push_back("register");
+    }
+
+    void UnregisterNotification(NVQ::INVQDataLayerNotification &notification) override
+    {
+        if (m_pNotification == &notification)
+            m_pNotification = nullptr;
+        m_trace.push_back("unregister");
+    }
+
+    void Close() override
+    {
+        ++m_closes;
+        m_trace.push_back("close");
+    }
+
+    // What the framework would do: a data notification, or a close
+    // notification, to whoever is registered.
+    void DeliverData()
+    {
+        if (m_pNotification != nullptr)
+            m_pNotification->OnDataReceived(*this);
+    }
+    void DeliverClose()
+    {
+        if (m_pNotification != nullptr)
+            m_pNotification->OnConnectionClosed(*this);
+    }
+
+    // The recorded writes' bytes, each as one string.
+    std::vector<std::string> WrittenItems() const
+    {
+        std::vector<std::string> items;
+        for (const SWrite &write : m_writes)
+            items.push_back(write.m_bytes);
+        return items;
+    }
+    std::string WrittenBytes() const
+    {
+        std::string all;
+        for (const SWrite &write : m_writes)
+            all += write.m_bytes;
+        return all;
+    }
+    void ClearRecords()
+    {
+        m_writes.clear();
+        m_trace.clear();
+        m_readSizes.clear();
+    }
+
+    NVQ::INVQDataLayerNotification *m_pNotification = nullptr;
+    std::deque<std::string> m_pending;
+    std::vector<int> m_readSizes;
+    std::vector<SWrite> m_writes;
+    std::vector<std::string> m_trace;
+    int m_closes = 0;
+    std::function<void(CFakeDataLayer &)> m_onSend;
+};
+
+} // namespace NVQTest
+
+#endif
