@@ -1,0 +1,92 @@
+#ifndef NVQ_HTTP_HTTPLOGHANDLER_H
+#define NVQ_HTTP_HTTPLOGHANDLER_H
+
+#include "HTTP/IHTTPExchangeEndNotification.h"
+#include "HTTP/IHTTPRequestHandler.h"
+#include "HTTP/KeyValueMap.h"
+#include "KZF_Base/Linux/CriticalSection.h"
+#include "KZF_Utilities/Linux/CircularBuffer.h"
+#include "KZF_Utilities/Linux/Logger.h"
+
+#include <atomic>
+#include <cstddef>
+#include <ctime>
+#include <map>
+#include <string>
+
+namespace NVQ
+{
+
+// Keeps the most recent 1000 messages of the process logger, each with the
+// time it arrived, and serves them as plain text on URIs that begin with
+// "/proxy/log".
+//
+// Constructing the handler attaches it to the logger; destroying it detaches
+// it. Register it with the server like any other handler; it must outlive
+// its registration.
+//
+// Query parameters (GET only; other methods get the 404 answer):
+//   from=T   entries captured at or after T
+//   to=T     stop at the first entry captured after T
+//   index=N  skip the first N entries that pass the time filters
+//   count=N  at most N lines; alone, the N newest entries
+// T is HH:MM:SS (today) or YYYY-MM-DDTHH:MM:SS, local time. An invalid value
+// gets a 400 page naming the first bad parameter in the order count, from,
+// index, to. Each line is "YYYY-MM-DDTHH:MM:SS - <message>\n", oldest first.
+// The answer is a snapshot taken when the request arrives, sent in pieces of
+// 8194 bytes.
+class CHTTPLogHandler : public IHTTPRequestHandler,
+                        public KZF::ILogOutputDevice,
+                        public IHTTPExchangeEndNotification
+{
+  public:
+    struct SLogEntry {
+        time_t m_time;      // when the message arrived
+        std::string m_text; // the logger's line, in UTF-8
+    };
+
+    // One answer still being sent.
+    struct SRequestData {
+        std::string m_data; // the whole answer text
+        size_t m_offset;    // bytes of m_data already handed out
+    };
+
+    CHTTPLogHandler();
+    ~CHTTPLogHandler() override;
+
+    bool CanProcessUri(const KZF::tstring &uri) override;
+    KZF::CRefCountPtr<CHTTPResponse> ProcessRequest(CHTTPRequest &request, int connectionID) override;
+    KZF::CRefCountPtr<CHTTPResponse> GetAdditionalResponseData(int connectionID) override;
+    // Makes the next piece of every pending answer null, until the next
+    // request reaches the handler.
+    bool InterruptProcessing() override;
+
+    // Both empty the ring.
+    bool Init() override;
+    void Terminate() override;
+    // Captures the text with the current time; level and record are ignored.
+    void Log(const char *text, unsigned int level, const KZF::CLogger::SLogMessage &message) override;
+
+    // Drops what is left of the connection's answer, if anything.
+    void OnExchangeEnded(int connectionID) override;
+
+  private:
+    CHTTPLogHandler(const CHTTPLogHandler &) = delete;
+    CHTTPLogHandler &operator=(const CHTTPLogHandler &) = delete;
+
+    bool HandleRequest(const CKeyValueMap &params, SRequestData &requestData, std::string &errorMessage);
+    // The callers of these hold m_lock.
+    void AddRequest(int connectionID, SRequestData &&requestData);
+    void RemoveRequest(int connectionID);
+    KZF::CRefCountPtr<CHTTPResponse> ProcessRequestData(int connectionID, bool isFirstPiece);
+
+    KZF::CCriticalSection m_lock; // guards m_logBuffer and m_connDataMap
+    KZF::CCircularBuffer<SLogEntry, KZF::CStaticAllocator<SLogEntry, 1000>> m_logBuffer;
+    std::map<int, SRequestData> m_connDataMap;
+    // A plain stop request shared between threads without the lock.
+    std::atomic<bool> m_interrupted;
+};
+
+} // namespace NVQ
+
+#endif
