@@ -27,7 +27,6 @@ const char s_badRequestPageFormat[] =
 // The static file handler sends pieces of the same size.
 const size_t c_pieceSize = 8194;
 const size_t c_badRequestPageSize = 2048;
-const long c_ringSize = 1000;
 
 const char c_timeFormat[] = "%04d-%02d-%02dT%02d:%02d:%02d";
 
@@ -82,7 +81,7 @@ void appendLine(std::string &text, const CHTTPLogHandler::SLogEntry &entry)
 
 } // namespace
 
-CHTTPLogHandler::CHTTPLogHandler() : m_logBuffer(c_ringSize), m_interrupted(false)
+CHTTPLogHandler::CHTTPLogHandler() : m_logBuffer(c_maxEntries), m_interrupted(false)
 {
     KZF::CLogger::GetInstance().AddOutputDevice(static_cast<KZF::ILogOutputDevice *>(this));
 }

@@ -51,6 +51,9 @@ class CHTTPLogHandler : public IHTTPRequestHandler,
         size_t m_offset;    // bytes of m_data already handed out
     };
 
+    // Messages kept; older ones are pushed out.
+    static constexpr long c_maxEntries = 1000;
+
     CHTTPLogHandler();
     ~CHTTPLogHandler() override;
 
@@ -81,7 +84,7 @@ class CHTTPLogHandler : public IHTTPRequestHandler,
     KZF::CRefCountPtr<CHTTPResponse> ProcessRequestData(int connectionID, bool isFirstPiece);
 
     KZF::CCriticalSection m_lock; // guards m_logBuffer and m_connDataMap
-    KZF::CCircularBuffer<SLogEntry, KZF::CStaticAllocator<SLogEntry, 1000>> m_logBuffer;
+    KZF::CCircularBuffer<SLogEntry, KZF::CStaticAllocator<SLogEntry, c_maxEntries>> m_logBuffer;
     std::map<int, SRequestData> m_connDataMap;
     // A plain stop request shared between threads without the lock.
     std::atomic<bool> m_interrupted;
