@@ -521,7 +521,9 @@ def write_chart(run):
     for ax in list(axes.flat)[len(panels):]:
         ax.axis("off")
     fig.suptitle(f"HTTP servers on {run.machine.get('cores', '?')} cores, wrk -t{run.machine.get('wrk_threads', 2)}, "
-                 f"{run.machine.get('duration', '?')} s per scenario", fontsize=11)
+                 f"{run.machine.get('duration', '?')} s per scenario"
+                 + (f", median of {run.machine['repeat']} runs (whiskers: slowest to fastest)"
+                    if run.machine.get("repeat", "1") != "1" else ""), fontsize=11)
     fig.tight_layout()
     fig.savefig(os.path.join(run.dir, "chart.png"), dpi=120)
     plt.close(fig)
