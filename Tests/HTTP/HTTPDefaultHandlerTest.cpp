@@ -1,1 +1,370 @@
-// Filled in by the work on this handler.
+#include "HTTP/HTTPDefaultHandler.h"
+#include "HTTP/HTTPServer.h"
+
+#include "Support/TestClient.h"
+
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <dirent.h>
+#include <fstream>
+#include <random>
+#include <string>
+#include <sys/stat.h>
+#include <thread>
+#include <unistd.h>
+#include <vector>
+
+namespace
+{
+
+using NVQTest::CTestClient;
+
+int openDescriptors()
+{
+    int count = 0;
+    DIR *directory = opendir("/proc/self/fd");
+    while (readdir(directory) != nullptr)
+        ++count;
+    closedir(directory);
+    return count;
+}
+
+std::string randomBytes(size_t size, unsigned seed)
+{
+    std::mt19937 random(seed);
+    std::string bytes(size, '\0');
+    for (char &c : bytes)
+        c = static_cast<char>(random());
+    return bytes;
+}
+
+// A served directory in a temporary place, with a secret file beside it
+// that no request may reach.
+class CSite
+{
+  public:
+    CSite()
+    {
+        char base[] = "/tmp/nvq-files-XXXXXX";
+        m_base = mkdtemp(base);
+        m_root = m_base + "/site";
+        mkdir(m_root.c_str(), 0755);
+        mkdir((m_root + "/sub").c_str(), 0755);
+        Write(m_base + "/secret.txt", "secret");
+        Write(m_root + "/index.html", "<p>home</p>");
+        Write(m_root + "/sub/index.html", "<p>sub</p>");
+        Write(m_root + "/a b.txt", "spaced");
+        Write(m_root + "/a", "just a");
+        Write(m_root + "/x\\y.txt", "backslash");
+        Write(m_root + "/...txt", "dots");
+        for (size_t size : {0, 1, 8194, 8195, 20000})
+            Write(m_root + "/f" + std::to_string(size), randomBytes(size, static_cast<unsigned>(size)));
+        Write(m_root + "/large", randomBytes(3 * 1024 * 1024 + 17, 7));
+        symlink((m_root + "/a").c_str(), (m_root + "/link").c_str());
+        mkfifo((m_root + "/fifo").c_str(), 0644);
+    }
+    ~CSite()
+    {
+        std::string command = "rm -rf '" + m_base + "'";
+        if (system(command.c_str()) != 0)
+            ADD_FAILURE() << "could not remove " << m_base;
+    }
+    void Write(const std::string &path, const std::string &bytes)
+    {
+        std::ofstream(path, std::ios::binary) << bytes;
+    }
+    std::string Read(const std::string &name)
+    {
+        std::ifstream in(m_root + "/" + name, std::ios::binary);
+        return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
+    }
+
+    std::string m_base;
+    std::string m_root;
+};
+
+class DefaultHandlerTest : public ::testing::Test
+{
+  protected:
+    KZF::CRefCountPtr<NVQ::CHTTPResponse> Get(const std::string &uri, int id,
+                                              const std::string &method = "GET")
+    {
+        NVQ::CHTTPRequest request;
+        request.SetMethod(method);
+        request.SetUri(uri);
+        return m_handler.ProcessRequest(request, id);
+    }
+    static std::string Data(const KZF::CRefCountPtr<NVQ::CHTTPResponse> &response)
+    {
+        return std::string(reinterpret_cast<const char *>(response->GetData()),
+                           static_cast<size_t>(response->GetDataSize()));
+    }
+
+    CSite m_site;
+    NVQ::CHTTPDefaultHandler m_handler{m_site.m_root};
+};
+
+TEST_F(DefaultHandlerTest, UrisMapToFilesBelowTheDirectory)
+{
+    struct SCase {
+        const char *uri;
+        bool accepted;
+    };
+    const SCase cases[] = {
+        {"/", true},          {"/index.html?x=1", true},
+        {"/sub/", true},      {"/sub", false},      // "sub" + "index.html" names no file
+        {"/a%20b.txt", true}, {"/a%3Fb.txt", true}, // decoded before the cut: looks for "a"
+        {"/f1", true},        {"/missing", false},
+        {"/link", true},      {"/...txt", true},
+        {"/fifo", false},     {"//sub/index.html", true}, // one leading '/' is dropped, the path stays inside
+    };
+    for (const SCase &c : cases)
+        EXPECT_EQ(c.accepted, m_handler.CanProcessUri(c.uri)) << c.uri;
+}
+
+TEST_F(DefaultHandlerTest, TraversalIsRefusedInEverySpelling)
+{
+    const char *attempts[] = {
+        "/../secret.txt",
+        "/%2e%2e/secret.txt",
+        "/%2E%2E/secret.txt",
+        "/.%2e/secret.txt",
+        "/%2e./secret.txt",
+        "/sub/../../secret.txt",
+        "/..%2Fsecret.txt",
+        "/%2e%2e%2fsecret.txt",
+        "/%2E%2E%2F%2E%2E%2Fsite/index.html",
+        "//../secret.txt",
+        "/sub/%2e%2e/index.html",
+        "/..%5Csecret.txt",
+        "/x%5Cy.txt",
+        "/x\\y.txt",
+        "/index.html%00.png",
+        "/..",
+        "/sub/..",
+        "/%2e%2e",
+        "/sub/..?x=/",
+    };
+    for (const char *uri : attempts) {
+        EXPECT_FALSE(m_handler.CanProcessUri(uri)) << uri;
+        EXPECT_TRUE(Get(uri, 1).IsNull()) << uri;
+    }
+}
+
+TEST_F(DefaultHandlerTest, PiecesOf8194WithTheHandlersOwnLengthAboveOnePiece)
+{
+    struct SCase {
+        size_t size;
+        std::vector<size_t> pieces;
+    };
+    const SCase cases[] = {{1, {1}}, {8194, {8194}}, {8195, {8194, 1}}, {20000, {8194, 8194, 3612}}};
+    int id = 10;
+    for (const SCase &c : cases) {
+        const std::string name = "f" + std::to_string(c.size);
+        KZF::CRefCountPtr<NVQ::CHTTPResponse> piece = Get("/" + name, ++id);
+        std::string received;
+        for (size_t i = 0; i < c.pieces.size(); ++i) {
+            ASSERT_FALSE(piece.IsNull()) << name << " piece " << i;
+            EXPECT_EQ(200, piece->GetCode());
+            EXPECT_EQ("OK", piece->GetPhrase());
+            EXPECT_TRUE(piece->GetContentType().empty());
+            EXPECT_EQ(c.pieces[i], static_cast<size_t>(piece->GetDataSize())) << name << " piece " << i;
+            EXPECT_EQ(i != 0, piece->SendOnlyData()) << name;
+            EXPECT_EQ(i + 1 == c.pieces.size(), piece->IsLast()) << name;
+            KZF::tstring length;
+            const bool hasLength = piece->GetHeaderFieldValueByName("Content-Length", length);
+            EXPECT_EQ(i == 0 && c.size > 8194, hasLength) << name << " piece " << i;
+            if (hasLength) {
+                EXPECT_EQ(std::to_string(c.size), length);
+            }
+            received += Data(piece);
+            if (!piece->IsLast())
+                piece = m_handler.GetAdditionalResponseData(id);
+        }
+        EXPECT_EQ(m_site.Read(name), received) << name;
+    }
+}
+
+TEST_F(DefaultHandlerTest, EmptyFileAndPostGiveNoAnswer)
+{
+    const int before = openDescriptors();
+    EXPECT_TRUE(Get("/f0", 1).IsNull());
+    EXPECT_TRUE(Get("/f1", 2, "POST").IsNull());
+    EXPECT_TRUE(Get("/f1", 3, "get").IsNull());
+    EXPECT_EQ(before, openDescriptors()) << "no stream stays open";
+}
+
+TEST_F(DefaultHandlerTest, TransfersReleaseTheirStreams)
+{
+    const int before = openDescriptors();
+    ASSERT_FALSE(Get("/f20000", 1).IsNull());
+    EXPECT_EQ(before + 1, openDescriptors());
+    ASSERT_FALSE(Get("/f20000", 1).IsNull()) << "a second GET replaces the first transfer";
+    EXPECT_EQ(before + 1, openDescriptors());
+    ASSERT_FALSE(Get("/f8195", 2).IsNull());
+    EXPECT_EQ(before + 2, openDescriptors());
+    m_handler.OnExchangeEnded(1); // cut short: released at once
+    EXPECT_EQ(before + 1, openDescriptors());
+    ASSERT_FALSE(m_handler.GetAdditionalResponseData(2).IsNull()); // the last piece closes it
+    EXPECT_EQ(before, openDescriptors());
+    m_handler.OnExchangeEnded(2); // already gone: harmless
+    EXPECT_EQ(before, openDescriptors());
+}
+
+TEST_F(DefaultHandlerTest, InterruptEndsEveryTransferUntilTheNextRequest)
+{
+    ASSERT_FALSE(Get("/f20000", 1).IsNull());
+    ASSERT_FALSE(Get("/large", 2).IsNull());
+    EXPECT_TRUE(m_handler.InterruptProcessing());
+    EXPECT_TRUE(m_handler.GetAdditionalResponseData(1).IsNull());
+    EXPECT_TRUE(m_handler.GetAdditionalResponseData(2).IsNull());
+    ASSERT_FALSE(Get("/f1", 3).IsNull()); // any new request clears the flag
+    EXPECT_FALSE(m_handler.GetAdditionalResponseData(2).IsNull());
+}
+
+TEST_F(DefaultHandlerTest, DestroyingTheHandlerClosesEveryStream)
+{
+    const int before = openDescriptors();
+    {
+        NVQ::CHTTPDefaultHandler handler(m_site.m_root);
+        NVQ::CHTTPRequest request;
+        request.SetMethod("GET");
+        request.SetUri("/large");
+        ASSERT_FALSE(handler.ProcessRequest(request, 1).IsNull());
+        ASSERT_FALSE(handler.ProcessRequest(request, 2).IsNull());
+        EXPECT_EQ(before + 2, openDescriptors());
+    }
+    EXPECT_EQ(before, openDescriptors());
+}
+
+TEST_F(DefaultHandlerTest, FileThatChangesDuringTheTransfer)
+{
+    // Grown: nothing beyond the announced length is sent.
+    KZF::CRefCountPtr<NVQ::CHTTPResponse> piece = Get("/f20000", 1);
+    m_site.Write(m_site.m_root + "/f20000", randomBytes(30000, 20000));
+    size_t total = static_cast<size_t>(piece->GetDataSize());
+    while (!piece->IsLast()) {
+        piece = m_handler.GetAdditionalResponseData(1);
+        ASSERT_FALSE(piece.IsNull());
+        total += static_cast<size_t>(piece->GetDataSize());
+    }
+    EXPECT_EQ(20000u, total);
+
+    // Shrunk: the transfer ends when a read yields nothing.
+    ASSERT_FALSE(Get("/f20000", 2).IsNull());
+    ASSERT_EQ(0, truncate((m_site.m_root + "/f20000").c_str(), 9000));
+    piece = m_handler.GetAdditionalResponseData(2);
+    ASSERT_FALSE(piece.IsNull());
+    EXPECT_EQ(9000 - 8194, piece->GetDataSize());
+    EXPECT_FALSE(piece->IsLast());
+    EXPECT_TRUE(m_handler.GetAdditionalResponseData(2).IsNull());
+}
+
+// ---- Over real sockets
+
+class DefaultHandlerServerTest : public DefaultHandlerTest
+{
+  protected:
+    void SetUp() override
+    {
+        m_server.RegisterHandler(m_handler, false);
+        NVQ::SHTTPServerOptions options;
+        options.m_port = 0;
+        ASSERT_TRUE(m_server.StartServer(options));
+    }
+    void TearDown() override
+    {
+        m_server.StopServer();
+        m_server.UnregisterHandler(m_handler);
+    }
+    std::string Request(CTestClient &client, const std::string &method, const std::string &uri)
+    {
+        client.Send(method + " " + uri + " HTTP/1.1\r\nHost: t\r\n\r\n");
+        return client.ReceiveAnswer();
+    }
+
+    NVQ::CHTTPServer m_server;
+};
+
+TEST_F(DefaultHandlerServerTest, FilesArriveWholeInTheirWireForm)
+{
+    const int port = m_server.GetPort();
+    for (size_t size : {1, 8194}) {
+        const std::string name = "f" + std::to_string(size);
+        CTestClient client;
+        ASSERT_TRUE(client.Connect(port));
+        const std::string head = "HTTP/1.1 200 OK\r\nContent-Length: " + std::to_string(size) + " \r\n\r\n";
+        for (int round = 0; round < 2; ++round) { // the connection stays open
+            client.Send("GET /" + name + " HTTP/1.1\r\nHost: t\r\n\r\n");
+            EXPECT_EQ(head + m_site.Read(name), client.Receive(head.size() + size)) << name;
+        }
+    }
+    for (const char *name : {"f8195", "f20000", "large"}) {
+        CTestClient client;
+        ASSERT_TRUE(client.Connect(port));
+        client.Send(std::string("GET /") + name + " HTTP/1.1\r\nHost: t\r\n\r\n");
+        const std::string content = m_site.Read(name);
+        const std::string head =
+            "HTTP/1.1 200 OK\r\nContent-Length: " + std::to_string(content.size()) + "\r\n\r\n";
+        const std::string received = client.ReceiveUntilClosed(20000);
+        EXPECT_TRUE(client.IsClosed()) << name;
+        EXPECT_TRUE(received == head + content) << name << ": " << received.size() << " bytes";
+    }
+}
+
+TEST_F(DefaultHandlerServerTest, IndexDocumentsEscapesAndRefusals)
+{
+    CTestClient client;
+    ASSERT_TRUE(client.Connect(m_server.GetPort()));
+    struct SCase {
+        const char *method;
+        const char *uri;
+        const char *expectedStart;
+        const char *expectedBody;
+    };
+    const SCase cases[] = {
+        {"GET", "/", "HTTP/1.1 200 OK", "<p>home</p>"},
+        {"GET", "/sub/", "HTTP/1.1 200 OK", "<p>sub</p>"},
+        {"GET", "/a%20b.txt", "HTTP/1.1 200 OK", "spaced"},
+        {"POST", "/a", "HTTP/1.1 404 Not found", nullptr},
+        {"GET", "/f0", "HTTP/1.1 404 Not found", nullptr},
+        {"GET", "/../secret.txt", "HTTP/1.1 404 Not found", nullptr},
+        {"GET", "/%2E%2e/secret.txt", "HTTP/1.1 404 Not found", nullptr},
+        {"GET", "/sub/..%2f..%2fsecret.txt", "HTTP/1.1 404 Not found", nullptr},
+        {"GET", "/fifo", "HTTP/1.1 404 Not found", nullptr},
+    };
+    for (const SCase &c : cases) {
+        const std::string answer = Request(client, c.method, c.uri);
+        EXPECT_EQ(0u, answer.find(c.expectedStart))
+            << c.method << " " << c.uri << ": " << answer.substr(0, 40);
+        if (c.expectedBody != nullptr) {
+            const std::string body(c.expectedBody);
+            EXPECT_EQ(body, answer.substr(answer.size() - std::min(answer.size(), body.size())));
+        }
+        EXPECT_EQ(std::string::npos, answer.find("secret")) << c.uri;
+    }
+}
+
+TEST_F(DefaultHandlerServerTest, AbortedDownloadReleasesItsDescriptorAtOnce)
+{
+    // Sparse, and far larger than socket buffers could take in at once.
+    const std::string huge = m_site.m_root + "/huge";
+    std::ofstream(huge).close();
+    ASSERT_EQ(0, truncate(huge.c_str(), 256 << 20));
+    const int before = openDescriptors();
+    {
+        CTestClient client;
+        ASSERT_TRUE(client.Connect(m_server.GetPort()));
+        const int small = 4096;
+        setsockopt(client.Fd(), SOL_SOCKET, SO_RCVBUF, &small, sizeof(small));
+        client.Send("GET /huge HTTP/1.1\r\nHost: t\r\n\r\n");
+        ASSERT_EQ(20000u, client.Receive(20000).size());
+    } // the client goes away mid-transfer
+    const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(5);
+    while (openDescriptors() > before && std::chrono::steady_clock::now() < end)
+        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    EXPECT_EQ(before, openDescriptors()) << "the file (and the socket) are closed once the client is gone";
+}
+
+} // namespace

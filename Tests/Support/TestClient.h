@@ -91,6 +91,24 @@ class CTestClient
         return received;
     }
 
+    // One complete answer: the header block, then as many bytes as its
+    // Content-Length names (none without one).
+    std::string ReceiveAnswer(int timeoutMs = 5000)
+    {
+        std::string head;
+        while (head.find("\r\n\r\n") == std::string::npos && !m_closed) {
+            const std::string more = Receive(1, timeoutMs);
+            if (more.empty())
+                return head;
+            head += more;
+        }
+        size_t length = 0;
+        const size_t field = head.find("Content-Length: ");
+        if (field != std::string::npos)
+            length = std::stoul(head.substr(field + 16));
+        return head + Receive(length, timeoutMs);
+    }
+
     // Reads until the peer closes the connection or the time is up.
     std::string ReceiveUntilClosed(int timeoutMs = 5000)
     {
