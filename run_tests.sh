@@ -1,6 +1,8 @@
 #!/usr/bin/env bash
-# Builds the project and runs every test suite, installing what a fresh
-# Debian machine lacks. By default three builds run one after another:
+# Builds the project and runs every test suite (unit, integration over real
+# sockets, end to end with curl, Python and headless Chromium, and the
+# installed package), installing what a fresh Debian machine lacks. By
+# default three builds run one after another:
 #   warnings  -Werror build, the whole suite
 #   asan      ASan+UBSan build, the whole suite
 #   tsan      TSan build, the whole suite
@@ -8,18 +10,9 @@
 set -euo pipefail
 cd "$(dirname "$0")"
 
-packages=(cmake ninja-build g++ libgtest-dev libgmock-dev)
-missing=()
-for package in "${packages[@]}"; do
-  dpkg-query -W -f='${Status}' "$package" 2>/dev/null | grep -q "ok installed" || missing+=("$package")
-done
-if [ ${#missing[@]} -gt 0 ]; then
-  echo "Installing: ${missing[*]}"
-  sudo_cmd=()
-  [ "$(id -u)" -ne 0 ] && sudo_cmd=(sudo)
-  "${sudo_cmd[@]}" apt-get update -q
-  DEBIAN_FRONTEND=noninteractive "${sudo_cmd[@]}" apt-get install -y -q --no-install-recommends "${missing[@]}"
-fi
+scripts/ensure_packages.sh cmake ninja-build g++ libgtest-dev libgmock-dev python3 curl pkg-config
+# The browser tests skip themselves where Chromium cannot be installed.
+scripts/ensure_packages.sh --optional chromium
 
 builds=("$@")
 [ ${#builds[@]} -eq 0 ] && builds=(warnings asan tsan)

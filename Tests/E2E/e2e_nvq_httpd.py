@@ -1,0 +1,228 @@
+#!/usr/bin/env python3
+"""End-to-end tests of the demo server with real clients.
+
+Usage: e2e_nvq_httpd.py NVQ_HTTPD SITE_DIR GROUP
+GROUP is one of: curl, http_client, chromium, sigterm.
+Exit status 0 passed, 1 failed, 77 skipped (ctest's SKIP_RETURN_CODE).
+"""
+
+import hashlib
+import http.client
+import os
+import re
+import shutil
+import signal
+import socket
+import subprocess
+import sys
+import tempfile
+import time
+import unittest
+
+SKIPPED = 77
+NVQ_HTTPD = SITE_DIR = None
+
+
+class Server:
+    """nvq-httpd on a free port, serving a copy of the sample site plus test files."""
+
+    def __init__(self, extra_files=None):
+        self.root = tempfile.mkdtemp(prefix="nvq-e2e-")
+        shutil.copytree(SITE_DIR, self.root, dirs_exist_ok=True)
+        for name, data in (extra_files or {}).items():
+            with open(os.path.join(self.root, name), "wb") as f:
+                f.write(data)
+        self.process = subprocess.Popen(
+            [NVQ_HTTPD, "--port", "0", "--root", self.root, "--log-level", "4"],
+            stderr=subprocess.PIPE, text=True)
+        self.port = None
+        deadline = time.time() + 10
+        while self.port is None and time.time() < deadline:
+            line = self.process.stderr.readline()
+            if not line:
+                break
+            match = re.search(r"http://localhost:(\d+)/", line)
+            if match:
+                self.port = int(match.group(1))
+        if self.port is None:
+            self.process.kill()
+            raise RuntimeError("nvq-httpd did not report its port")
+
+    def url(self, path):
+        return "http://127.0.0.1:%d%s" % (self.port, path)
+
+    def stop(self, sig=signal.SIGTERM, timeout=10):
+        if self.process.poll() is None:
+            self.process.send_signal(sig)
+        try:
+            code = self.process.wait(timeout)
+        except subprocess.TimeoutExpired:
+            self.process.kill()
+            code = None
+        self.process.stderr.close()
+        shutil.rmtree(self.root, ignore_errors=True)
+        return code
+
+
+def curl(*args):
+    return subprocess.run(["curl", "--silent", "--show-error", "--max-time", "30"] + list(args),
+                          capture_output=True, check=False)
+
+
+BIG = os.urandom(5 * 1024 * 1024 + 123)
+SMALL = b"small file\n"
+
+
+class CurlTest(unittest.TestCase):
+    def setUp(self):
+        self.server = Server({"big.bin": BIG, "small.txt": SMALL})
+
+    def tearDown(self):
+        self.assertEqual(0, self.server.stop())
+
+    def test_small_and_large_files_arrive_whole(self):
+        self.assertEqual(SMALL, curl(self.server.url("/small.txt")).stdout)
+        big = curl(self.server.url("/big.bin")).stdout
+        self.assertEqual(hashlib.sha256(BIG).hexdigest(), hashlib.sha256(big).hexdigest())
+
+    def test_missing_file_is_404(self):
+        result = curl("--output", "/dev/null", "--write-out", "%{http_code}", self.server.url("/missing.html"))
+        self.assertEqual(b"404", result.stdout)
+
+    def test_log_endpoint_with_parameters(self):
+        for _ in range(3):
+            curl(self.server.url("/small.txt"))
+        two = curl(self.server.url("/proxy/log?count=2")).stdout.decode()
+        lines = two.splitlines()
+        self.assertEqual(2, len(lines), two)
+        for line in lines:
+            self.assertRegex(line, r"^\d{4}-\d\d-\d\dT\d\d:\d\d:\d\d - ")
+        bad = curl("--write-out", "\n%{http_code}", self.server.url("/proxy/log?count=abc")).stdout.decode()
+        self.assertTrue(bad.endswith("\n400"), bad)
+        self.assertIn("Invalid 'count' specified: abc", bad)
+
+
+class HttpClientTest(unittest.TestCase):
+    def setUp(self):
+        self.server = Server({"big.bin": BIG, "small.txt": SMALL})
+
+    def tearDown(self):
+        self.assertEqual(0, self.server.stop())
+
+    def test_keep_alive_across_several_requests(self):
+        connection = http.client.HTTPConnection("127.0.0.1", self.server.port, timeout=10)
+        connection.connect()
+        first_socket = connection.sock
+        for path in ["/small.txt", "/index.html", "/missing", "/small.txt"]:
+            connection.request("GET", path)
+            response = connection.getresponse()
+            body = response.read()
+            self.assertIn(response.status, (200, 404))
+            if path == "/small.txt":
+                self.assertEqual(SMALL, body)
+            self.assertIs(first_socket, connection.sock, "the connection was not kept alive")
+        connection.close()
+
+    def test_streamed_answer_read_to_the_close(self):
+        connection = http.client.HTTPConnection("127.0.0.1", self.server.port, timeout=30)
+        connection.request("GET", "/big.bin")
+        response = connection.getresponse()
+        self.assertEqual(200, response.status)
+        self.assertEqual(str(len(BIG)), response.getheader("Content-Length").strip())
+        self.assertEqual(BIG, response.read())
+        # The server ends a streamed answer by closing the connection.
+        connection.sock.settimeout(5)
+        self.assertEqual(b"", connection.sock.recv(1) if connection.sock else b"")
+        connection.close()
+
+
+def find_chromium():
+    for name in ("chromium", "chromium-browser", "google-chrome"):
+        path = shutil.which(name)
+        if path:
+            return path
+    return None
+
+
+class ChromiumTest(unittest.TestCase):
+    def setUp(self):
+        self.browser = find_chromium()
+        self.server = Server()
+        self.profile = tempfile.mkdtemp(prefix="nvq-chromium-")
+
+    def tearDown(self):
+        shutil.rmtree(self.profile, ignore_errors=True)
+        self.assertEqual(0, self.server.stop())
+
+    def dump_dom(self, path):
+        command = [self.browser, "--headless", "--no-sandbox", "--disable-gpu", "--disable-quic", "--no-first-run",
+                   "--disable-background-networking", "--disable-component-update", "--disable-sync",
+                   "--disable-dev-shm-usage", "--user-data-dir=" + self.profile, "--virtual-time-budget=5000",
+                   "--dump-dom", self.server.url(path)]
+        result = subprocess.run(command, capture_output=True, text=True, timeout=120, check=False)
+        return result.stdout
+
+    def test_index_page_loads_stylesheet_script_and_image(self):
+        dom = self.dump_dom("/index.html")
+        self.assertIn("script: ran", dom)
+        self.assertIn("stylesheet: applied", dom)
+        self.assertIn("image: loaded 96px", dom)
+
+    def test_log_page_shows_log_lines(self):
+        dom = self.dump_dom("/log.html")
+        self.assertRegex(dom, r"\d{4}-\d\d-\d\dT\d\d:\d\d:\d\d - ")
+        self.assertIn("create connection point", dom)
+
+
+class SigtermTest(unittest.TestCase):
+    def test_clean_exit_while_a_client_downloads(self):
+        server = Server({"huge.bin": b"h" * (64 * 1024 * 1024)})
+        client = socket.create_connection(("127.0.0.1", server.port))
+        client.setsockopt(socket.SOL_SOCKET, socket.SO_RCVBUF, 4096)
+        client.sendall(b"GET /huge.bin HTTP/1.1\r\nHost: x\r\n\r\n")
+        self.assertTrue(client.recv(4096).startswith(b"HTTP/1.1 200 OK"))
+        time.sleep(0.3)  # the download is under way, held back by the slow reader
+        started = time.time()
+        code = server.stop(signal.SIGTERM, timeout=10)
+        self.assertEqual(0, code)
+        self.assertLess(time.time() - started, 5)
+        client.close()
+
+    def test_bad_flag_and_port_in_use_fail_in_one_line(self):
+        result = subprocess.run([NVQ_HTTPD, "--bogus"], capture_output=True, text=True, timeout=10)
+        self.assertNotEqual(0, result.returncode)
+        self.assertIn("unknown flag", result.stderr.splitlines()[0])
+        taken = socket.socket()
+        taken.bind(("0.0.0.0", 0))
+        taken.listen()
+        port = taken.getsockname()[1]
+        result = subprocess.run([NVQ_HTTPD, "--port", str(port), "--root", SITE_DIR], capture_output=True,
+                                text=True, timeout=10)
+        taken.close()
+        self.assertNotEqual(0, result.returncode)
+        self.assertEqual(1, len(result.stderr.splitlines()), result.stderr)
+        self.assertIn(str(port), result.stderr)
+
+
+GROUPS = {"curl": CurlTest, "http_client": HttpClientTest, "chromium": ChromiumTest, "sigterm": SigtermTest}
+
+
+def main():
+    global NVQ_HTTPD, SITE_DIR
+    if len(sys.argv) != 4 or sys.argv[3] not in GROUPS:
+        print(__doc__, file=sys.stderr)
+        return 2
+    NVQ_HTTPD, SITE_DIR, group = sys.argv[1], sys.argv[2], sys.argv[3]
+    if group == "curl" and not shutil.which("curl"):
+        print("SKIPPED: curl is not installed")
+        return SKIPPED
+    if group == "chromium" and not find_chromium():
+        print("SKIPPED: Chromium is not installed")
+        return SKIPPED
+    suite = unittest.defaultTestLoader.loadTestsFromTestCase(GROUPS[group])
+    result = unittest.TextTestRunner(verbosity=2).run(suite)
+    return 0 if result.wasSuccessful() else 1
+
+
+if __name__ == "__main__":
+    sys.exit(main())
