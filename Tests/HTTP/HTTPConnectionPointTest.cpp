@@ -416,6 +416,29 @@ TEST_F(ConnectionPointTest, CloseDuringAStreamInterruptsAndStopsThePulls)
     EXPECT_EQ(std::vector<int>({7}), m_handler.EndedIDs());
 }
 
+TEST_F(ConnectionPointTest, FailedWriteDropsTheRestOfTheAnswer)
+{
+    // Write 0 is the status line's start, 5 the end of the header block,
+    // 6 the first piece's data, 7 a later piece.
+    for (int failing : {0, 3, 5, 6, 7}) {
+        SCOPED_TRACE(failing);
+        KZF::CRefCountPtr<CFakeDataLayer> data(new CFakeDataLayer());
+        NVQ::CHTTPLayer layer;
+        CScriptedHandler handler;
+        handler.StreamPieces({"first", "m1", "m2", "end"});
+        layer.RegisterHandler(handler, false);
+        KZF::CRefCountPtr<NVQ::CHTTPConnectionPoint> point(
+            new NVQ::CHTTPConnectionPoint(data.GetPtr(), &layer, 1));
+        data->m_failFromWrite = failing;
+        data->Arrive(c_getRoot);
+        data->DeliverData();
+        EXPECT_EQ(1, data->m_failedWrites) << "nothing is written after a write failed";
+        EXPECT_EQ(static_cast<size_t>(failing), data->m_writes.size());
+        EXPECT_EQ(0, data->m_closes) << "the framework closes a broken connection itself";
+        EXPECT_EQ(std::vector<int>({1}), handler.EndedIDs());
+    }
+}
+
 TEST_F(ConnectionPointTest, RequestDispatchedAfterTheCloseStillReachesItsHandler)
 {
     // The close is reported while the request's bytes are still waiting.

@@ -47,6 +47,13 @@ class CFakeDataLayer : public NVQ::INVQDataLayer
 
     int SendData(const void *data, int size) override
     {
+        if (m_failFromWrite >= 0 && static_cast<int>(m_writes.size()) >= m_failFromWrite) {
+            // A broken connection: the close is delivered before the failed
+            // write returns.
+            if (m_failedWrites++ == 0)
+                DeliverClose();
+            return -1;
+        }
         SWrite write{size, std::string(), data == nullptr};
         if (size > 0 && size <= c_recordLimit)
             write.m_bytes.assign(static_cast<const char *>(data), static_cast<size_t>(size));
@@ -117,6 +124,9 @@ class CFakeDataLayer : public NVQ::INVQDataLayer
     std::vector<SWrite> m_writes;
     std::vector<std::string> m_trace;
     int m_closes = 0;
+    // Writes from this index on fail (-1 leaves it off).
+    int m_failFromWrite = -1;
+    int m_failedWrites = 0;
     std::function<void(CFakeDataLayer &)> m_onSend;
 };
 

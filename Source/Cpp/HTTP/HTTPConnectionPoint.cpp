@@ -164,23 +164,29 @@ void CHTTPConnectionPoint::OnConnectionClosed(INVQDataLayer &connection)
         m_pLayer->OnConnectionPointClosed(*this); // may destroy this object
 }
 
-void CHTTPConnectionPoint::SendText(const char *text, size_t length, char (&buffer)[256])
+bool CHTTPConnectionPoint::Write(const void *data, size_t length)
+{
+    return m_pDataLayer->SendData(data, static_cast<int>(length)) >= 0;
+}
+
+bool CHTTPConnectionPoint::SendText(const char *text, size_t length, char (&buffer)[256])
 {
     // Text items pass through a fixed buffer: none longer than 256 bytes
     // reaches the wire.
     const size_t kept = std::min(length, sizeof(buffer));
     std::memcpy(buffer, text, kept);
-    m_pDataLayer->SendData(buffer, static_cast<int>(kept));
+    return Write(buffer, kept);
 }
 
-void CHTTPConnectionPoint::SendSlices(const unsigned char *data, long size)
+bool CHTTPConnectionPoint::SendSlices(const unsigned char *data, long size)
 {
     while (size > c_maxSliceSize) {
-        m_pDataLayer->SendData(data, static_cast<int>(c_maxSliceSize));
+        if (!Write(data, c_maxSliceSize))
+            return false;
         data += c_maxSliceSize;
         size -= c_maxSliceSize;
     }
-    m_pDataLayer->SendData(data, static_cast<int>(size));
+    return Write(data, static_cast<size_t>(size));
 }
 
 void CHTTPConnectionPoint::SendResponse(const CHTTPResponse &response)
@@ -195,40 +201,46 @@ void CHTTPConnectionPoint::SendResponse(const CHTTPResponse &response)
         return;
 
     if (response.SendOnlyData()) {
-        SendSlices(response.GetData(), response.GetDataSize());
-        if (response.IsLast())
+        if (SendSlices(response.GetData(), response.GetDataSize()) && response.IsLast())
             Detach();
         return;
     }
 
-    char buffer[256];
     // Wire form: status line; Content-Type when set; the computed length on
     // complete answers (digits, a space, CR LF); the additional fields in
     // byte order of their names; the empty line; the data. Each item is its
-    // own write: the framework gathers them into one segment.
-    m_pDataLayer->SendData(c_statusLineStart, sizeof(c_statusLineStart) - 1);
+    // own write: the framework gathers them into one segment. A failed write
+    // means the connection is gone and its close delivered: the rest of the
+    // answer is dropped.
+    char buffer[256];
     int length = std::snprintf(buffer, sizeof(buffer), "%d ", response.GetCode());
-    m_pDataLayer->SendData(buffer, std::min<int>(length, sizeof(buffer) - 1));
-    SendText(response.GetPhrase().data(), response.GetPhrase().size(), buffer);
-    m_pDataLayer->SendData(c_lineEnd, sizeof(c_lineEnd) - 1);
+    if (!Write(c_statusLineStart, sizeof(c_statusLineStart) - 1) ||
+        !Write(buffer, std::min<size_t>(length, sizeof(buffer) - 1)) ||
+        !SendText(response.GetPhrase().data(), response.GetPhrase().size(), buffer) ||
+        !Write(c_lineEnd, sizeof(c_lineEnd) - 1))
+        return;
     if (!response.GetContentType().empty()) {
-        m_pDataLayer->SendData(c_contentTypeStart, sizeof(c_contentTypeStart) - 1);
-        SendText(response.GetContentType().data(), response.GetContentType().size(), buffer);
-        m_pDataLayer->SendData(c_lineEnd, sizeof(c_lineEnd) - 1);
+        if (!Write(c_contentTypeStart, sizeof(c_contentTypeStart) - 1) ||
+            !SendText(response.GetContentType().data(), response.GetContentType().size(), buffer) ||
+            !Write(c_lineEnd, sizeof(c_lineEnd) - 1))
+            return;
     }
     if (response.IsLast()) {
-        m_pDataLayer->SendData(c_contentLengthStart, sizeof(c_contentLengthStart) - 1);
         length = std::snprintf(buffer, sizeof(buffer), "%ld ", response.GetDataSize());
-        m_pDataLayer->SendData(buffer, std::min<int>(length, sizeof(buffer) - 1));
-        m_pDataLayer->SendData(c_lineEnd, sizeof(c_lineEnd) - 1);
+        if (!Write(c_contentLengthStart, sizeof(c_contentLengthStart) - 1) ||
+            !Write(buffer, std::min<size_t>(length, sizeof(buffer) - 1)) ||
+            !Write(c_lineEnd, sizeof(c_lineEnd) - 1))
+            return;
     }
     for (const auto &field : response.GetAdditionalHeaders()) {
-        SendText(field.first.data(), field.first.size(), buffer);
-        m_pDataLayer->SendData(c_fieldSeparator, sizeof(c_fieldSeparator) - 1);
-        SendText(field.second.data(), field.second.size(), buffer);
-        m_pDataLayer->SendData(c_lineEnd, sizeof(c_lineEnd) - 1);
+        if (!SendText(field.first.data(), field.first.size(), buffer) ||
+            !Write(c_fieldSeparator, sizeof(c_fieldSeparator) - 1) ||
+            !SendText(field.second.data(), field.second.size(), buffer) ||
+            !Write(c_lineEnd, sizeof(c_lineEnd) - 1))
+            return;
     }
-    m_pDataLayer->SendData(c_lineEnd, sizeof(c_lineEnd) - 1);
+    if (!Write(c_lineEnd, sizeof(c_lineEnd) - 1))
+        return;
     if (response.GetDataSize() > 0)
         SendSlices(response.GetData(), response.GetDataSize());
 }

@@ -51,8 +51,10 @@ class CHTTPConnectionPoint : private INVQDataLayerNotification, public KZF::CRef
     CHTTPConnectionPoint(const CHTTPConnectionPoint &) = delete;
     CHTTPConnectionPoint &operator=(const CHTTPConnectionPoint &) = delete;
 
-    void SendText(const char *text, size_t length, char (&buffer)[256]);
-    void SendSlices(const unsigned char *data, long size);
+    // Each is false once a write failed: the connection is gone.
+    bool Write(const void *data, size_t length);
+    bool SendText(const char *text, size_t length, char (&buffer)[256]);
+    bool SendSlices(const unsigned char *data, long size);
     // Ends this side of the connection: no notification arrives any more, the
     // connection is closed, and the layer's table lets go of this point.
     void Detach();
