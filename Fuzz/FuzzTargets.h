@@ -17,6 +17,10 @@ int FuzzRequestParser(const uint8_t *data, size_t size);
 // name decoding.
 int FuzzUrlParams(const uint8_t *data, size_t size);
 
+// One whole connection through the HTTP layer with the file and log handlers,
+// driven by a script of arrivals, reads and closes.
+int FuzzConnectionPoint(const uint8_t *data, size_t size);
+
 #define NVQ_FUZZ_CHECK(condition)                                                                            \
     do {                                                                                                     \
         if (!(condition)) {                                                                                  \

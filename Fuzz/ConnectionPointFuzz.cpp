@@ -1,0 +1,350 @@
+// Drives one whole connection, in memory, through the HTTP layer and its
+// connection point, with the real file and log handlers behind it. The input
+// is a script: bytes arrive in arbitrary pieces, are read in arbitrary sizes,
+// and the peer may close at any moment, also in the middle of a write.
+#include "FuzzTargets.h"
+
+#include "HTTP/HTTPDefaultHandler.h"
+#include "HTTP/HTTPLayer.h"
+#include "HTTP/HTTPLogHandler.h"
+#include "KZF_Utilities/Linux/Logger.h"
+#include "NVQSockets/Linux/INVQMultiPointLayer.h"
+
+#include <dirent.h>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstring>
+#include <deque>
+#include <string>
+
+namespace
+{
+
+// A data layer that checks how the library uses it.
+class CScriptedConnection : public NVQ::INVQDataLayer
+{
+  public:
+    enum EBreak { eNoBreak, eBrokenWrite, eCloseDuringWrite };
+
+    CScriptedConnection(EBreak breakMode, int breakAtWrite)
+        : m_breakMode(breakMode), m_breakAtWrite(breakAtWrite)
+    {
+    }
+
+    int ReadData(void *buffer, int size) override
+    {
+        NVQ_FUZZ_CHECK(m_closes == 0);
+        NVQ_FUZZ_CHECK(buffer != nullptr && size > 0);
+        if (m_pending.empty())
+            return 0;
+        std::string &front = m_pending.front();
+        size_t n = std::min(front.size(), static_cast<size_t>(size));
+        if (m_readLimit > 0)
+            n = std::min(n, m_readLimit);
+        front.copy(static_cast<char *>(buffer), n);
+        front.erase(0, n);
+        if (front.empty())
+            m_pending.pop_front();
+        return static_cast<int>(n);
+    }
+
+    int SendData(const void *data, int size) override
+    {
+        // Nothing is written on a connection the server closed, nor after a
+        // write failed: the answer under way is dropped.
+        NVQ_FUZZ_CHECK(m_closes == 0);
+        NVQ_FUZZ_CHECK(!m_writeFailed);
+        NVQ_FUZZ_CHECK(size >= 0 && (size == 0 || data != nullptr));
+        if (m_peerGone) {
+            // As the framework does: the writer learns of the close.
+            m_writeFailed = true;
+            return -1;
+        }
+        if (m_breakMode != eNoBreak && m_writes++ == m_breakAtWrite) {
+            // The peer leaves while this write is under way. A broken write
+            // has delivered the close before it returns; otherwise the close
+            // comes from another thread and this write itself got through.
+            const bool broken = m_breakMode == eBrokenWrite;
+            if (!broken)
+                m_output.append(static_cast<const char *>(data), static_cast<size_t>(size));
+            DeliverClose();
+            m_writeFailed = broken;
+            return broken ? -1 : size;
+        }
+        m_output.append(static_cast<const char *>(data), static_cast<size_t>(size));
+        return size;
+    }
+
+    void RegisterNotification(NVQ::INVQDataLayerNotification &notification) override
+    {
+        NVQ_FUZZ_CHECK(m_pNotification == nullptr);
+        m_pNotification = &notification;
+    }
+
+    void UnregisterNotification(NVQ::INVQDataLayerNotification &notification) override
+    {
+        if (m_pNotification == &notification)
+            m_pNotification = nullptr;
+    }
+
+    void Close() override
+    {
+        NVQ_FUZZ_CHECK(m_pNotification == nullptr); // unregistered first
+        ++m_closes;
+        NVQ_FUZZ_CHECK(m_closes == 1);
+    }
+
+    void DeliverData()
+    {
+        if (m_pNotification != nullptr && !m_peerGone)
+            m_pNotification->OnDataReceived(*this);
+    }
+
+    void DeliverClose()
+    {
+        if (m_pNotification == nullptr || m_peerGone)
+            return;
+        m_peerGone = true;
+        // The framework delivers the close once; the point unregisters itself
+        // when it goes away.
+        m_pNotification->OnConnectionClosed(*this);
+    }
+
+    // Closed by the server, or left by the peer.
+    bool Ended() const { return m_closes > 0 || m_peerGone; }
+
+    std::deque<std::string> m_pending;
+    size_t m_readLimit = 0;
+    std::string m_output;
+
+  private:
+    NVQ::INVQDataLayerNotification *m_pNotification = nullptr;
+    EBreak m_breakMode;
+    int m_breakAtWrite;
+    int m_writes = 0;
+    int m_closes = 0;
+    bool m_peerGone = false;
+    bool m_writeFailed = false;
+};
+
+class CAddress : public NVQ::INVQConnectionAddress
+{
+  public:
+    KZF::tstring ToString() const override { return "127.0.0.1:7070"; }
+};
+
+// Hands the layer one connection at a time.
+class COneConnectionLayer : public NVQ::INVQMultiPointLayer
+{
+  public:
+    KZF::CRefCountPtr<NVQ::INVQDataLayer> CreateConnectionPoint(const NVQ::INVQConnectionAddress &,
+                                                                const NVQ::INVQConnectionAddress &) override
+    {
+        return m_next;
+    }
+    void CloseConnection(NVQ::INVQDataLayer &) override {}
+    void RegisterNotification(const NVQ::INVQMultiPointLayerNotification &notification) override
+    {
+        m_pNotification = const_cast<NVQ::INVQMultiPointLayerNotification *>(&notification);
+    }
+    void UnregisterNotification(const NVQ::INVQMultiPointLayerNotification &) override
+    {
+        m_pNotification = nullptr;
+    }
+
+    bool Accept(CScriptedConnection *connection)
+    {
+        m_next = connection;
+        CAddress address;
+        const bool taken = m_pNotification->NewConnectionRequested(*this, address, address);
+        m_next = static_cast<NVQ::INVQDataLayer *>(nullptr);
+        return taken;
+    }
+
+  private:
+    NVQ::INVQMultiPointLayerNotification *m_pNotification = nullptr;
+    KZF::CRefCountPtr<NVQ::INVQDataLayer> m_next;
+};
+
+void WriteFile(const std::string &path, size_t size)
+{
+    const int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+    NVQ_FUZZ_CHECK(fd >= 0);
+    std::string bytes(size, 'x');
+    for (size_t i = 0; i < size; ++i)
+        bytes[i] = static_cast<char>('a' + i % 26);
+    NVQ_FUZZ_CHECK(write(fd, bytes.data(), bytes.size()) == static_cast<ssize_t>(bytes.size()));
+    close(fd);
+}
+
+// The server: a site of a few files, among them one that takes several
+// pieces, a directory with an index, and a FIFO that must never be opened.
+struct SServer {
+    std::string directory;
+    COneConnectionLayer framework;
+    NVQ::CHTTPLayer layer{framework};
+    NVQ::CHTTPDefaultHandler *fileHandler = nullptr;
+    NVQ::CHTTPLogHandler logHandler;
+    int firstFreeDescriptor = -1;
+
+    SServer()
+    {
+        char pattern[] = "/tmp/nvq_fuzz_site_XXXXXX";
+        NVQ_FUZZ_CHECK(mkdtemp(pattern) != nullptr);
+        directory = pattern;
+        NVQ_FUZZ_CHECK(mkdir((directory + "/sub").c_str(), 0755) == 0);
+        WriteFile(directory + "/index.html", 300);
+        WriteFile(directory + "/sub/index.html", 10);
+        WriteFile(directory + "/big.bin", 20000);
+        WriteFile(directory + "/empty", 0);
+        NVQ_FUZZ_CHECK(mkfifo((directory + "/fifo").c_str(), 0644) == 0);
+        fileHandler = new NVQ::CHTTPDefaultHandler(directory + "/");
+        layer.RegisterHandler(logHandler, false);
+        layer.RegisterHandler(*fileHandler, false);
+        KZF::CLogger::GetInstance().AddOutputDevice(&logHandler);
+        firstFreeDescriptor = LowestFreeDescriptor();
+    }
+
+    static int LowestFreeDescriptor()
+    {
+        const int fd = open("/dev/null", O_RDONLY);
+        NVQ_FUZZ_CHECK(fd >= 0);
+        close(fd);
+        return fd;
+    }
+
+    // Cheap while the lowest free descriptor stays where it was; when it
+    // moved (the fuzzer or the C library may keep a descriptor of their
+    // own), only descriptors of the site count.
+    void CheckNoFileOpen()
+    {
+        if (LowestFreeDescriptor() == firstFreeDescriptor)
+            return;
+        DIR *fds = opendir("/proc/self/fd");
+        NVQ_FUZZ_CHECK(fds != nullptr);
+        while (const dirent *entry = readdir(fds)) {
+            char target[4096];
+            const std::string link = std::string("/proc/self/fd/") + entry->d_name;
+            const ssize_t length = readlink(link.c_str(), target, sizeof(target) - 1);
+            if (length > 0)
+                NVQ_FUZZ_CHECK(std::string(target, static_cast<size_t>(length))
+                                   .compare(0, directory.size(), directory) != 0);
+        }
+        closedir(fds);
+        firstFreeDescriptor = LowestFreeDescriptor();
+    }
+
+    static void RemoveSite()
+    {
+        const std::string &dir = Get().directory;
+        for (const char *name : {"/sub/index.html", "/index.html", "/big.bin", "/empty", "/fifo"})
+            unlink((dir + name).c_str());
+        rmdir((dir + "/sub").c_str());
+        rmdir(dir.c_str());
+    }
+
+    // Built once per process and never destroyed: the fuzzer exits without
+    // unwinding.
+    static SServer &Get()
+    {
+        static SServer *server = [] {
+            SServer *s = new SServer();
+            std::atexit(RemoveSite);
+            return s;
+        }();
+        return *server;
+    }
+};
+
+// Every answer starts with a status line and a header block; complete
+// answers carry their length, and the one without a length runs to the end
+// of the output, after which the connection must be over.
+void CheckAnswers(const std::string &out, bool ended)
+{
+    size_t pos = 0;
+    while (pos < out.size()) {
+        NVQ_FUZZ_CHECK(out.compare(pos, 9, "HTTP/1.1 ") == 0);
+        if (pos + 13 > out.size()) {
+            NVQ_FUZZ_CHECK(ended); // cut by the peer leaving
+            return;
+        }
+        for (size_t i = pos + 9; i < pos + 12; ++i)
+            NVQ_FUZZ_CHECK(out[i] >= '0' && out[i] <= '9');
+        NVQ_FUZZ_CHECK(out[pos + 12] == ' ');
+        const size_t headerEnd = out.find("\r\n\r\n", pos);
+        if (headerEnd == std::string::npos) {
+            NVQ_FUZZ_CHECK(ended); // cut by the peer leaving
+            return;
+        }
+        const std::string header = out.substr(pos, headerEnd + 2 - pos);
+        const size_t lengthField = header.find("\r\nContent-Length: ");
+        if (lengthField == std::string::npos) {
+            NVQ_FUZZ_CHECK(ended);
+            return;
+        }
+        const size_t length = std::strtoul(header.c_str() + lengthField + 18, nullptr, 10);
+        pos = headerEnd + 4 + length;
+        if (pos > out.size())
+            NVQ_FUZZ_CHECK(ended);
+    }
+}
+
+} // namespace
+
+// Script: byte 0 picks how the peer may leave during a write, byte 1 at which
+// write; then operations, each one byte whose low two bits choose it and
+// whose upper six bits are its parameter p:
+//   0  the next (1 + next byte) bytes arrive as one piece
+//   1  the framework delivers a data notification
+//   2  reads return at most p bytes from now on (0: no limit)
+//   3  the peer closes the connection
+int FuzzConnectionPoint(const uint8_t *data, size_t size)
+{
+    if (size < 2)
+        return 0;
+    SServer &server = SServer::Get();
+    server.logHandler.Init(); // the same input gives the same log page
+
+    const auto breakMode = static_cast<CScriptedConnection::EBreak>(data[0] % 3);
+    KZF::CRefCountPtr<CScriptedConnection> connection(new CScriptedConnection(breakMode, data[1]));
+    NVQ_FUZZ_CHECK(server.framework.Accept(connection.GetPtr()));
+    NVQ_FUZZ_CHECK(server.layer.GetConnectionPointCount() == 1);
+
+    size_t pos = 2;
+    while (pos < size) {
+        const uint8_t op = data[pos++];
+        const unsigned parameter = op >> 2;
+        switch (op & 3) {
+        case 0: {
+            if (pos >= size)
+                break;
+            const size_t wanted = 1 + data[pos++];
+            const size_t length = std::min(wanted, size - pos);
+            connection->m_pending.emplace_back(reinterpret_cast<const char *>(data + pos), length);
+            pos += length;
+            break;
+        }
+        case 1:
+            connection->DeliverData();
+            break;
+        case 2:
+            connection->m_readLimit = parameter;
+            break;
+        default:
+            connection->DeliverClose();
+            break;
+        }
+    }
+    const bool ended = connection->Ended();
+    // The client goes away at the end if nobody closed before.
+    connection->DeliverClose();
+
+    NVQ_FUZZ_CHECK(server.layer.GetConnectionPointCount() == 0);
+    CheckAnswers(connection->m_output, ended);
+    // Every file a transfer opened has been closed again.
+    server.CheckNoFileOpen();
+    return 0;
+}

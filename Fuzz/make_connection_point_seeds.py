@@ -1,0 +1,67 @@
+#!/usr/bin/env python3
+"""Writes the seed corpus of the connection point fuzz target: scripts of
+arrivals, data notifications, read limits and closes (format at the target's
+entry point in ConnectionPointFuzz.cpp)."""
+import os
+import sys
+
+NO_BREAK, BROKEN_WRITE, CLOSE_DURING_WRITE = 0, 1, 2
+
+
+def arrive(data):
+    out = b""
+    for i in range(0, len(data), 256):
+        piece = data[i:i + 256]
+        out += bytes([0, len(piece) - 1]) + piece
+    return out
+
+
+DELIVER = bytes([1])
+CLOSE = bytes([3])
+
+
+def read_limit(n):
+    return bytes([(n << 2) | 2])
+
+
+def script(ops, mode=NO_BREAK, at_write=0):
+    return bytes([mode, at_write]) + b"".join(ops)
+
+
+def get(path, extra=b""):
+    return b"GET " + path + b" HTTP/1.1\r\nHost: device\r\n" + extra + b"\r\n"
+
+
+SEEDS = {
+    "index": script([arrive(get(b"/index.html")), DELIVER]),
+    "directory_index": script([arrive(get(b"/sub/")), DELIVER]),
+    "big_file_small_reads": script([read_limit(7), arrive(get(b"/big.bin")), DELIVER]),
+    "keep_alive_then_log": script([arrive(get(b"/index.html")), DELIVER, arrive(get(b"/nothing")), DELIVER,
+                                   arrive(get(b"/proxy/log?")), DELIVER]),
+    "log_page": script([arrive(get(b"/proxy/log?log_level=8")), DELIVER]),
+    "not_found_traversal": script([arrive(get(b"/../etc/passwd")), DELIVER, arrive(get(b"/%2e%2e/x")), DELIVER]),
+    "fifo_and_empty": script([arrive(get(b"/fifo")), DELIVER, arrive(get(b"/empty")), DELIVER]),
+    "bad_request": script([arrive(b"GET\x01 / HTTP/1.1\r\n\r\n"), DELIVER]),
+    "post_body": script([arrive(b"POST /index.html?a=1 HTTP/1.1\r\nContent-Length: 5\r\n\r\nb=2&c"), DELIVER]),
+    "one_byte_arrivals": script([arrive(bytes([c])) + DELIVER for c in get(b"/index.html")]),
+    "pipelined": script([arrive(get(b"/index.html") + get(b"/big.bin")), DELIVER, DELIVER]),
+    "peer_leaves_mid_request": script([arrive(b"GET /index.html HTTP/1.1\r\nHo"), DELIVER, CLOSE,
+                                       arrive(b"st: x\r\n\r\n"), DELIVER]),
+    "broken_write_in_stream": script([arrive(get(b"/big.bin")), DELIVER], BROKEN_WRITE, 9),
+    "close_during_header": script([arrive(get(b"/index.html")), DELIVER], CLOSE_DURING_WRITE, 3),
+    "close_during_log_page": script([arrive(get(b"/nothing")), DELIVER, arrive(get(b"/proxy/log")), DELIVER],
+                                    CLOSE_DURING_WRITE, 16),
+}
+
+
+def main():
+    directory = sys.argv[1] if len(sys.argv) > 1 else os.path.join(os.path.dirname(__file__), "corpus",
+                                                                    "connection_point")
+    os.makedirs(directory, exist_ok=True)
+    for name, data in SEEDS.items():
+        with open(os.path.join(directory, name), "wb") as f:
+            f.write(data)
+
+
+if __name__ == "__main__":
+    main()
