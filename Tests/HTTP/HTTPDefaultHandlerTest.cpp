@@ -1,5 +1,6 @@
 #include "HTTP/HTTPDefaultHandler.h"
 #include "HTTP/HTTPServer.h"
+#include "KZF_Utilities/Linux/KzfTime.h"
 
 #include "Support/TestClient.h"
 
@@ -8,6 +9,7 @@
 #include <chrono>
 #include <dirent.h>
 #include <fstream>
+#include <functional>
 #include <random>
 #include <string>
 #include <sys/stat.h>
@@ -259,6 +261,51 @@ TEST_F(DefaultHandlerTest, FileThatChangesDuringTheTransfer)
     EXPECT_EQ(9000 - 8194, piece->GetDataSize());
     EXPECT_FALSE(piece->IsLast());
     EXPECT_TRUE(m_handler.GetAdditionalResponseData(2).IsNull());
+}
+
+// Ten seconds ahead: files written by the test count as settled, so the
+// handler keeps small ones in its cache.
+time_t tenSecondsAhead()
+{
+    return ::time(nullptr) + 10;
+}
+
+TEST_F(DefaultHandlerTest, CachedFilesAreServedAsTheyAreNow)
+{
+    KZF::SetTimeSource(tenSecondsAhead);
+    // As the server asks: CanProcessUri first, then ProcessRequest.
+    auto serve = [this](const std::string &uri) {
+        EXPECT_TRUE(m_handler.CanProcessUri(uri)) << uri;
+        KZF::CRefCountPtr<NVQ::CHTTPResponse> answer = Get(uri, 1);
+        return answer.IsNull() ? std::string("<null>") : Data(answer);
+    };
+    struct SCase {
+        const char *change;
+        std::function<void()> apply;
+        const char *uri;
+        const char *expected;
+    };
+    const std::string root = m_site.m_root;
+    const SCase cases[] = {
+        {"rewritten in place, same size", [&] { m_site.Write(root + "/a", "JUST A"); }, "/a", "JUST A"},
+        {"rewritten, other size", [&] { m_site.Write(root + "/a", "longer text"); }, "/a", "longer text"},
+        {"replaced by rename",
+         [&] {
+             m_site.Write(root + "/new", "renamed");
+             rename((root + "/new").c_str(), (root + "/a").c_str());
+         },
+         "/a", "renamed"},
+        {"index document rewritten", [&] { m_site.Write(root + "/sub/index.html", "<p>SUB</p>"); }, "/sub/",
+         "<p>SUB</p>"},
+        {"emptied", [&] { m_site.Write(root + "/a", ""); }, "/a", "<null>"},
+    };
+    for (const SCase &c : cases) {
+        serve(c.uri);
+        serve(c.uri); // now from the cache
+        c.apply();
+        EXPECT_EQ(c.expected, serve(c.uri)) << c.change;
+    }
+    KZF::SetTimeSource(nullptr);
 }
 
 // ---- Over real sockets

@@ -1,12 +1,15 @@
 #include "HTTP/HTTPDefaultHandler.h"
 
 #include "KZF_Base/Linux/KzfAssert.h"
+#include "KZF_Utilities/Linux/KzfTime.h"
 #include "KZF_Utilities/Linux/Logger.h"
 #include "KZF_Utilities/Linux/SysUtils.h"
 
 #include <algorithm>
+#include <ctime>
 #include <fcntl.h>
 #include <sys/stat.h>
+#include <time.h>
 #include <unistd.h>
 
 namespace NVQ
@@ -40,14 +43,24 @@ bool isConfined(const KZF::tstring &decodedUri)
 }
 
 // Opens only a regular file, without blocking on a FIFO or device and
-// without a window in which the path could be swapped for one.
-FILE *openRegularFile(const KZF::tstring &path, int64_t &size)
+// without a window in which the path could be swapped for one. A directory
+// stands for its index document, as in GetResourcePath; trying the open
+// first spares the separate directory test on the usual path.
+FILE *openRegularFile(KZF::tstring &path, struct stat &status)
 {
-    const int fd = ::open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
+    int fd = ::open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
     if (fd < 0)
         return nullptr;
-    struct stat status;
-    if (::fstat(fd, &status) != 0 || !S_ISREG(status.st_mode)) {
+    if (::fstat(fd, &status) == 0 && S_ISDIR(status.st_mode)) {
+        ::close(fd);
+        path += c_defaultDocument;
+        fd = ::open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
+        if (fd < 0)
+            return nullptr;
+        if (::fstat(fd, &status) != 0)
+            status.st_mode = 0;
+    }
+    if (!S_ISREG(status.st_mode)) {
         ::close(fd);
         return nullptr;
     }
@@ -59,8 +72,53 @@ FILE *openRegularFile(const KZF::tstring &path, int64_t &size)
     // Pieces are read whole into their own buffer: a stream buffer would only
     // add a copy and 4 KiB per transfer.
     std::setvbuf(file, nullptr, _IONBF, 0);
-    size = static_cast<int64_t>(status.st_size);
     return file;
+}
+
+// What CanProcessUri found, for the ProcessRequest that follows on the same
+// thread: it spares a second lookup and lets a cached file be used without
+// touching the file system again.
+struct SLookup {
+    KZF::tstring m_basePath; // as mapped from the URI
+    KZF::tstring m_path;     // the file, index document appended
+    struct stat m_status;
+    int64_t m_takenMs = 0;
+    bool m_valid = false;
+};
+thread_local SLookup t_lookup;
+
+// A lookup older than this is not used, whoever called CanProcessUri without
+// the ProcessRequest that normally follows at once.
+const int64_t c_lookupLifetimeMs = 50;
+
+int64_t coarseMilliseconds()
+{
+    struct timespec now;
+    clock_gettime(CLOCK_MONOTONIC_COARSE, &now);
+    return static_cast<int64_t>(now.tv_sec) * 1000 + now.tv_nsec / 1000000;
+}
+
+// Whether the path, or the index document when it names a directory, is a
+// regular file: one stat where the directory test and the file test would
+// take two.
+bool isServableFile(const KZF::tstring &basePath)
+{
+    SLookup &lookup = t_lookup;
+    lookup.m_valid = false;
+    if (::stat(basePath.c_str(), &lookup.m_status) != 0)
+        return false;
+    lookup.m_path = basePath;
+    if (S_ISDIR(lookup.m_status.st_mode)) {
+        lookup.m_path += c_defaultDocument;
+        if (::stat(lookup.m_path.c_str(), &lookup.m_status) != 0)
+            return false;
+    }
+    if (!S_ISREG(lookup.m_status.st_mode))
+        return false;
+    lookup.m_basePath = basePath;
+    lookup.m_takenMs = coarseMilliseconds();
+    lookup.m_valid = true;
+    return true;
 }
 
 } // namespace
@@ -84,56 +142,126 @@ void CHTTPDefaultHandler::SetDirectory(const KZF::tstring &directory)
 
 KZF::tstring CHTTPDefaultHandler::GetResourcePath(const KZF::tstring &decodedUri)
 {
-    KZF::tstring path = decodedUri;
-    const size_t query = path.find('?');
-    if (query != KZF::tstring::npos)
-        path.erase(query);
-    if (!path.empty() && path[0] == '/')
-        path.erase(0, 1);
-    path = KZF::CSysUtils::MakeFullPath(m_directory, path);
+    KZF::tstring path = GetBasePath(decodedUri);
     if (KZF::CSysUtils::DirectoryExists(path))
         path += c_defaultDocument;
     return path;
 }
 
-bool CHTTPDefaultHandler::ResolvePath(const KZF::tstring &uri, KZF::tstring &path)
+KZF::tstring CHTTPDefaultHandler::GetBasePath(const KZF::tstring &decodedUri)
+{
+    const size_t query = decodedUri.find('?');
+    const size_t end = query == KZF::tstring::npos ? decodedUri.size() : query;
+    const size_t start = end > 0 && decodedUri[0] == '/' ? 1 : 0;
+    return KZF::CSysUtils::MakeFullPath(m_directory, decodedUri.substr(start, end - start));
+}
+
+bool CHTTPDefaultHandler::ResolveBasePath(const KZF::tstring &uri, KZF::tstring &path)
 {
     const KZF::tstring decoded = CHTTPRequest::UriDecode(uri);
     if (!isConfined(decoded))
         return false;
-    path = GetResourcePath(decoded);
+    path = GetBasePath(decoded);
     return true;
 }
 
 bool CHTTPDefaultHandler::CanProcessUri(const KZF::tstring &uri)
 {
     KZF::tstring path;
-    return ResolvePath(uri, path) && KZF::CSysUtils::FileExists(path);
+    return ResolveBasePath(uri, path) && isServableFile(path);
 }
 
 KZF::CRefCountPtr<CHTTPResponse> CHTTPDefaultHandler::ProcessRequest(CHTTPRequest &request, int connectionID)
 {
     KZF::CRefCountPtr<CHTTPResponse> result;
     m_interrupted = false;
+    SLookup &lookup = t_lookup;
+    const bool looked = lookup.m_valid;
+    lookup.m_valid = false; // good for this request only
     if (request.GetMethod() != c_getMethod)
         return result;
     KZF::tstring path;
-    if (!ResolvePath(request.GetUri(), path))
+    if (!ResolveBasePath(request.GetUri(), path))
         return result;
+
+    if (looked && lookup.m_basePath == path && coarseMilliseconds() - lookup.m_takenMs < c_lookupLifetimeMs) {
+        const CHTTPFileCache::TContent content = m_fileCache.Find(lookup.m_path, lookup.m_status);
+        if (content) {
+            result = MakeCompleteResponse(reinterpret_cast<const unsigned char *>(content->data()),
+                                          content->size());
+            KZF::CCriticalSection::CLock lock(m_lock);
+            RemoveRequest(connectionID);
+            return result;
+        }
+    }
+
+    struct stat status;
     SRequestData data = {nullptr, 0, 0};
-    data.m_pFile = openRegularFile(path, data.m_size);
+    data.m_pFile = openRegularFile(path, status);
     if (data.m_pFile == nullptr)
         return result;
-    KZF::CCriticalSection::CLock lock(m_lock);
-    AddRequest(connectionID, data);
-    result = ProcessRequestData(connectionID, true);
+    data.m_size = static_cast<int64_t>(status.st_size);
+    // The record is this thread's until it enters the map; the lock guards
+    // only the map, so transfers on other connections never wait for a read.
+    bool last = true;
+    result = ProcessRequestData(data, true, last, &status, &path);
+    {
+        KZF::CCriticalSection::CLock lock(m_lock);
+        if (last)
+            RemoveRequest(connectionID);
+        else
+            AddRequest(connectionID, data);
+    }
+    if (last)
+        std::fclose(data.m_pFile);
+    return result;
+}
+
+KZF::CRefCountPtr<CHTTPResponse> CHTTPDefaultHandler::MakeCompleteResponse(const unsigned char *data,
+                                                                           size_t size)
+{
+    KZF::CRefCountPtr<CHTTPResponse> result;
+    CHTTPResponse *response = new (std::nothrow) CHTTPResponse();
+    result = response;
+    KZF_ASSERT(result);
+    if (response != nullptr) {
+        response->SetCode(200);
+        response->SetPhrase("OK");
+        if (!response->SetData(data, static_cast<long>(size)))
+            KZF_ASSERT(false); // the answer goes out without data
+        response->SetIsLast(true);
+    }
+    if (m_interrupted)
+        result = static_cast<CHTTPResponse *>(nullptr);
     return result;
 }
 
 KZF::CRefCountPtr<CHTTPResponse> CHTTPDefaultHandler::GetAdditionalResponseData(int connectionID)
 {
-    KZF::CCriticalSection::CLock lock(m_lock);
-    return ProcessRequestData(connectionID, false);
+    KZF::CRefCountPtr<CHTTPResponse> result;
+    std::map<int, SRequestData>::iterator it;
+    {
+        KZF::CCriticalSection::CLock lock(m_lock);
+        it = m_connDataMap.find(connectionID);
+        KZF_ASSERT(it != m_connDataMap.end());
+        if (it == m_connDataMap.end())
+            return result;
+    }
+    // Only the connection's own thread adds, reads or removes its entry, and
+    // map entries stay where they are while others come and go: the read
+    // needs no lock.
+    SRequestData &data = it->second;
+    bool last = true;
+    result = ProcessRequestData(data, false, last);
+    if (last) {
+        FILE *file = data.m_pFile;
+        {
+            KZF::CCriticalSection::CLock lock(m_lock);
+            m_connDataMap.erase(it);
+        }
+        std::fclose(file);
+    }
+    return result;
 }
 
 bool CHTTPDefaultHandler::InterruptProcessing()
@@ -166,15 +294,12 @@ void CHTTPDefaultHandler::RemoveRequest(int connectionID)
     m_connDataMap.erase(it);
 }
 
-KZF::CRefCountPtr<CHTTPResponse> CHTTPDefaultHandler::ProcessRequestData(int connectionID, bool isFirstPiece)
+KZF::CRefCountPtr<CHTTPResponse> CHTTPDefaultHandler::ProcessRequestData(SRequestData &data,
+                                                                         bool isFirstPiece, bool &last,
+                                                                         const struct stat *status,
+                                                                         const KZF::tstring *path)
 {
     KZF::CRefCountPtr<CHTTPResponse> result;
-    auto it = m_connDataMap.find(connectionID);
-    KZF_ASSERT(it != m_connDataMap.end());
-    if (it == m_connDataMap.end())
-        return result;
-
-    SRequestData &data = it->second;
     if (data.m_size > 0)
         KZF_ASSERT(data.m_offset < data.m_size);
     // Never more than the length measured at the start: a file that grows
@@ -184,7 +309,7 @@ KZF::CRefCountPtr<CHTTPResponse> CHTTPDefaultHandler::ProcessRequestData(int con
     unsigned char buffer[c_pieceSize];
     const size_t n = wanted > 0 ? std::fread(buffer, 1, wanted, data.m_pFile) : 0;
 
-    bool last = true;
+    last = true;
     if (n > 0) {
         data.m_offset += static_cast<int64_t>(n);
         CHTTPResponse *response = new (std::nothrow) CHTTPResponse();
@@ -200,11 +325,9 @@ KZF::CRefCountPtr<CHTTPResponse> CHTTPDefaultHandler::ProcessRequestData(int con
             last = data.m_offset == data.m_size;
             response->SetSendOnlyData(!isFirstPiece);
             response->SetIsLast(last);
+            if (isFirstPiece && last && status != nullptr && path != nullptr)
+                m_fileCache.Put(*path, *status, buffer, n, KZF::time());
         }
-    }
-    if (last) {
-        std::fclose(data.m_pFile);
-        m_connDataMap.erase(it);
     }
     if (m_interrupted)
         result = static_cast<CHTTPResponse *>(nullptr);

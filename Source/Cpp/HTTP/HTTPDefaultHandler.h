@@ -1,6 +1,7 @@
 #ifndef NVQ_HTTP_HTTPDEFAULTHANDLER_H
 #define NVQ_HTTP_HTTPDEFAULTHANDLER_H
 
+#include "HTTP/HTTPFileCache.h"
 #include "HTTP/IHTTPExchangeEndNotification.h"
 #include "HTTP/IHTTPRequestHandler.h"
 #include "KZF_Base/Linux/CriticalSection.h"
@@ -57,17 +58,32 @@ class CHTTPDefaultHandler : public IHTTPRequestHandler, public IHTTPExchangeEndN
     CHTTPDefaultHandler(const CHTTPDefaultHandler &) = delete;
     CHTTPDefaultHandler &operator=(const CHTTPDefaultHandler &) = delete;
 
-    // Decodes the URI and maps it, unless its path would leave the directory.
-    bool ResolvePath(const KZF::tstring &uri, KZF::tstring &path);
-    // The caller holds m_lock for these three.
-    KZF::CRefCountPtr<CHTTPResponse> ProcessRequestData(int connectionID, bool isFirstPiece);
+    // GetResourcePath without the directory test.
+    KZF::tstring GetBasePath(const KZF::tstring &decodedUri);
+    // Decodes the URI and maps it with GetBasePath, unless its path would
+    // leave the directory.
+    bool ResolveBasePath(const KZF::tstring &uri, KZF::tstring &path);
+    // Reads the next piece of a transfer; `last` tells whether the transfer
+    // is over (its stream is then for the caller to close). No lock: the
+    // record belongs to the calling connection's thread. A file read whole
+    // in its first piece is kept in the cache under `path` with the status
+    // its descriptor had.
+    KZF::CRefCountPtr<CHTTPResponse> ProcessRequestData(SRequestData &data, bool isFirstPiece, bool &last,
+                                                        const struct stat *status = nullptr,
+                                                        const KZF::tstring *path = nullptr);
+    // The one-piece answer for a file of `size` bytes.
+    KZF::CRefCountPtr<CHTTPResponse> MakeCompleteResponse(const unsigned char *data, size_t size);
+    // The caller holds m_lock for these two.
     void AddRequest(int connectionID, const SRequestData &requestData);
     void RemoveRequest(int connectionID);
 
+    // Guards the map itself; an entry's record is used only by the thread of
+    // its connection.
     KZF::CCriticalSection m_lock;
     KZF::tstring m_directory;
     std::map<int, SRequestData> m_connDataMap;
     std::atomic<bool> m_interrupted;
+    CHTTPFileCache m_fileCache;
 };
 
 } // namespace NVQ
