@@ -38,8 +38,9 @@ int ownDeliveries(const CSocketConnection *connection)
 std::condition_variable_any s_deliveryEnded;
 
 // Writes at or above this size go to the kernel straight from the caller's
-// memory, together with what is buffered, instead of being copied.
-constexpr size_t c_copyLimit = 4096;
+// memory, together with what is buffered, instead of being copied. Below it,
+// copying costs less than the system call it saves.
+constexpr size_t c_copyLimit = 16384;
 
 // Bytes read and dropped per event while closing gracefully, so that one
 // chatty peer cannot hold a worker.

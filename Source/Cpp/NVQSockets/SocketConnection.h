@@ -48,9 +48,11 @@ class CLocalSocketAddress : public INVQConnectionAddress
 };
 
 // Per worker thread: the connection it serves and the buffer in which that
-// connection's small writes gather until the notification ends.
+// connection's writes gather until the notification ends. Streamed answers
+// come in pieces of about 8 KiB: gathering several per send saves a system
+// call for each.
 struct SWorkerContext {
-    static const size_t c_bufferSize = 16384;
+    static const size_t c_bufferSize = 65536;
     CSocketConnection *m_pConnection = nullptr;
     size_t m_used = 0;
     unsigned char m_buffer[c_bufferSize];
