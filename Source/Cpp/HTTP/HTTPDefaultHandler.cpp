@@ -69,10 +69,20 @@ FILE *openRegularFile(KZF::tstring &path, struct stat &status)
         ::close(fd);
         return nullptr;
     }
-    // Pieces are read whole into their own buffer: a stream buffer would only
-    // add a copy and 4 KiB per transfer.
+    // A file of one piece is read whole into the piece: a stream buffer
+    // would only add a copy. Larger files get a buffer of their own below.
     std::setvbuf(file, nullptr, _IONBF, 0);
     return file;
+}
+
+// Files of several pieces are read this much at a time: four pieces per
+// read, for 32 KiB per transfer under way.
+const size_t c_streamBufferSize = 4 * 8192;
+
+void closeTransfer(const CHTTPDefaultHandler::SRequestData &data)
+{
+    std::fclose(data.m_pFile);
+    delete[] data.m_pBuffer;
 }
 
 // What CanProcessUri found, for the ProcessRequest that follows on the same
@@ -132,7 +142,7 @@ CHTTPDefaultHandler::~CHTTPDefaultHandler()
 {
     m_interrupted = true;
     for (auto &entry : m_connDataMap)
-        std::fclose(entry.second.m_pFile);
+        closeTransfer(entry.second);
 }
 
 void CHTTPDefaultHandler::SetDirectory(const KZF::tstring &directory)
@@ -196,11 +206,17 @@ KZF::CRefCountPtr<CHTTPResponse> CHTTPDefaultHandler::ProcessRequest(CHTTPReques
     }
 
     struct stat status;
-    SRequestData data = {nullptr, 0, 0};
+    SRequestData data = {nullptr, 0, 0, nullptr};
     data.m_pFile = openRegularFile(path, status);
     if (data.m_pFile == nullptr)
         return result;
     data.m_size = static_cast<int64_t>(status.st_size);
+    if (data.m_size > c_pieceSize) {
+        // Without a buffer (out of memory) the pieces are read one by one.
+        data.m_pBuffer = new (std::nothrow) unsigned char[c_streamBufferSize];
+        if (data.m_pBuffer != nullptr)
+            std::setvbuf(data.m_pFile, reinterpret_cast<char *>(data.m_pBuffer), _IOFBF, c_streamBufferSize);
+    }
     // The record is this thread's until it enters the map; the lock guards
     // only the map, so transfers on other connections never wait for a read.
     bool last = true;
@@ -213,7 +229,7 @@ KZF::CRefCountPtr<CHTTPResponse> CHTTPDefaultHandler::ProcessRequest(CHTTPReques
             AddRequest(connectionID, data);
     }
     if (last)
-        std::fclose(data.m_pFile);
+        closeTransfer(data);
     return result;
 }
 
@@ -254,12 +270,12 @@ KZF::CRefCountPtr<CHTTPResponse> CHTTPDefaultHandler::GetAdditionalResponseData(
     bool last = true;
     result = ProcessRequestData(data, false, last);
     if (last) {
-        FILE *file = data.m_pFile;
+        const SRequestData ended = data;
         {
             KZF::CCriticalSection::CLock lock(m_lock);
             m_connDataMap.erase(it);
         }
-        std::fclose(file);
+        closeTransfer(ended);
     }
     return result;
 }
@@ -290,7 +306,7 @@ void CHTTPDefaultHandler::RemoveRequest(int connectionID)
     auto it = m_connDataMap.find(connectionID);
     if (it == m_connDataMap.end())
         return;
-    std::fclose(it->second.m_pFile);
+    closeTransfer(it->second);
     m_connDataMap.erase(it);
 }
 

@@ -32,6 +32,9 @@ class CHTTPDefaultHandler : public IHTTPRequestHandler, public IHTTPExchangeEndN
         FILE *m_pFile;    // owned by the entry
         int64_t m_size;   // measured once, when the request starts
         int64_t m_offset; // bytes read so far
+        // The stream's buffer when the file takes several pieces (one read
+        // then serves several); owned by the entry, null otherwise.
+        unsigned char *m_pBuffer;
     };
 
     explicit CHTTPDefaultHandler(const KZF::tstring &directory);
