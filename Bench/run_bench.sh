@@ -4,13 +4,15 @@
 # static files from loopback ports, measured with wrk and with our
 # idle-connection client, one server at a time.
 #
-#   Bench/run_bench.sh                 peers only, 3 x 10 s per scenario
-#   Bench/run_bench.sh --quick         peers only, 1 x 3 s per scenario
-#   Bench/run_bench.sh --nvq "build/bin/nvq-httpd --port {port} --root {root}"
+#   Bench/run_bench.sh                 ours and the peers, 3 x 10 s per scenario
+#   Bench/run_bench.sh --quick         1 x 3 s per scenario
+#
+# Our demo server nvq-httpd is built first (Release, in build/bench-nvq).
 #
 # Options:
-#   --nvq CMD          our server's command line; {port} and {root} are filled
-#                      in. Benchmarked first when its program exists.
+#   --nvq CMD          our server's command line instead of the one built
+#                      here; {port} and {root} are filled in
+#   --no-nvq           the peers only
 #   --duration SEC     seconds per wrk scenario (default 10)
 #   --quick            3 s per scenario, measured once
 #   --only A,B         run only these servers (names as in the table below;
@@ -75,12 +77,14 @@ quiet_wait=60
 niceness=0
 idle_conns=10000
 nvq_cmd=""
+build_nvq=1
 only=""
 out=""
 install=1
 while [ $# -gt 0 ]; do
   case "$1" in
-    --nvq) nvq_cmd=$2; shift 2 ;;
+    --nvq) nvq_cmd=$2; build_nvq=0; shift 2 ;;
+    --no-nvq) nvq_cmd=""; build_nvq=0; shift ;;
     --duration) duration=$2; shift 2 ;;
     --quick) duration=3; repeat=${repeat:-1}; shift ;;
     --only) only=$2; shift 2 ;;
@@ -131,6 +135,8 @@ ensure_packages() {
   command -v h2o >/dev/null || missing+=(h2o)
   command -v curl >/dev/null || missing+=(curl)
   command -v gcc >/dev/null || missing+=(gcc)
+  command -v cmake >/dev/null || missing+=(cmake)
+  command -v ninja >/dev/null || missing+=(ninja-build)
   command -v g++ >/dev/null || missing+=(g++)
   command -v timeout >/dev/null || missing+=(coreutils)
   command -v pgrep >/dev/null || missing+=(procps)
@@ -171,6 +177,14 @@ LINK="-lmicrohttpd" build_one mhd_static "$BENCH_DIR/peers/mhd_static.c" gcc "${
 LINK="-lcivetweb" build_one civetweb_static "$BENCH_DIR/peers/civetweb_static.c" gcc "${CFLAGS[@]}"
 LINK="-lcpp-httplib -pthread" build_one httplib_static "$BENCH_DIR/peers/httplib_static.cpp" g++ -std=c++17 "${CFLAGS[@]}"
 LINK="" build_one idle_conns "$BENCH_DIR/tools/idle_conns.cpp" g++ -std=c++17 "${CFLAGS[@]}"
+
+# Ours, optimised as a user would ship it.
+if [ "$build_nvq" -eq 1 ]; then
+  log "building nvq-httpd"
+  cmake -S "$REPO" -B "$REPO/build/bench-nvq" -G Ninja -DCMAKE_BUILD_TYPE=Release -DNVQ_BUILD_TESTS=OFF >/dev/null
+  cmake --build "$REPO/build/bench-nvq" --target nvq-httpd >/dev/null
+  nvq_cmd="build/bench-nvq/bin/nvq-httpd --port {port} --root {root}"
+fi
 
 # ---------------------------------------------------------------------------
 # The served directory: deterministic content, reused across runs.
