@@ -51,7 +51,9 @@ FILE *openRegularFile(KZF::tstring &path, struct stat &status)
     int fd = ::open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
     if (fd < 0)
         return nullptr;
-    if (::fstat(fd, &status) == 0 && S_ISDIR(status.st_mode)) {
+    if (::fstat(fd, &status) != 0) {
+        status.st_mode = 0;
+    } else if (S_ISDIR(status.st_mode)) {
         ::close(fd);
         path += c_defaultDocument;
         fd = ::open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
@@ -75,9 +77,9 @@ FILE *openRegularFile(KZF::tstring &path, struct stat &status)
     return file;
 }
 
-// Files of several pieces are read this much at a time: four pieces per
-// read, for 32 KiB per transfer under way.
-const size_t c_streamBufferSize = 4 * 8192;
+// Files of several pieces are read this much at a time (about four pieces
+// per read), for 32 KiB of memory per transfer under way.
+const size_t c_streamBufferSize = 32768;
 
 void closeTransfer(const CHTTPDefaultHandler::SRequestData &data)
 {
