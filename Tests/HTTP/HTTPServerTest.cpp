@@ -2,6 +2,7 @@
 
 #include "Support/ScriptedHandler.h"
 #include "Support/TestClient.h"
+#include "Support/WaitFor.h"
 
 #include <gtest/gtest.h>
 
@@ -20,17 +21,7 @@ namespace
 using NVQTest::CScriptedHandler;
 using NVQTest::CTestClient;
 using NVQTest::makeResponse;
-
-template <class TPredicate> bool waitFor(TPredicate predicate, int timeoutMs = 5000)
-{
-    const auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
-    while (!predicate()) {
-        if (std::chrono::steady_clock::now() > end)
-            return false;
-        std::this_thread::sleep_for(std::chrono::milliseconds(1));
-    }
-    return true;
-}
+using NVQTest::waitFor;
 
 // The exact answer the scripted handler gives by default.
 std::string okAnswer(const std::string &uri)

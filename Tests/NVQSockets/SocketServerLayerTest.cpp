@@ -2,6 +2,7 @@
 
 #include "KZF_Utilities/Linux/Logger.h"
 #include "Support/TestClient.h"
+#include "Support/WaitFor.h"
 
 #include <gtest/gtest.h>
 
@@ -19,17 +20,7 @@ namespace
 {
 
 using NVQTest::CTestClient;
-
-template <class TPredicate> bool waitFor(TPredicate predicate, int timeoutMs = 5000)
-{
-    const auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
-    while (!predicate()) {
-        if (std::chrono::steady_clock::now() > end)
-            return false;
-        std::this_thread::sleep_for(std::chrono::milliseconds(1));
-    }
-    return true;
-}
+using NVQTest::waitFor;
 
 class CTestListener;
 
