@@ -87,12 +87,26 @@ void closeTransfer(const CHTTPDefaultHandler::SRequestData &data)
     delete[] data.m_pBuffer;
 }
 
+// A piece with code 200, "OK" and the data; null when out of memory.
+CHTTPResponse *newPiece(const unsigned char *data, size_t size)
+{
+    CHTTPResponse *response = new (std::nothrow) CHTTPResponse();
+    KZF_ASSERT(response != nullptr);
+    if (response != nullptr) {
+        response->SetCode(200);
+        response->SetPhrase("OK");
+        if (!response->SetData(data, static_cast<long>(size)))
+            KZF_ASSERT(false); // the piece goes out without data
+    }
+    return response;
+}
+
 // What CanProcessUri found, for the ProcessRequest that follows on the same
-// thread: it spares a second lookup and lets a cached file be used without
-// touching the file system again.
+// thread: it spares decoding and mapping the URI again, and lets a cached
+// file be used without touching the file system again.
 struct SLookup {
-    KZF::tstring m_basePath; // as mapped from the URI
-    KZF::tstring m_path;     // the file, index document appended
+    KZF::tstring m_uri;  // as received
+    KZF::tstring m_path; // the file it maps to, index document appended
     struct stat m_status;
     int64_t m_takenMs = 0;
     bool m_valid = false;
@@ -110,10 +124,10 @@ int64_t coarseMilliseconds()
     return static_cast<int64_t>(now.tv_sec) * 1000 + now.tv_nsec / 1000000;
 }
 
-// Whether the path, or the index document when it names a directory, is a
-// regular file: one stat where the directory test and the file test would
-// take two.
-bool isServableFile(const KZF::tstring &basePath)
+// Whether the path mapped from `uri`, or the index document when it names a
+// directory, is a regular file: one stat where the directory test and the
+// file test would take two. Recorded for the ProcessRequest of `uri`.
+bool isServableFile(const KZF::tstring &uri, const KZF::tstring &basePath)
 {
     SLookup &lookup = t_lookup;
     lookup.m_valid = false;
@@ -127,7 +141,7 @@ bool isServableFile(const KZF::tstring &basePath)
     }
     if (!S_ISREG(lookup.m_status.st_mode))
         return false;
-    lookup.m_basePath = basePath;
+    lookup.m_uri = uri;
     lookup.m_takenMs = coarseMilliseconds();
     lookup.m_valid = true;
     return true;
@@ -180,7 +194,7 @@ bool CHTTPDefaultHandler::ResolveBasePath(const KZF::tstring &uri, KZF::tstring 
 bool CHTTPDefaultHandler::CanProcessUri(const KZF::tstring &uri)
 {
     KZF::tstring path;
-    return ResolveBasePath(uri, path) && isServableFile(path);
+    return ResolveBasePath(uri, path) && isServableFile(uri, path);
 }
 
 KZF::CRefCountPtr<CHTTPResponse> CHTTPDefaultHandler::ProcessRequest(CHTTPRequest &request, int connectionID)
@@ -193,10 +207,8 @@ KZF::CRefCountPtr<CHTTPResponse> CHTTPDefaultHandler::ProcessRequest(CHTTPReques
     if (request.GetMethod() != c_getMethod)
         return result;
     KZF::tstring path;
-    if (!ResolveBasePath(request.GetUri(), path))
-        return result;
-
-    if (looked && lookup.m_basePath == path && coarseMilliseconds() - lookup.m_takenMs < c_lookupLifetimeMs) {
+    if (looked && lookup.m_uri == request.GetUri() &&
+        coarseMilliseconds() - lookup.m_takenMs < c_lookupLifetimeMs) {
         const CHTTPFileCache::TContent content = m_fileCache.Find(lookup.m_path, lookup.m_status);
         if (content) {
             result = MakeCompleteResponse(reinterpret_cast<const unsigned char *>(content->data()),
@@ -205,6 +217,9 @@ KZF::CRefCountPtr<CHTTPResponse> CHTTPDefaultHandler::ProcessRequest(CHTTPReques
             RemoveRequest(connectionID);
             return result;
         }
+        path.swap(lookup.m_path); // already decoded and mapped
+    } else if (!ResolveBasePath(request.GetUri(), path)) {
+        return result;
     }
 
     struct stat status;
@@ -238,17 +253,9 @@ KZF::CRefCountPtr<CHTTPResponse> CHTTPDefaultHandler::ProcessRequest(CHTTPReques
 KZF::CRefCountPtr<CHTTPResponse> CHTTPDefaultHandler::MakeCompleteResponse(const unsigned char *data,
                                                                            size_t size)
 {
-    KZF::CRefCountPtr<CHTTPResponse> result;
-    CHTTPResponse *response = new (std::nothrow) CHTTPResponse();
-    result = response;
-    KZF_ASSERT(result);
-    if (response != nullptr) {
-        response->SetCode(200);
-        response->SetPhrase("OK");
-        if (!response->SetData(data, static_cast<long>(size)))
-            KZF_ASSERT(false); // the answer goes out without data
-        response->SetIsLast(true);
-    }
+    KZF::CRefCountPtr<CHTTPResponse> result = newPiece(data, size);
+    if (!result.IsNull())
+        result->SetIsLast(true);
     if (m_interrupted)
         result = static_cast<CHTTPResponse *>(nullptr);
     return result;
@@ -330,16 +337,11 @@ KZF::CRefCountPtr<CHTTPResponse> CHTTPDefaultHandler::ProcessRequestData(SReques
     last = true;
     if (n > 0) {
         data.m_offset += static_cast<int64_t>(n);
-        CHTTPResponse *response = new (std::nothrow) CHTTPResponse();
+        CHTTPResponse *response = newPiece(buffer, n);
         result = response;
-        KZF_ASSERT(result);
         if (response != nullptr) {
-            response->SetCode(200);
-            response->SetPhrase("OK");
             if (isFirstPiece && data.m_size > c_pieceSize)
                 response->AddHeaderField("Content-Length", KZF::CSysUtils::Int64ToString(data.m_size));
-            if (!response->SetData(buffer, static_cast<long>(n)))
-                KZF_ASSERT(false); // the piece goes out without data
             last = data.m_offset == data.m_size;
             response->SetSendOnlyData(!isFirstPiece);
             response->SetIsLast(last);
