@@ -17,19 +17,6 @@ std::string DataOf(const CHTTPResponse &response)
                        static_cast<size_t>(response.GetDataSize()));
 }
 
-TEST(HTTPResponseTest, FreshResponseIsEmpty)
-{
-    CHTTPResponse response;
-    EXPECT_EQ(0, response.GetCode());
-    EXPECT_EQ("", response.GetPhrase());
-    EXPECT_EQ("", response.GetContentType());
-    EXPECT_EQ(nullptr, response.GetData());
-    EXPECT_EQ(0, response.GetDataSize());
-    EXPECT_FALSE(response.IsLast());
-    EXPECT_FALSE(response.SendOnlyData());
-    EXPECT_TRUE(response.GetAdditionalHeaders().empty());
-}
-
 TEST(HTTPResponseTest, SetDataKeepsAPrivateCopyOfTheLatestBlock)
 {
     CHTTPResponse response;

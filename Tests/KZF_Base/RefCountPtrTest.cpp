@@ -23,14 +23,6 @@ class RefCountPtrTest : public ::testing::Test
     void SetUp() override { CTracked::s_alive = 0; }
 };
 
-TEST_F(RefCountPtrTest, DefaultPointerIsNull)
-{
-    KZF::CRefCountPtr<CTracked> p;
-    EXPECT_TRUE(p.IsNull());
-    EXPECT_EQ(nullptr, p.GetPtr());
-    EXPECT_EQ(nullptr, static_cast<CTracked *>(p));
-}
-
 TEST_F(RefCountPtrTest, LastPointerDestroysTheObject)
 {
     CTracked *raw = new CTracked();
