@@ -1,16 +1,21 @@
 #include "SocketConnection.h"
 
+#include "EventLoop.h"
 #include "SocketServerCore.h"
+#include "SocketTransport.h"
 
 #include <algorithm>
-#include <arpa/inet.h>
 #include <cerrno>
+#include <chrono>
 #include <condition_variable>
-#include <cstdio>
 #include <cstring>
+#include <linux/sockios.h>
+#include <memory>
 #include <poll.h>
 #include <sys/epoll.h>
+#include <sys/ioctl.h>
 #include <unistd.h>
+#include <vector>
 
 namespace NVQ
 {
@@ -18,8 +23,25 @@ namespace NVQ
 namespace
 {
 
-// The worker context of the calling thread, while it serves a connection.
-thread_local SWorkerContext *t_pWorkerContext = nullptr;
+// The writes of the delivery a thread is running, gathered so that a whole
+// answer leaves in one system call. One per thread, made when first needed.
+struct SDeliveryContext {
+    static const size_t c_gatherSize = 65536;
+    CSocketConnection *m_pConnection = nullptr;
+    size_t m_used = 0;   // bytes of m_gather taken
+    size_t m_memory = 0; // memory bytes among the segments
+    uint64_t m_fileBytes = 0;
+    std::vector<SOutputSegment> m_segments;
+    unsigned char m_gather[c_gatherSize];
+};
+thread_local std::unique_ptr<SDeliveryContext> t_pContext;
+
+SDeliveryContext &deliveryContext()
+{
+    if (!t_pContext)
+        t_pContext.reset(new SDeliveryContext());
+    return *t_pContext;
+}
 
 // Connections whose notifications this thread is inside of, innermost last:
 // a notification that unregisters itself must not wait for its own delivery.
@@ -37,265 +59,562 @@ int ownDeliveries(const CSocketConnection *connection)
 // by every connection keeps the per-connection record small.
 std::condition_variable_any s_deliveryEnded;
 
-// Writes at or above this size go to the kernel straight from the caller's
-// memory, together with what is buffered, instead of being copied. Below it,
-// copying costs less than the system call it saves.
+// Writes at or above this size are sent from the writer's memory (held, or
+// sent before the call returns) instead of being copied. Below it, copying
+// costs less than what a separate segment costs.
 constexpr size_t c_copyLimit = 16384;
+// Gathered bytes are sent once this much memory, or this much of files,
+// waits; a writer asking IsWritable then learns whether the peer keeps up.
+constexpr size_t c_flushMemory = 65536;
+constexpr uint64_t c_flushFileBytes = 1u << 20;
+
+// A writer that ignores IsWritable and keeps writing while the peer takes
+// nothing is held up (its thread waits, up to the send timeout) once this
+// much waits for the peer: memory per connection stays bounded either way.
+constexpr size_t c_highWater = 1u << 20;
+// Writers on other threads wait on this (with the connection's mutex) for
+// their bytes to be taken over by the loop.
+std::condition_variable_any s_sideTaken;
 
 // Bytes read and dropped per event while closing gracefully, so that one
-// chatty peer cannot hold a worker.
+// chatty peer cannot hold a loop.
 constexpr size_t c_lingerDrainLimit = 65536;
+// A connection closed by the server reads and drops the peer's bytes for at
+// most this long before its socket is closed anyway.
+constexpr int c_lingerTimeoutMs = 5000;
 
 } // namespace
 
-CSocketAddress::CSocketAddress()
-{
-    std::memset(&m_address, 0, sizeof(m_address));
-}
-
-void CSocketAddress::Set(const struct sockaddr *address, socklen_t length)
-{
-    std::memset(&m_address, 0, sizeof(m_address));
-    if (address != nullptr)
-        std::memcpy(&m_address, address, std::min<size_t>(length, sizeof(m_address)));
-}
-
-KZF::tstring CSocketAddress::ToString() const
-{
-    char host[INET6_ADDRSTRLEN] = "";
-    char text[INET6_ADDRSTRLEN + 16];
-    if (m_address.m_any.sa_family == AF_INET) {
-        inet_ntop(AF_INET, &m_address.m_v4.sin_addr, host, sizeof(host));
-        std::snprintf(text, sizeof(text), "%s:%u", host, ntohs(m_address.m_v4.sin_port));
-    } else if (m_address.m_any.sa_family == AF_INET6) {
-        const struct in6_addr &ip = m_address.m_v6.sin6_addr;
-        if (IN6_IS_ADDR_V4MAPPED(&ip)) {
-            inet_ntop(AF_INET, &ip.s6_addr[12], host, sizeof(host));
-            std::snprintf(text, sizeof(text), "%s:%u", host, ntohs(m_address.m_v6.sin6_port));
-        } else {
-            inet_ntop(AF_INET6, &ip, host, sizeof(host));
-            std::snprintf(text, sizeof(text), "[%s]:%u", host, ntohs(m_address.m_v6.sin6_port));
-        }
-    } else {
-        return KZF::tstring("unknown");
-    }
-    return KZF::tstring(text);
-}
-
-KZF::tstring CLocalSocketAddress::ToString() const
-{
-    struct sockaddr_storage storage;
-    socklen_t length = sizeof(storage);
-    const int fd = m_connection.GetFd();
-    if (fd < 0 || getsockname(fd, reinterpret_cast<struct sockaddr *>(&storage), &length) != 0)
-        return KZF::tstring("unknown");
-    CSocketAddress address;
-    address.Set(reinterpret_cast<struct sockaddr *>(&storage), length);
-    return address.ToString();
-}
-
-CSocketConnection::CSocketConnection(CSocketServerCore &core, int fd, const struct sockaddr *remote,
+CSocketConnection::CSocketConnection(CEventLoop &loop, int fd, const struct sockaddr *remote,
                                      socklen_t remoteLength)
-    : m_deadline(0), m_busy(false), m_requestStarted(false), m_expired(false), m_pPrev(nullptr),
-      m_pNext(nullptr), m_core(core), m_fd(fd), m_localAddress(*this), m_broken(false),
-      m_closedByServer(false), m_closeDelivered(false), m_lingering(false), m_peerClosed(false),
-      m_drained(false), m_wrote(false), m_read(false), m_pNotification(nullptr), m_activeDeliveries(0),
-      m_unregisterWaiting(false)
+    : m_offLoop(false), m_pendingEvents(0), m_pPrev(nullptr), m_pNext(nullptr), m_pIdlePrev(nullptr),
+      m_pIdleNext(nullptr), m_inIdleList(false), m_finished(false), m_loop(loop), m_fd(fd),
+      m_pTransport(&CSocketTransport::Plain()), m_localAddress(*this), m_broken(false),
+      m_closedByServer(false), m_closeDelivered(false), m_readable(false), m_endSeen(false),
+      m_peerClosed(false), m_hangUp(false), m_readPaused(false), m_wantSent(false), m_lingering(false),
+      m_readInDelivery(false), m_wroteInDelivery(false), m_readCalled(false), m_idleHint(-1),
+      m_wait(eWaitNone), m_deadline(0), m_progress(0), m_lastProgress(0), m_pNotification(nullptr),
+      m_activeDeliveries(0), m_unregisterWaiting(false), m_sideScheduled(false)
 {
     m_remoteAddress.Set(remote, remoteLength);
 }
 
 CSocketConnection::~CSocketConnection()
 {
+    m_queue.Clear();
+    m_pTransport->Release();
     const int fd = m_fd.exchange(-1);
     if (fd >= 0)
         ::close(fd);
 }
 
-bool CSocketConnection::OwnedByCurrentWorker() const
+bool CSocketConnection::InOwnDelivery() const
 {
-    return t_pWorkerContext != nullptr && t_pWorkerContext->m_pConnection == this;
+    return t_pContext && t_pContext->m_pConnection == this;
 }
 
 int CSocketConnection::ReadData(void *buffer, int size)
 {
+    m_readCalled = true;
     const int fd = GetFd();
     if (fd < 0 || size <= 0 || m_peerClosed)
         return 0;
     if (IsBroken())
         return -1;
-    // A short read emptied the socket; anything arriving later is reported
-    // by a new event, so another read now would only find nothing.
-    if (m_drained && OwnedByCurrentWorker())
+    // With edge-triggered readiness, a read that left the socket empty means
+    // that anything arriving later comes with a new event: until then a read
+    // would only find nothing.
+    if (!m_readable && !m_pTransport->HasBufferedInput())
         return 0;
-    for (;;) {
-        const ssize_t n = ::recv(fd, buffer, static_cast<size_t>(size), 0);
-        if (n > 0) {
-            m_read = true;
-            if (n < size)
-                m_drained = true;
-            return static_cast<int>(n);
-        }
-        if (n == 0) {
-            m_peerClosed = true;
-            return 0;
-        }
-        if (errno == EINTR)
-            continue;
-        if (errno == EAGAIN || errno == EWOULDBLOCK) {
-            m_drained = true;
-            return 0;
-        }
-        MarkBroken();
-        return -1;
+    const ssize_t n = m_pTransport->Read(fd, buffer, static_cast<size_t>(size));
+    if (n > 0) {
+        m_readInDelivery = true;
+        // A short read emptied the socket, unless the peer's end of stream
+        // (reported with the data, no new event to come) is still to be read.
+        if (n < size && !m_endSeen && !m_pTransport->HasBufferedInput())
+            m_readable = false;
+        return static_cast<int>(n);
     }
+    m_readable = false;
+    if (n == 0) {
+        m_peerClosed = true;
+        return 0;
+    }
+    if (errno == EAGAIN || errno == EWOULDBLOCK)
+        return 0;
+    Break();
+    return -1;
 }
 
 int CSocketConnection::SendData(const void *data, int size)
 {
+    if (size < 0)
+        return -1;
+    return Append(data, static_cast<size_t>(size), nullptr);
+}
+
+int CSocketConnection::SendDataHeld(const void *data, int size, KZF::IRefCount *holder)
+{
+    if (size < 0)
+        return -1;
+    return Append(data, static_cast<size_t>(size), holder);
+}
+
+int CSocketConnection::Append(const void *data, size_t size, KZF::IRefCount *holder)
+{
     if (IsBroken()) {
-        // Broken by another thread (StopServer, the reaper) while this one
-        // was busy elsewhere: the writer learns of the close now.
-        DeliverConnectionClosed();
+        // Broken by another thread (StopServer, a timeout) while this one was
+        // busy elsewhere: the writer learns of the close now.
+        if (InOwnDelivery())
+            DeliverConnectionClosed();
         return -1;
     }
-    if (size < 0 || IsClosedByServer() || GetFd() < 0)
+    if (IsClosedByServer() || GetFd() < 0)
         return -1;
     if (size == 0)
         return 0;
-    m_wrote = true;
-    SWorkerContext *context = OwnedByCurrentWorker() ? t_pWorkerContext : nullptr;
-    const size_t length = static_cast<size_t>(size);
-    if (context != nullptr && length < c_copyLimit &&
-        context->m_used + length <= SWorkerContext::c_bufferSize) {
-        std::memcpy(context->m_buffer + context->m_used, data, length);
-        context->m_used += length;
+    if (!InOwnDelivery())
+        return AppendFromOtherThread(data, size);
+    m_wroteInDelivery = true;
+    if (!m_queue.IsEmpty()) {
+        // The peer is behind: everything queues after what waits already.
+        SOutputSegment segment;
+        std::memset(&segment, 0, sizeof(segment));
+        segment.m_kind = SOutputSegment::eHeld;
+        segment.m_pData = static_cast<const unsigned char *>(data);
+        segment.m_size = size;
+        if (holder != nullptr && size >= c_copyLimit) {
+            holder->AddRef();
+            segment.m_pHolder = holder;
+        }
+        m_queue.AppendSegment(segment);
+        if (m_queue.GetBufferedBytes() > c_highWater && !WaitForRoom())
+            return -1;
+        return static_cast<int>(size);
+    }
+    SDeliveryContext &context = *t_pContext;
+    if (size < c_copyLimit) {
+        if (context.m_used + size > SDeliveryContext::c_gatherSize && !FlushGathered())
+            return -1;
+        if (!m_queue.IsEmpty())
+            return Append(data, size, holder);
+        unsigned char *target = context.m_gather + context.m_used;
+        std::memcpy(target, data, size);
+        SOutputSegment *last = context.m_segments.empty() ? nullptr : &context.m_segments.back();
+        if (last != nullptr && last->m_kind == SOutputSegment::eGather &&
+            last->m_pData + last->m_size == target) {
+            last->m_size += size;
+        } else {
+            SOutputSegment segment;
+            std::memset(&segment, 0, sizeof(segment));
+            segment.m_kind = SOutputSegment::eGather;
+            segment.m_pData = target;
+            segment.m_size = size;
+            context.m_segments.push_back(segment);
+        }
+        context.m_used += size;
+        context.m_memory += size;
+    } else {
+        SOutputSegment segment;
+        std::memset(&segment, 0, sizeof(segment));
+        segment.m_kind = SOutputSegment::eHeld;
+        segment.m_pData = static_cast<const unsigned char *>(data);
+        segment.m_size = size;
+        if (holder != nullptr) {
+            holder->AddRef();
+            segment.m_pHolder = holder;
+        }
+        context.m_segments.push_back(segment);
+        context.m_memory += size;
+        // Lent bytes cannot wait past this call: send them now (what the
+        // kernel does not take is copied into the queue).
+        if (holder == nullptr)
+            return FlushGathered() ? static_cast<int>(size) : -1;
+    }
+    if (context.m_memory >= c_flushMemory && !FlushGathered())
+        return -1;
+    return static_cast<int>(size);
+}
+
+int64_t CSocketConnection::SendFile(int fd, int64_t offset, int64_t size, KZF::IRefCount *holder)
+{
+    if (size < 0 || offset < 0)
+        return -1;
+    if (!InOwnDelivery() || IsBroken() || IsClosedByServer())
+        return INVQDataLayer::SendFile(fd, offset, size, holder); // read and write
+    if (size == 0)
+        return 0;
+    m_wroteInDelivery = true;
+    SOutputSegment segment;
+    std::memset(&segment, 0, sizeof(segment));
+    segment.m_kind = SOutputSegment::eFile;
+    segment.m_fileFd = fd;
+    segment.m_fileOffset = offset;
+    segment.m_size = static_cast<size_t>(size);
+    if (holder != nullptr) {
+        holder->AddRef();
+        segment.m_pHolder = holder;
+    }
+    if (!m_queue.IsEmpty()) {
+        m_queue.AppendSegment(segment);
         return size;
     }
-    struct iovec parts[2];
-    int count = 0;
-    if (context != nullptr && context->m_used > 0) {
-        parts[count].iov_base = context->m_buffer;
-        parts[count].iov_len = context->m_used;
-        ++count;
-        context->m_used = 0;
+    SDeliveryContext &context = *t_pContext;
+    SOutputSegment *last = context.m_segments.empty() ? nullptr : &context.m_segments.back();
+    if (last != nullptr && last->m_kind == SOutputSegment::eFile && last->m_fileFd == fd &&
+        last->m_fileOffset + static_cast<int64_t>(last->m_size) == offset) {
+        // The next piece of the same file: one sendfile covers both.
+        last->m_size += segment.m_size;
+        if (holder != nullptr)
+            holder->ReleaseRef();
+    } else {
+        context.m_segments.push_back(segment);
     }
-    parts[count].iov_base = const_cast<void *>(data);
-    parts[count].iov_len = length;
-    ++count;
-    if (!WriteAll(parts, count)) {
-        Fail();
+    context.m_fileBytes += static_cast<uint64_t>(size);
+    if (context.m_fileBytes >= c_flushFileBytes && !FlushGathered())
         return -1;
-    }
     return size;
 }
 
-bool CSocketConnection::WriteAll(struct iovec *parts, int count)
+int CSocketConnection::AppendFromOtherThread(const void *data, size_t size)
 {
-    const int fd = GetFd();
-    if (fd < 0)
-        return false;
-    while (count > 0) {
-        struct msghdr message;
-        std::memset(&message, 0, sizeof(message));
-        message.msg_iov = parts;
-        message.msg_iovlen = static_cast<size_t>(count);
-        const ssize_t n = ::sendmsg(fd, &message, MSG_NOSIGNAL);
-        if (n >= 0) {
-            size_t sent = static_cast<size_t>(n);
-            while (count > 0 && sent >= parts->iov_len) {
-                sent -= parts->iov_len;
-                ++parts;
-                --count;
-            }
-            if (count > 0) {
-                parts->iov_base = static_cast<char *>(parts->iov_base) + sent;
-                parts->iov_len -= sent;
-            }
-            continue;
+    // The bytes wait, in order, for the loop to take them over; a writer far
+    // ahead of the peer waits for room, up to the send timeout.
+    bool schedule;
+    {
+        std::unique_lock<std::mutex> lock(m_mutex);
+        if (m_sideBuffer.size() > c_highWater &&
+            !s_sideTaken.wait_for(lock, std::chrono::milliseconds(m_loop.GetSendTimeoutMs()), [this] {
+                return m_sideBuffer.size() <= c_highWater || IsBroken() || IsClosedByServer();
+            })) {
+            lock.unlock();
+            Break();
+            m_loop.Post(CEventLoop::eTaskService, this);
+            return -1;
         }
-        if (errno == EINTR)
-            continue;
-        if (errno != EAGAIN && errno != EWOULDBLOCK)
-            return false;
-        // The peer is not taking data: wait for room, up to the send timeout.
-        // StopServer shuts the socket down, which ends this wait at once.
-        if (IsBroken())
-            return false;
+        if (IsBroken() || IsClosedByServer())
+            return -1;
+        m_sideBuffer.append(static_cast<const char *>(data), size);
+        schedule = !m_sideScheduled;
+        m_sideScheduled = true;
+    }
+    if (schedule)
+        m_loop.Post(CEventLoop::eTaskSide, this);
+    return static_cast<int>(size);
+}
+
+bool CSocketConnection::WaitForRoom()
+{
+    // Only writers that ignore IsWritable get here. The loop is held up
+    // meanwhile, and moves on to another thread if this takes a while.
+    const int fd = GetFd();
+    const int64_t deadline = monotonicMilliseconds() + m_loop.GetSendTimeoutMs();
+    while (m_queue.GetBufferedBytes() > c_highWater / 2) {
+        uint64_t moved = 0;
+        const int result = m_queue.Send(*m_pTransport, fd, moved);
+        m_progress += moved;
+        if (result == 1)
+            break;
+        const int64_t left = deadline - monotonicMilliseconds();
         struct pollfd waitFor = {fd, POLLOUT, 0};
-        int ready;
-        do
-            ready = ::poll(&waitFor, 1, m_core.GetSendTimeout());
-        while (ready < 0 && errno == EINTR);
-        if (ready <= 0)
+        if (result < 0 || IsBroken() || left <= 0 || ::poll(&waitFor, 1, static_cast<int>(left)) < 0 ||
+            (waitFor.revents & (POLLERR | POLLHUP)) != 0) {
+            Fail();
             return false;
+        }
     }
     return true;
 }
 
+bool CSocketConnection::FlushGathered()
+{
+    SDeliveryContext &context = *t_pContext;
+    std::vector<SOutputSegment> &segments = context.m_segments;
+    if (segments.empty())
+        return !IsBroken();
+    bool ok = !IsBroken();
+    size_t first = 0;
+    if (ok) {
+        int result = 0;
+        if (m_queue.IsEmpty()) {
+            uint64_t moved = 0;
+            result = sendSegments(*m_pTransport, GetFd(), segments.data(), segments.size(), first, moved);
+            m_progress += moved;
+        }
+        if (result < 0) {
+            ok = false;
+        } else {
+            // The peer is behind: the rest waits in the queue (gathered bytes
+            // copied, held ones with their references).
+            for (; first < segments.size(); ++first)
+                m_queue.AppendSegment(segments[first]);
+        }
+    }
+    for (; first < segments.size(); ++first)
+        releaseSegment(segments[first]);
+    segments.clear();
+    context.m_used = 0;
+    context.m_memory = 0;
+    context.m_fileBytes = 0;
+    if (!ok)
+        Fail();
+    return ok;
+}
+
+bool CSocketConnection::IsWritable()
+{
+    if (IsBroken() || IsClosedByServer() || !InOwnDelivery())
+        return true; // writes are dropped or wait on their own; the writer learns of a close otherwise
+    if (m_queue.IsEmpty()) {
+        const SDeliveryContext &context = *t_pContext;
+        if (context.m_memory < c_flushMemory && context.m_fileBytes < c_flushFileBytes)
+            return true;
+        if (!FlushGathered())
+            return true;
+        if (m_queue.IsEmpty())
+            return true;
+    }
+    m_wantSent = true;
+    return false;
+}
+
+void CSocketConnection::PauseReading()
+{
+    m_readPaused = true;
+}
+
+void CSocketConnection::ResumeReading()
+{
+    if (!m_readPaused)
+        return;
+    m_readPaused = false;
+    // Bytes that arrived meanwhile came with their event already: look again.
+    if (m_readable)
+        m_loop.Post(CEventLoop::eTaskService, this);
+}
+
+void CSocketConnection::SetIdle(bool idle)
+{
+    m_idleHint = idle ? 1 : 0;
+}
+
 void CSocketConnection::Fail()
 {
-    MarkBroken();
+    Break();
+    m_queue.Clear();
     // The close is reported at once, on the writing thread, so that an
     // exchange for a peer that is gone stops at its next step.
     DeliverConnectionClosed();
 }
 
-void CSocketConnection::TakeOver()
+void CSocketConnection::OnEvents(uint32_t events)
 {
-    std::lock_guard<std::mutex> lock(m_notificationMutex);
-    m_busy.store(true, std::memory_order_relaxed);
-}
-
-bool CSocketConnection::HandBack(int epollFd)
-{
-    std::lock_guard<std::mutex> lock(m_notificationMutex);
-    m_busy.store(false, std::memory_order_relaxed);
-    struct epoll_event event;
-    event.events = EPOLLIN | EPOLLRDHUP | EPOLLONESHOT;
-    event.data.ptr = this;
-    return ::epoll_ctl(epollFd, EPOLL_CTL_MOD, GetFd(), &event) == 0;
-}
-
-void CSocketConnection::BeginNotification(SWorkerContext &context)
-{
-    context.m_pConnection = this;
-    context.m_used = 0;
-    t_pWorkerContext = &context;
-    m_drained = false;
-    m_wrote = false;
-    m_read = false;
-}
-
-void CSocketConnection::EndNotification(SWorkerContext &context)
-{
-    if (context.m_used > 0 && !IsBroken() && GetFd() >= 0) {
-        struct iovec part = {context.m_buffer, context.m_used};
-        if (!WriteAll(&part, 1))
-            Fail();
+    if (events & EPOLLIN)
+        m_readable = true;
+    if (events & EPOLLRDHUP) {
+        m_readable = true;
+        m_endSeen = true;
     }
-    context.m_used = 0;
-    context.m_pConnection = nullptr;
-    t_pWorkerContext = nullptr;
+    if (events & (EPOLLERR | EPOLLHUP)) {
+        // What is still waiting is read first; the close follows.
+        m_readable = true;
+        m_endSeen = true;
+        m_hangUp = true;
+    }
+}
+
+void CSocketConnection::TakeSideBuffer()
+{
+    // While the peer is far behind, the bytes stay where they are and their
+    // writers wait.
+    if (m_queue.GetBufferedBytes() > c_highWater)
+        return;
+    std::string bytes;
+    {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        if (!m_sideScheduled)
+            return;
+        bytes.swap(m_sideBuffer);
+        m_sideScheduled = false;
+    }
+    s_sideTaken.notify_all();
+    if (!bytes.empty() && !IsBroken())
+        m_queue.AppendCopy(bytes.data(), bytes.size());
+}
+
+void CSocketConnection::ShutdownSocket()
+{
+    const int fd = GetFd();
+    if (fd >= 0)
+        ::shutdown(fd, SHUT_RDWR);
+}
+
+CSocketConnection::EServiceResult CSocketConnection::Service(int64_t now)
+{
+    if (m_finished)
+        return eFinish;
+    TakeSideBuffer();
+    if (!m_queue.IsEmpty() && !IsBroken()) {
+        uint64_t moved = 0;
+        const int result = m_queue.Send(*m_pTransport, GetFd(), moved);
+        m_progress += moved;
+        if (result < 0) {
+            Fail();
+        } else if (result == 1 && m_wantSent && !IsClosedByServer()) {
+            m_wantSent = false;
+            DeliverDataSent();
+        }
+    }
+    // Input, as long as the notification takes it (a few rounds at most, so
+    // one busy connection cannot hold the loop).
+    for (int round = 0; round < 4; ++round) {
+        if (!m_readable || m_readPaused || m_wantSent || m_peerClosed || IsBroken() || IsClosedByServer())
+            break;
+        m_readCalled = false;
+        DeliverDataReceived();
+        if (!m_readCalled)
+            break; // it does not want input now
+    }
+    if (IsClosedByServer()) {
+        if (IsBroken())
+            return eFinish;
+        return m_queue.IsEmpty() && Linger(now) ? eFinish : eKeep;
+    }
+    // A hang-up or error ends the connection once the input before it is
+    // read; a plain end of input once the answers in flight are out.
+    if (IsBroken() || (m_hangUp && (!m_readable || m_readPaused)) ||
+        (m_peerClosed && m_queue.IsEmpty() && !m_wantSent)) {
+        DeliverConnectionClosed();
+        return eFinish;
+    }
+    if (!IsRegistered()) {
+        // Nobody will ever read it.
+        Break();
+        return eFinish;
+    }
+    return eKeep;
+}
+
+bool CSocketConnection::Settle(int64_t now, int idleTimeoutMs, int requestTimeoutMs, int sendTimeoutMs)
+{
+    EWait wait;
+    if (m_lingering) {
+        wait = eWaitLinger;
+    } else if (!m_queue.IsEmpty()) {
+        wait = eWaitSending;
+    } else {
+        bool idle;
+        if (m_idleHint >= 0)
+            idle = m_idleHint == 1;
+        else if (m_wroteInDelivery)
+            idle = true; // an answer ends the request
+        else if (m_readInDelivery)
+            idle = false; // bytes without an answer start (or continue) one
+        else
+            idle = m_wait != eWaitRequest;
+        wait = idle ? eWaitIdle : eWaitRequest;
+    }
+    m_readInDelivery = false;
+    m_wroteInDelivery = false;
+    const bool changed = wait != m_wait;
+    if (changed) {
+        m_wait = wait;
+        switch (wait) {
+        case eWaitIdle:
+            m_deadline = now + idleTimeoutMs;
+            break;
+        case eWaitRequest:
+            m_deadline = now + requestTimeoutMs;
+            break;
+        case eWaitSending:
+            m_deadline = now + sendTimeoutMs;
+            m_lastProgress = m_progress;
+            break;
+        case eWaitLinger:
+            m_deadline = now + c_lingerTimeoutMs;
+            break;
+        default:
+            break;
+        }
+    } else if (wait == eWaitSending && m_progress != m_lastProgress) {
+        // The send timeout counts from the last byte the peer took.
+        m_lastProgress = m_progress;
+        m_deadline = now + sendTimeoutMs;
+    }
+    return changed && wait == eWaitIdle;
+}
+
+bool CSocketConnection::NeedsLinger() const
+{
+    // Closing a socket with unread input sends a reset, and so does a closed
+    // socket that input reaches later, which destroys whatever of the answer
+    // the kernel still holds. Only a peer that may still be sending while
+    // the answer is on its way needs the slow close.
+    if (m_peerClosed)
+        return false;
+    if (m_readable || m_pTransport->HasBufferedInput())
+        return true;
+    int unsent = 0;
+    return ::ioctl(GetFd(), SIOCOUTQ, &unsent) != 0 || unsent > 0;
+}
+
+bool CSocketConnection::Linger(int64_t now)
+{
+    const int fd = GetFd();
+    if (fd < 0)
+        return true;
+    if (!m_lingering) {
+        if (!NeedsLinger())
+            return true;
+        // Our FIN goes out after everything written; the peer's own bytes
+        // are then read and dropped until it closes.
+        m_lingering = true;
+        m_deadline = now + c_lingerTimeoutMs;
+        m_pTransport->ShutdownWrite(fd);
+    }
+    unsigned char scratch[4096];
+    for (size_t drained = 0; drained < c_lingerDrainLimit;) {
+        const ssize_t n = m_pTransport->Read(fd, scratch, sizeof(scratch));
+        if (n > 0) {
+            drained += static_cast<size_t>(n);
+            continue;
+        }
+        m_readable = false;
+        return n == 0 || (errno != EAGAIN && errno != EWOULDBLOCK);
+    }
+    return false;
 }
 
 template <class TCall> void CSocketConnection::Deliver(TCall call)
 {
     INVQDataLayerNotification *notification;
     {
-        std::lock_guard<std::mutex> lock(m_notificationMutex);
+        std::lock_guard<std::mutex> lock(m_mutex);
         notification = m_pNotification;
         if (notification == nullptr)
             return;
         ++m_activeDeliveries;
     }
+    // The writes of this delivery gather in the thread's context, unless an
+    // outer delivery of this connection gathers them already.
+    SDeliveryContext &context = deliveryContext();
+    const bool ownsContext = context.m_pConnection == nullptr;
+    if (ownsContext)
+        context.m_pConnection = this;
     const bool tracked = t_depth < c_maxNesting;
     if (tracked)
         t_delivering[t_depth] = this;
     ++t_depth;
+    m_loop.BeginCall(this);
     call(*notification);
+    m_loop.EndCall();
     --t_depth;
-    std::lock_guard<std::mutex> lock(m_notificationMutex);
+    if (ownsContext) {
+        if (context.m_pConnection == this)
+            FlushGathered();
+        context.m_pConnection = nullptr;
+    }
+    std::lock_guard<std::mutex> lock(m_mutex);
     --m_activeDeliveries;
     if (m_unregisterWaiting)
         s_deliveryEnded.notify_all();
@@ -304,6 +623,11 @@ template <class TCall> void CSocketConnection::Deliver(TCall call)
 void CSocketConnection::DeliverDataReceived()
 {
     Deliver([this](INVQDataLayerNotification &notification) { notification.OnDataReceived(*this); });
+}
+
+void CSocketConnection::DeliverDataSent()
+{
+    Deliver([this](INVQDataLayerNotification &notification) { notification.OnDataSent(*this); });
 }
 
 void CSocketConnection::DeliverConnectionClosed()
@@ -315,14 +639,14 @@ void CSocketConnection::DeliverConnectionClosed()
 
 bool CSocketConnection::IsRegistered()
 {
-    std::lock_guard<std::mutex> lock(m_notificationMutex);
+    std::lock_guard<std::mutex> lock(m_mutex);
     return m_pNotification != nullptr;
 }
 
 void CSocketConnection::RegisterNotification(INVQDataLayerNotification &notification)
 {
     {
-        std::lock_guard<std::mutex> lock(m_notificationMutex);
+        std::lock_guard<std::mutex> lock(m_mutex);
         INVQDataLayerNotification *previous = m_pNotification;
         if (previous == &notification)
             return;
@@ -340,7 +664,7 @@ void CSocketConnection::RegisterNotification(INVQDataLayerNotification &notifica
 void CSocketConnection::UnregisterNotification(INVQDataLayerNotification &notification)
 {
     {
-        std::unique_lock<std::mutex> lock(m_notificationMutex);
+        std::unique_lock<std::mutex> lock(m_mutex);
         const bool registered = m_pNotification == &notification;
         if (registered)
             m_pNotification = nullptr;
@@ -361,51 +685,15 @@ void CSocketConnection::Close()
 {
     if (m_closedByServer.exchange(true))
         return;
-    if (OwnedByCurrentWorker()) {
-        // Everything written so far goes out before the close; the worker
-        // closes the socket when the notification ends.
-        SWorkerContext &context = *t_pWorkerContext;
-        if (context.m_used > 0 && !IsBroken()) {
-            struct iovec part = {context.m_buffer, context.m_used};
-            if (!WriteAll(&part, 1))
-                MarkBroken();
-        }
-        context.m_used = 0;
-        return;
-    }
-    // Another thread owns the socket: wake it, and it settles the close.
-    m_core.ShutdownConnection(*this);
-}
-
-bool CSocketConnection::Linger()
-{
-    const int fd = GetFd();
-    if (fd < 0 || IsBroken())
-        return true;
-    if (!m_lingering) {
-        // Our FIN goes out after everything written; the peer's own bytes
-        // are then read and dropped until it closes, since closing a socket
-        // with unread input sends a reset that can destroy the answer's tail
-        // on its way to the peer.
-        m_lingering = true;
-        ::shutdown(fd, SHUT_WR);
-    }
-    unsigned char scratch[4096];
-    for (size_t drained = 0; drained < c_lingerDrainLimit;) {
-        const ssize_t n = ::recv(fd, scratch, sizeof(scratch), 0);
-        if (n > 0) {
-            drained += static_cast<size_t>(n);
-            continue;
-        }
-        if (n < 0 && errno == EINTR)
-            continue;
-        return n == 0 || (errno != EAGAIN && errno != EWOULDBLOCK);
-    }
-    return false;
+    // Everything written so far still goes out first; the owner closes the
+    // socket once it has. From another thread, the owner is told.
+    if (!InOwnDelivery())
+        m_loop.Post(CEventLoop::eTaskService, this);
 }
 
 void CSocketConnection::CloseSocket()
 {
+    m_queue.Clear();
     const int fd = m_fd.exchange(-1);
     if (fd >= 0)
         ::close(fd);

@@ -1,162 +1,166 @@
 #ifndef NVQSOCKETS_SOCKETCONNECTION_H
 #define NVQSOCKETS_SOCKETCONNECTION_H
 
+#include "SocketAddress.h"
+#include "SocketOutput.h"
+
 #include "NVQCommon/Linux/INVQNotification.h"
-#include "NVQSockets/Linux/INVQConnectionAddress.h"
 #include "NVQSockets/Linux/INVQDataLayer.h"
 
 #include <atomic>
 #include <cstdint>
 #include <mutex>
-#include <netinet/in.h>
-#include <sys/socket.h>
-#include <sys/uio.h>
+#include <string>
 
 namespace NVQ
 {
 
-class CSocketServerCore;
-class CSocketConnection;
-
-// An IPv4 or IPv6 socket address, printed the usual way; IPv4 addresses
-// mapped into IPv6 print as plain IPv4.
-class CSocketAddress : public INVQConnectionAddress
-{
-  public:
-    CSocketAddress();
-    void Set(const struct sockaddr *address, socklen_t length);
-    KZF::tstring ToString() const override;
-
-  private:
-    union {
-        struct sockaddr m_any;
-        struct sockaddr_in m_v4;
-        struct sockaddr_in6 m_v6;
-    } m_address;
-};
-
-// The server's own end of a connection, looked up only when printed: most
-// connections are never logged, and the lookup is a system call.
-class CLocalSocketAddress : public INVQConnectionAddress
-{
-  public:
-    explicit CLocalSocketAddress(const CSocketConnection &connection) : m_connection(connection) {}
-    KZF::tstring ToString() const override;
-
-  private:
-    const CSocketConnection &m_connection;
-};
-
-// Per worker thread: the connection it serves and the buffer in which that
-// connection's writes gather until the notification ends. Streamed answers
-// come in pieces of about 8 KiB: gathering several per send saves a system
-// call for each.
-struct SWorkerContext {
-    static const size_t c_bufferSize = 65536;
-    CSocketConnection *m_pConnection = nullptr;
-    size_t m_used = 0;
-    unsigned char m_buffer[c_bufferSize];
-};
+class CEventLoop;
+class CSocketTransport;
 
 // One accepted TCP connection: the data layer handed to the library.
 //
-// Ownership: the server's connection list holds one reference while the
-// socket is open, a worker holds one while it serves the connection, and a
-// registered notification holds one until it unregisters, so the object
-// outlives every party that may still call it.
+// Ownership: the loop's connection list holds one reference while the socket
+// is open, and a registered notification holds one until it unregisters, so
+// the object outlives every party that may still call it.
 //
-// Threads: exactly one thread owns an open connection at a time, either the
-// epoll set (armed, one-shot) or the worker that took its event. Only the
-// owner reads, flushes, closes the socket or settles the connection's state;
-// other threads only mark it broken and shut its socket down, which makes it
-// report an event.
+// Threads: a connection belongs to its loop. Only the thread that owns the
+// loop reads, writes, closes the socket or changes the connection's state,
+// with one exception: when a delivery blocks and the loop moves on to a fresh
+// thread, the blocked thread keeps the connection ("off the loop") until its
+// delivery ends and then hands it back. Other threads write through a locked
+// side buffer, and close or break a connection by posting to its loop.
 class CSocketConnection : public INVQDataLayer
 {
   public:
-    CSocketConnection(CSocketServerCore &core, int fd, const struct sockaddr *remote, socklen_t remoteLength);
+    // What the owner has to do after Service.
+    enum EServiceResult { eKeep, eFinish };
+
+    CSocketConnection(CEventLoop &loop, int fd, const struct sockaddr *remote, socklen_t remoteLength);
     ~CSocketConnection() override;
 
     int ReadData(void *buffer, int size) override;
     int SendData(const void *data, int size) override;
+    int SendDataHeld(const void *data, int size, KZF::IRefCount *holder) override;
+    int64_t SendFile(int fd, int64_t offset, int64_t size, KZF::IRefCount *holder) override;
+    bool IsWritable() override;
+    void PauseReading() override;
+    void ResumeReading() override;
+    void SetIdle(bool idle) override;
+    const INVQConnectionAddress *GetRemoteAddress() const override { return &m_remoteAddress; }
     void RegisterNotification(INVQDataLayerNotification &notification) override;
     void UnregisterNotification(INVQDataLayerNotification &notification) override;
     void Close() override;
 
     int GetFd() const { return m_fd.load(std::memory_order_acquire); }
-    const CSocketAddress &GetRemoteAddress() const { return m_remoteAddress; }
+    CEventLoop &GetLoop() const { return m_loop; }
+    const CSocketAddress &GetRemoteSocketAddress() const { return m_remoteAddress; }
     const CLocalSocketAddress &GetLocalAddress() const { return m_localAddress; }
     bool IsRegistered();
 
-    // Worker side. A notification begins with the context attached and the
-    // per-notification flags cleared; it ends with the buffered bytes put on
-    // the wire.
-    // Ownership passes between workers through the one-shot epoll set. The
-    // kernel orders the re-arm before the next event, but the memory model
-    // knows nothing of it: taking the connection's lock on both sides makes
-    // the previous owner's work visible to the next.
-    void TakeOver();
-    bool HandBack(int epollFd);
+    // --- The owning thread's side.
 
-    void BeginNotification(SWorkerContext &context);
-    void EndNotification(SWorkerContext &context);
-    void DeliverDataReceived();
-    // Delivers the close notification unless it was delivered already.
+    // Readiness reported by epoll.
+    void OnEvents(uint32_t events);
+    // Does what is due: sends what waits, delivers input, output drained and
+    // close notifications, lingers after a server close. eFinish once the
+    // connection is over (the loop then finishes it).
+    EServiceResult Service(int64_t now);
+    // Moves bytes other threads wrote into the queue.
+    void TakeSideBuffer();
+    // Forces the connection closed (stop, timeout, room at the cap): the
+    // close notification follows at the next Service.
+    void Break() { m_broken.store(true, std::memory_order_release); }
+    // Wakes a delivery of this connection that waits for the peer on another
+    // thread (StopServer).
+    void ShutdownSocket();
+    // The waiting that applies now and until when; called by the owner after
+    // Service.
+    enum EWait { eWaitNone, eWaitIdle, eWaitRequest, eWaitSending, eWaitLinger };
+    EWait GetWait() const { return m_wait; }
+    int64_t GetDeadline() const { return m_deadline; }
+    // Re-evaluates the wait after Service; true when it became idle just now.
+    bool Settle(int64_t now, int idleTimeoutMs, int requestTimeoutMs, int sendTimeoutMs);
+
+    // Delivers the close notification unless it was delivered already. Safe
+    // while a delivery of this connection blocks on another thread.
     void DeliverConnectionClosed();
-    // Marks the connection failed: later writes are dropped. Safe from any
-    // thread.
-    void MarkBroken() { m_broken.store(true, std::memory_order_release); }
-
-    bool IsBroken() const { return m_broken.load(std::memory_order_acquire); }
-    bool IsPeerClosed() const { return m_peerClosed; }
+    // The server's close, accepted from any thread.
     bool IsClosedByServer() const { return m_closedByServer.load(std::memory_order_acquire); }
-    bool WroteInNotification() const { return m_wrote; }
-    bool ReadInNotification() const { return m_read; }
+    bool IsBroken() const { return m_broken.load(std::memory_order_acquire); }
 
-    // After a close by the server: sends the FIN and drops what the peer
-    // still sends. True once the peer has closed too (or failed), false
-    // while it may still send.
-    bool Linger();
-    bool IsLingering() const { return m_lingering; }
+    // Off the loop: set when the loop moved on while a delivery of this
+    // connection blocked; events arriving meanwhile wait in m_pendingEvents.
+    std::atomic<bool> m_offLoop;
+    std::atomic<uint32_t> m_pendingEvents;
 
-    // Closes the socket (once).
-    void CloseSocket();
-
-    // Deadline of the current wait (idle, or receiving a request), in
-    // milliseconds of the coarse monotonic clock; checked by the reaper while
-    // no worker serves the connection.
-    std::atomic<int64_t> m_deadline;
-    std::atomic<bool> m_busy;
-    bool m_requestStarted;
-    bool m_expired; // reaper bookkeeping, under the list lock
-
-    // Links of the server's connection list, under its lock.
+    // Links of the loop's lists (owner only): every connection, and the idle
+    // ones by the time they became idle.
     CSocketConnection *m_pPrev;
     CSocketConnection *m_pNext;
+    CSocketConnection *m_pIdlePrev;
+    CSocketConnection *m_pIdleNext;
+    bool m_inIdleList;
+    bool m_finished;
+
+    // Closes the socket (once). Owner only, once the connection is unlinked.
+    void CloseSocket();
 
   private:
     template <class TCall> void Deliver(TCall call);
-    bool WriteAll(struct iovec *parts, int count);
+    void DeliverDataReceived();
+    void DeliverDataSent();
+    // Bytes of one write, from the delivering thread or another one.
+    int Append(const void *data, size_t size, KZF::IRefCount *holder);
+    int AppendFromOtherThread(const void *data, size_t size);
+    // Holds a writer that ignores IsWritable until the peer has taken most of
+    // what waits; false (connection failed) after the send timeout.
+    bool WaitForRoom();
+    int AppendFile(int fd, int64_t offset, int64_t size, KZF::IRefCount *holder);
+    bool InOwnDelivery() const;
+    // Sends the delivery's gathered writes; what does not go moves into the
+    // queue. False when the connection failed.
+    bool FlushGathered();
+    // A failed write: drop what waits, report the close at once.
     void Fail();
-    bool OwnedByCurrentWorker() const;
+    // After the server's close: sends the FIN and drops what the peer still
+    // sends. True once the connection can go.
+    bool Linger(int64_t now);
+    bool NeedsLinger() const;
 
-    CSocketServerCore &m_core;
+    CEventLoop &m_loop;
     std::atomic<int> m_fd;
+    CSocketTransport *m_pTransport;
     CSocketAddress m_remoteAddress;
     CLocalSocketAddress m_localAddress;
+    COutputQueue m_queue;
 
     std::atomic<bool> m_broken;
     std::atomic<bool> m_closedByServer;
     std::atomic<bool> m_closeDelivered;
-    bool m_lingering;
-    bool m_peerClosed;
-    bool m_drained; // a short read emptied the socket during this notification
-    bool m_wrote;
-    bool m_read;
 
-    std::mutex m_notificationMutex; // guards the three fields below
+    bool m_readable;   // input may wait: an event came and no read drained it yet
+    bool m_endSeen;    // the peer's end of stream was reported (it may follow unread data)
+    bool m_peerClosed; // a read found the end of the stream
+    bool m_hangUp;     // the socket reported an error or a hang-up
+    bool m_readPaused;
+    bool m_wantSent; // IsWritable answered false: OnDataSent is owed
+    bool m_lingering;
+    bool m_readInDelivery;  // since the last Settle
+    bool m_wroteInDelivery; // since the last Settle
+    bool m_readCalled;      // the running input delivery read
+    signed char m_idleHint; // -1 unknown (guess from reads and writes), 0 in a request, 1 idle
+    EWait m_wait;
+    int64_t m_deadline;
+    uint64_t m_progress;     // bytes sent in all
+    uint64_t m_lastProgress; // m_progress when the send deadline was last set
+
+    std::mutex m_mutex; // guards the fields below
     INVQDataLayerNotification *m_pNotification;
     int m_activeDeliveries;
     bool m_unregisterWaiting;
+    bool m_sideScheduled;
+    std::string m_sideBuffer; // bytes other threads wrote, in order
 };
 
 } // namespace NVQ

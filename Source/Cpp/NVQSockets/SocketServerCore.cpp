@@ -1,5 +1,8 @@
 #include "SocketServerCore.h"
 
+#include "EventLoop.h"
+#include "SocketConnection.h"
+
 #include "NVQSockets/Linux/SocketServerLayer.h"
 
 #include "KZF_Utilities/Linux/Logger.h"
@@ -7,11 +10,10 @@
 #include <algorithm>
 #include <arpa/inet.h>
 #include <cerrno>
+#include <chrono>
+#include <csignal>
 #include <cstring>
 #include <netinet/tcp.h>
-#include <poll.h>
-#include <sys/epoll.h>
-#include <sys/eventfd.h>
 #include <thread>
 #include <time.h>
 #include <unistd.h>
@@ -22,42 +24,32 @@ namespace NVQ
 namespace
 {
 
-// Workers beyond the minimum that saw no event for this long exit.
-constexpr int c_workerIdleExitMs = 10000;
-// While every worker is busy, the watcher looks this often whether any of
-// them made progress; if none did, one more worker is started.
+// A delivery running this long holds its loop up: the loop moves on to
+// another thread.
+constexpr int c_stallMs = 20;
+// The watchdog looks this often while a loop is inside a delivery, and this
+// seldom while none is (no busy wake-ups on an idle device).
 constexpr int c_watchIntervalMs = 10;
-// A connection closed by the server reads and drops the peer's bytes for at
-// most this long before its socket is closed anyway.
-constexpr int c_lingerTimeoutMs = 5000;
-// Checks with a free worker before the watcher stops looking closely.
-constexpr int c_calmChecksBeforeRest = 50;
-// After running out of file descriptors, accepting pauses this long.
-constexpr int c_acceptPauseMs = 100;
-// Accepts per round, so a flood of connections cannot starve the timers.
-constexpr int c_acceptBurst = 64;
-// Worker stacks: exchanges need little, and small stacks keep a large pool
+constexpr int c_restIntervalMs = 50;
+// A spare thread (one that took a loop over once and got its connection
+// back) waits this long for another turn before it exits.
+constexpr int c_spareLifetimeMs = 10000;
+// Loop threads: deliveries need little, and small stacks keep many of them
 // affordable on 32-bit devices.
-constexpr size_t c_workerStackSize = 512 * 1024;
+constexpr size_t c_threadStackSize = 512 * 1024;
+// Notices of newcomers admitted or refused at the cap: at most one a second.
+constexpr int c_capLogIntervalMs = 1000;
+// Level of those notices: above the failures, below the per-connection
+// notices, so a device owner can turn them on alone.
+constexpr int c_capLogLevel = 5;
+
+// The connection NewConnectionRequested is about, on the accepting thread.
+thread_local CSocketConnection *t_pAccepting = nullptr;
 
 void logFailure(const char *function, int line, const char *format, int value, int error)
 {
     KZF::CLogger::GetInstance().LogMessage(1, __FILE__, line, function, KZF::CLogger::c_noneObjPtr, format,
                                            value, std::strerror(error));
-}
-
-void drainEventFd(int fd)
-{
-    uint64_t value;
-    while (::read(fd, &value, sizeof(value)) > 0) {
-    }
-}
-
-void signalEventFd(int fd)
-{
-    const uint64_t one = 1;
-    ssize_t written = ::write(fd, &one, sizeof(one));
-    (void)written;
 }
 
 } // namespace
@@ -74,13 +66,11 @@ CSocketServerCore::CSocketServerCore(CSocketServerLayer &layer, bool localOnly)
       m_requestTimeoutMs(CSocketServerLayer::c_defaultRequestTimeoutMs),
       m_sendTimeoutMs(CSocketServerLayer::c_defaultSendTimeoutMs),
       m_maxConnections(CSocketServerLayer::c_defaultMaxConnections),
-      m_maxWorkers(CSocketServerLayer::c_defaultMaxWorkers), m_layer(layer),
-      m_localOnly(localOnly), m_listenFds{-1, -1}, m_listenCount(0), m_port(0), m_epollFd(-1),
-      m_acceptorWakeFd(-1), m_workerStopFd(-1), m_acceptPausedUntil(0), m_pAccepting(nullptr),
-      m_pFirst(nullptr), m_connectionCount(0), m_stopping(false),
-      m_minWorkers(std::max(2, static_cast<int>(std::thread::hardware_concurrency()))), m_workerCount(0),
-      m_idleWorkers(0), m_busyWorkers(0), m_progress(0), m_watcherAlerted(false), m_stopWorkers(false),
-      m_lastProgress(0), m_watchClosely(false), m_calmChecks(0)
+      m_maxWorkers(CSocketServerLayer::c_defaultMaxWorkers),
+      m_loopCount(CSocketServerLayer::c_defaultLoopCount), m_connectionCount(0), m_layer(layer),
+      m_localOnly(localOnly), m_listenFds{-1, -1}, m_listenCount(0), m_port(0), m_threadCount(0),
+      m_spareCount(0), m_stopThreads(false), m_watchWoken(false), m_drained(0), m_refused(0),
+      m_lastCapLogMs(0)
 {
 }
 
@@ -98,6 +88,8 @@ int CSocketServerCore::OpenListener(int family, int port, int backlog, int &erro
     }
     const int on = 1;
     ::setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &on, sizeof(on));
+    // Accepted sockets inherit it: no system call per connection.
+    ::setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &on, sizeof(on));
     int result;
     if (family == AF_INET6) {
         // Separate IPv4 and IPv6 sockets, so that loopback-only serving works
@@ -171,25 +163,20 @@ bool CSocketServerCore::Open(int port, int backlog, bool ipv4Only)
         return false;
     }
 
-    m_epollFd = ::epoll_create1(EPOLL_CLOEXEC);
-    m_acceptorWakeFd = ::eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC);
-    m_workerStopFd = ::eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC);
-    struct epoll_event stopEvent;
-    stopEvent.events = EPOLLIN; // level-triggered: every worker sees it
-    stopEvent.data.ptr = &m_workerStopFd;
-    if (m_epollFd < 0 || m_acceptorWakeFd < 0 || m_workerStopFd < 0 ||
-        ::epoll_ctl(m_epollFd, EPOLL_CTL_ADD, m_workerStopFd, &stopEvent) != 0) {
-        logFailure("StartServer", __LINE__, "SocketServerLayer : cannot start on port %d: %s", port, errno);
-        Close();
-        return false;
+    int loops = m_loopCount.load();
+    if (loops <= 0)
+        loops = std::max(1, static_cast<int>(std::thread::hardware_concurrency()));
+    {
+        std::lock_guard<std::mutex> lock(m_threadMutex);
+        m_stopThreads = false;
     }
-    m_stopping = false;
-    m_stopWorkers = false;
-    m_acceptPausedUntil = 0;
-    for (int i = 0; i < m_minWorkers; ++i) {
-        if (!SpawnWorker()) {
-            logFailure("StartServer", __LINE__, "SocketServerLayer : cannot start workers on port %d: %s",
-                       port, errno);
+    for (int i = 0; i < loops; ++i) {
+        m_loops.emplace_back(new CEventLoop(*this, i));
+        if (!m_loops.back()->Open(m_listenFds, m_listenCount) || !SpawnThread(m_loops.back().get())) {
+            const int error = errno;
+            m_loops.back()->SetStopped();
+            logFailure("StartServer", __LINE__, "SocketServerLayer : cannot start on port %d: %s", port,
+                       error);
             Close();
             return false;
         }
@@ -197,403 +184,257 @@ bool CSocketServerCore::Open(int port, int backlog, bool ipv4Only)
     return true;
 }
 
+void CSocketServerCore::StopLoops()
+{
+    // Every loop closes its connections (delivering their close
+    // notifications) and ends once none is left, also those whose delivery
+    // blocks elsewhere and comes back later. The watchdog still runs: a loop
+    // whose owner blocks (maybe waiting for exactly this close) moves on.
+    for (auto &loop : m_loops)
+        loop->Post(CEventLoop::eTaskStop);
+    std::unique_lock<std::mutex> lock(m_threadMutex);
+    m_threadChanged.wait(lock, [this] {
+        for (auto &loop : m_loops) {
+            if (!loop->HasStopped())
+                return false;
+        }
+        return true;
+    });
+}
+
 void CSocketServerCore::Close()
 {
+    StopLoops();
+    {
+        std::lock_guard<std::mutex> lock(m_threadMutex);
+        m_stopThreads = true;
+    }
+    m_threadChanged.notify_all();
+    std::vector<std::unique_ptr<SThread>> threads;
+    {
+        std::lock_guard<std::mutex> lock(m_threadMutex);
+        threads.swap(m_threads);
+    }
+    for (auto &thread : threads)
+        pthread_join(thread->m_thread, nullptr);
+    {
+        std::lock_guard<std::mutex> lock(m_threadMutex);
+        m_threadCount = 0;
+        m_spareCount = 0;
+    }
+    m_loops.clear();
     for (int i = 0; i < m_listenCount; ++i)
         ::close(m_listenFds[i]);
     m_listenCount = 0;
     m_port = 0;
-
-    // Every connection is broken and shut down: idle ones report an event,
-    // and a worker blocked in a send wakes up. The workers settle them all
-    // and deliver their close notifications.
-    m_stopping = true;
-    {
-        std::unique_lock<std::mutex> lock(m_listMutex);
-        for (CSocketConnection *c = m_pFirst; c != nullptr; c = c->m_pNext) {
-            c->MarkBroken();
-            const int fd = c->GetFd();
-            if (fd >= 0)
-                ::shutdown(fd, SHUT_RDWR);
-        }
-        m_settled.wait(lock, [this] { return m_connectionCount.load() == 0 && m_busyWorkers.load() == 0; });
-    }
-
-    m_stopWorkers = true;
-    if (m_workerStopFd >= 0)
-        signalEventFd(m_workerStopFd);
-    std::vector<pthread_t> workers;
-    {
-        std::lock_guard<std::mutex> lock(m_poolMutex);
-        workers.swap(m_workers);
-        workers.insert(workers.end(), m_exitedWorkers.begin(), m_exitedWorkers.end());
-        m_exitedWorkers.clear();
-    }
-    for (pthread_t worker : workers)
-        pthread_join(worker, nullptr);
-    m_workerCount = 0;
-    m_idleWorkers = 0;
-
-    for (int *fd : {&m_epollFd, &m_acceptorWakeFd, &m_workerStopFd}) {
-        if (*fd >= 0)
-            ::close(*fd);
-        *fd = -1;
-    }
-    m_stopping = false;
 }
 
-void CSocketServerCore::WakeAcceptor()
+bool CSocketServerCore::SpawnThread(CEventLoop *loop)
 {
-    if (m_acceptorWakeFd >= 0)
-        signalEventFd(m_acceptorWakeFd);
+    pthread_attr_t attributes;
+    pthread_attr_init(&attributes);
+    pthread_attr_setstacksize(&attributes, c_threadStackSize);
+    std::unique_ptr<SThread> thread(new SThread());
+    thread->m_pLoop = loop;
+    std::lock_guard<std::mutex> lock(m_threadMutex);
+    const int result = pthread_create(&thread->m_thread, &attributes, &CSocketServerCore::ThreadMain,
+                                      new std::pair<CSocketServerCore *, SThread *>(this, thread.get()));
+    pthread_attr_destroy(&attributes);
+    if (result != 0) {
+        errno = result;
+        return false;
+    }
+    ++m_threadCount;
+    if (loop == nullptr)
+        ++m_spareCount;
+    m_threads.push_back(std::move(thread));
+    return true;
 }
 
-int CSocketServerCore::ReaperPeriodMs() const
+void *CSocketServerCore::ThreadMain(void *argument)
 {
-    const int shortest = std::min(m_idleTimeoutMs.load(), m_requestTimeoutMs.load());
-    return std::clamp(shortest / 4, 10, 1000);
+    std::unique_ptr<std::pair<CSocketServerCore *, SThread *>> pair(
+        static_cast<std::pair<CSocketServerCore *, SThread *> *>(argument));
+    pair->first->ThreadLoop(*pair->second);
+    return nullptr;
 }
 
-void CSocketServerCore::RunAcceptor()
+void CSocketServerCore::ThreadLoop(SThread &self)
 {
-    int64_t nextReap = monotonicMilliseconds() + ReaperPeriodMs();
-    while (!m_layer.IsStopRequested()) {
-        const int64_t before = monotonicMilliseconds();
-        struct pollfd fds[3];
-        int count = 0;
-        fds[count++] = {m_acceptorWakeFd, POLLIN, 0};
-        const bool paused = before < m_acceptPausedUntil;
-        if (!paused) {
-            for (int i = 0; i < m_listenCount; ++i)
-                fds[count++] = {m_listenFds[i], POLLIN, 0};
+    // A write to a peer that has gone raises SIGPIPE where the call cannot
+    // ask for it not to (sendfile); the result says the same.
+    sigset_t pipe;
+    sigemptyset(&pipe);
+    sigaddset(&pipe, SIGPIPE);
+    pthread_sigmask(SIG_BLOCK, &pipe, nullptr);
+    std::unique_lock<std::mutex> lock(m_threadMutex);
+    for (;;) {
+        if (self.m_pLoop != nullptr) {
+            CEventLoop *loop = self.m_pLoop;
+            lock.unlock();
+            // Runs until the loop stops, or until this thread blocks in a
+            // delivery and another takes the loop over (this one then
+            // finishes its connection and hands it back first).
+            loop->Run();
+            lock.lock();
+            self.m_pLoop = nullptr;
+            ++m_spareCount;
+            m_threadChanged.notify_all();
+            continue;
         }
-        int timeout = static_cast<int>(std::max<int64_t>(0, nextReap - before));
-        if (m_watchClosely)
-            timeout = std::min(timeout, c_watchIntervalMs);
-        if (paused)
-            timeout = std::min<int>(timeout, static_cast<int>(m_acceptPausedUntil - before));
-        const int ready = ::poll(fds, static_cast<nfds_t>(count), timeout);
-        if (ready < 0 && errno != EINTR) {
-            logFailure("RunAcceptor", __LINE__, "SocketServerLayer : poll failed on port %d: %s",
-                       m_port.load(), errno);
-            std::this_thread::sleep_for(std::chrono::milliseconds(c_watchIntervalMs));
-        }
-        if (m_layer.IsStopRequested())
+        if (m_stopThreads)
             break;
-        const int64_t now = monotonicMilliseconds();
-        // Timeouts may have been shortened since the last round.
-        nextReap = std::min(nextReap, now + ReaperPeriodMs());
-        if (ready > 0) {
-            if (fds[0].revents & POLLIN)
-                drainEventFd(m_acceptorWakeFd);
-            for (int i = 1; i < count; ++i) {
-                if (fds[i].revents & POLLIN)
-                    AcceptFrom(fds[i].fd, now);
+        const bool woken = m_threadChanged.wait_for(lock, std::chrono::milliseconds(c_spareLifetimeMs),
+                                                    [&] { return self.m_pLoop != nullptr || m_stopThreads; });
+        // One spare is kept; the others leave after a while unused.
+        if (!woken && m_spareCount > 1)
+            break;
+    }
+    --m_spareCount;
+    --m_threadCount;
+    self.m_exited = true;
+    m_threadChanged.notify_all();
+}
+
+void CSocketServerCore::JoinExitedThreads()
+{
+    std::vector<std::unique_ptr<SThread>> exited;
+    {
+        std::lock_guard<std::mutex> lock(m_threadMutex);
+        for (auto it = m_threads.begin(); it != m_threads.end();) {
+            if ((*it)->m_exited) {
+                exited.push_back(std::move(*it));
+                it = m_threads.erase(it);
+            } else {
+                ++it;
             }
         }
-        WatchWorkers();
-        if (now >= nextReap) {
-            Reap(now);
-            nextReap = now + ReaperPeriodMs();
+    }
+    for (auto &thread : exited)
+        pthread_join(thread->m_thread, nullptr);
+}
+
+bool CSocketServerCore::CanAddThread()
+{
+    {
+        std::lock_guard<std::mutex> lock(m_threadMutex);
+        if (m_stopThreads)
+            return false;
+        const int busy = m_threadCount.load() - m_spareCount;
+        if (busy >= std::max(m_maxWorkers.load(), static_cast<int>(m_loops.size())))
+            return false;
+        if (m_spareCount > 0)
+            return true;
+    }
+    // Made before the loop is taken from its owner, so that taking it over
+    // cannot fail half-way.
+    return SpawnThread(nullptr);
+}
+
+bool CSocketServerCore::StartLoopThread(CEventLoop &loop)
+{
+    {
+        std::lock_guard<std::mutex> lock(m_threadMutex);
+        for (auto &thread : m_threads) {
+            if (thread->m_pLoop == nullptr && !thread->m_exited) {
+                thread->m_pLoop = &loop;
+                --m_spareCount;
+                break;
+            }
         }
+    }
+    m_threadChanged.notify_all();
+    return true;
+}
+
+void CSocketServerCore::RunWatchdog()
+{
+    std::unique_lock<std::mutex> lock(m_watchMutex);
+    while (!m_layer.IsStopRequested()) {
+        lock.unlock();
+        const int64_t now = monotonicMilliseconds();
+        bool inCall = false;
+        for (auto &loop : m_loops)
+            inCall = loop->Watch(now, c_stallMs) || inCall;
+        JoinExitedThreads();
+        lock.lock();
+        m_watchWoken = false;
+        m_watchWake.wait_for(lock, std::chrono::milliseconds(inCall ? c_watchIntervalMs : c_restIntervalMs),
+                             [this] { return m_watchWoken || m_layer.IsStopRequested(); });
     }
 }
 
-void CSocketServerCore::AcceptFrom(int listenFd, int64_t now)
+void CSocketServerCore::WakeWatchdog()
 {
-    for (int burst = 0; burst < c_acceptBurst; ++burst) {
-        struct sockaddr_storage remote;
-        socklen_t remoteLength = sizeof(remote);
-        const int fd = ::accept4(listenFd, reinterpret_cast<struct sockaddr *>(&remote), &remoteLength,
-                                 SOCK_NONBLOCK | SOCK_CLOEXEC);
-        if (fd < 0) {
-            if (errno == EINTR || errno == ECONNABORTED || errno == EPROTO)
-                continue;
-            if (errno == EMFILE || errno == ENFILE || errno == ENOBUFS || errno == ENOMEM) {
-                // Level-triggered polling would spin on the waiting connection.
-                logFailure("AcceptFrom", __LINE__, "SocketServerLayer : accept paused on port %d: %s",
-                           m_port.load(), errno);
-                m_acceptPausedUntil = now + c_acceptPauseMs;
-            }
-            return;
-        }
-        if (m_connectionCount.load() >= m_maxConnections.load()) {
-            ::close(fd);
-            continue;
-        }
-        const int on = 1;
-        ::setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &on, sizeof(on));
-
-        CSocketConnection *connection =
-            new CSocketConnection(*this, fd, reinterpret_cast<struct sockaddr *>(&remote), remoteLength);
-        connection->AddRef(); // the list's reference
-        connection->m_deadline = now + m_idleTimeoutMs.load();
-        Link(*connection);
-
-        m_pAccepting = connection;
-        const bool taken =
-            m_layer.NotifyForNewConnection(connection->GetRemoteAddress(), connection->GetLocalAddress());
-        m_pAccepting = nullptr;
-        if (!taken || !connection->IsRegistered()) {
-            // Nobody will ever read it.
-            FinishConnection(*connection);
-            continue;
-        }
-        struct epoll_event event;
-        event.events = EPOLLIN | EPOLLRDHUP | EPOLLONESHOT;
-        event.data.ptr = connection;
-        if (::epoll_ctl(m_epollFd, EPOLL_CTL_ADD, fd, &event) != 0) {
-            connection->MarkBroken();
-            connection->DeliverConnectionClosed();
-            FinishConnection(*connection);
-        }
+    {
+        std::lock_guard<std::mutex> lock(m_watchMutex);
+        m_watchWoken = true;
     }
+    m_watchWake.notify_all();
+    {
+        // Close waits on this for the loops to stop.
+        std::lock_guard<std::mutex> lock(m_threadMutex);
+    }
+    m_threadChanged.notify_all();
+}
+
+bool CSocketServerCore::NotifyNewConnection(CSocketConnection &connection)
+{
+    t_pAccepting = &connection;
+    const bool taken =
+        m_layer.NotifyForNewConnection(connection.GetRemoteSocketAddress(), connection.GetLocalAddress());
+    t_pAccepting = nullptr;
+    return taken;
+}
+
+void CSocketServerCore::NotifyConnectionClosed(CSocketConnection &connection)
+{
+    if (m_layer.HasNotifications())
+        m_layer.NotifyForConnectionClosed(connection, connection.GetRemoteSocketAddress(),
+                                          connection.GetLocalAddress());
 }
 
 KZF::CRefCountPtr<INVQDataLayer> CSocketServerCore::CreateConnectionPoint(const INVQConnectionAddress &first,
                                                                           const INVQConnectionAddress &second)
 {
-    CSocketConnection *connection = m_pAccepting;
-    if (connection == nullptr || &first != &connection->GetRemoteAddress() ||
+    CSocketConnection *connection = t_pAccepting;
+    if (connection == nullptr || &first != &connection->GetRemoteSocketAddress() ||
         &second != &connection->GetLocalAddress())
         return KZF::CRefCountPtr<INVQDataLayer>();
     return KZF::CRefCountPtr<INVQDataLayer>(connection);
 }
 
-void CSocketServerCore::Link(CSocketConnection &connection)
+bool CSocketServerCore::AskForRoom(CEventLoop &asking)
 {
-    std::lock_guard<std::mutex> lock(m_listMutex);
-    connection.m_pPrev = nullptr;
-    connection.m_pNext = m_pFirst;
-    if (m_pFirst != nullptr)
-        m_pFirst->m_pPrev = &connection;
-    m_pFirst = &connection;
-    ++m_connectionCount;
-}
-
-void CSocketServerCore::Unlink(CSocketConnection &connection)
-{
-    std::lock_guard<std::mutex> lock(m_listMutex);
-    if (connection.m_pPrev != nullptr)
-        connection.m_pPrev->m_pNext = connection.m_pNext;
-    else
-        m_pFirst = connection.m_pNext;
-    if (connection.m_pNext != nullptr)
-        connection.m_pNext->m_pPrev = connection.m_pPrev;
-    connection.m_pPrev = connection.m_pNext = nullptr;
-    --m_connectionCount;
-}
-
-void CSocketServerCore::ShutdownConnection(CSocketConnection &connection)
-{
-    // Under the list lock the socket cannot be closed by its owner meanwhile.
-    std::lock_guard<std::mutex> lock(m_listMutex);
-    const int fd = connection.GetFd();
-    if (fd >= 0)
-        ::shutdown(fd, SHUT_RDWR);
-}
-
-void CSocketServerCore::Reap(int64_t now)
-{
-    std::lock_guard<std::mutex> lock(m_listMutex);
-    for (CSocketConnection *c = m_pFirst; c != nullptr; c = c->m_pNext) {
-        if (c->m_expired || c->m_busy.load(std::memory_order_acquire) ||
-            c->m_deadline.load(std::memory_order_relaxed) > now)
-            continue;
-        // Its owner (the epoll set) reports the shut-down socket to a
-        // worker, which closes it like a peer close.
-        c->m_expired = true;
-        const int fd = c->GetFd();
-        if (fd >= 0)
-            ::shutdown(fd, SHUT_RDWR);
-    }
-}
-
-void CSocketServerCore::AlertWatcher()
-{
-    if (!m_watcherAlerted.exchange(true))
-        WakeAcceptor();
-}
-
-void CSocketServerCore::WatchWorkers()
-{
-    JoinExitedWorkers();
-    const unsigned progress = m_progress.load();
-    if (m_idleWorkers.load() > 0) {
-        // Under load the idle count touches 0 all the time; staying watchful
-        // for a while keeps each of those moments from costing a wake-up.
-        if (m_watchClosely && ++m_calmChecks < c_calmChecksBeforeRest)
-            return;
-        m_watchClosely = false;
-        m_watcherAlerted = false;
-        m_lastProgress = progress;
-        return;
-    }
-    m_calmChecks = 0;
-    // Every worker is inside an exchange. Busy but moving is fine; stuck
-    // since the last look means new events would wait: add a worker.
-    if (m_watchClosely && progress == m_lastProgress && m_workerCount.load() < m_maxWorkers.load())
-        SpawnWorker();
-    m_watchClosely = true;
-    m_lastProgress = progress;
-}
-
-bool CSocketServerCore::SpawnWorker()
-{
-    pthread_attr_t attributes;
-    pthread_attr_init(&attributes);
-    pthread_attr_setstacksize(&attributes, c_workerStackSize);
-    std::lock_guard<std::mutex> lock(m_poolMutex);
-    pthread_t thread;
-    ++m_workerCount;
-    const int result = pthread_create(&thread, &attributes, &CSocketServerCore::WorkerMain, this);
-    pthread_attr_destroy(&attributes);
-    if (result != 0) {
-        --m_workerCount;
-        errno = result;
-        return false;
-    }
-    m_workers.push_back(thread);
-    return true;
-}
-
-void CSocketServerCore::JoinExitedWorkers()
-{
-    std::vector<pthread_t> exited;
-    {
-        std::lock_guard<std::mutex> lock(m_poolMutex);
-        exited.swap(m_exitedWorkers);
-    }
-    for (pthread_t worker : exited)
-        pthread_join(worker, nullptr);
-}
-
-void *CSocketServerCore::WorkerMain(void *self)
-{
-    static_cast<CSocketServerCore *>(self)->WorkerLoop();
-    return nullptr;
-}
-
-bool CSocketServerCore::TryRetire()
-{
-    int count = m_workerCount.load();
-    while (count > m_minWorkers) {
-        if (m_workerCount.compare_exchange_weak(count, count - 1)) {
-            std::lock_guard<std::mutex> lock(m_poolMutex);
-            const pthread_t self = pthread_self();
-            m_workers.erase(std::remove_if(m_workers.begin(), m_workers.end(),
-                                           [self](pthread_t t) { return pthread_equal(t, self); }),
-                            m_workers.end());
-            m_exitedWorkers.push_back(self);
+    for (auto &loop : m_loops) {
+        if (loop.get() != &asking && loop->GetIdleCount() > 0) {
+            loop->Post(CEventLoop::eTaskCloseIdle);
             return true;
         }
     }
     return false;
 }
 
-void CSocketServerCore::WorkerLoop()
+void CSocketServerCore::CountAtCap(bool admitted)
 {
-    SWorkerContext context;
-    for (;;) {
-        ++m_idleWorkers;
-        struct epoll_event event;
-        // One event at a time: an exchange may take long, and events taken
-        // together would wait behind it.
-        const int ready = ::epoll_wait(m_epollFd, &event, 1, c_workerIdleExitMs);
-        if (m_idleWorkers.fetch_sub(1) == 1)
-            AlertWatcher();
-        if (ready < 0) {
-            if (errno == EINTR)
-                continue;
-            return;
-        }
-        if (ready == 0) {
-            if (m_stopWorkers.load() || TryRetire())
-                return;
-            continue;
-        }
-        if (event.data.ptr == &m_workerStopFd) {
-            if (m_stopWorkers.load())
-                return;
-            continue;
-        }
-        CSocketConnection &connection = *static_cast<CSocketConnection *>(event.data.ptr);
-        ++m_busyWorkers;
-        ProcessEvent(connection, event.events, context);
-        --m_busyWorkers;
-        ++m_progress;
-        if (m_stopping.load()) {
-            std::lock_guard<std::mutex> lock(m_listMutex);
-            m_settled.notify_all();
-        }
-    }
-}
-
-void CSocketServerCore::ProcessEvent(CSocketConnection &connection, uint32_t events, SWorkerContext &context)
-{
-    connection.AddRef();
-    connection.TakeOver();
-    if (!connection.IsBroken() && !connection.IsClosedByServer()) {
-        connection.BeginNotification(context);
-        connection.DeliverDataReceived();
-        connection.EndNotification(context);
-    }
-    Settle(connection, events);
-    connection.ReleaseRef();
-}
-
-void CSocketServerCore::Settle(CSocketConnection &connection, uint32_t events)
-{
-    if (connection.IsClosedByServer()) {
-        const bool firstTime = !connection.IsLingering();
-        if (connection.Linger()) {
-            FinishConnection(connection);
-            return;
-        }
-        if (firstTime)
-            connection.m_deadline.store(monotonicMilliseconds() + c_lingerTimeoutMs,
-                                        std::memory_order_relaxed);
-        if (!connection.HandBack(m_epollFd))
-            FinishConnection(connection);
-        return;
-    }
-    if (connection.IsBroken() || connection.IsPeerClosed() || (events & (EPOLLHUP | EPOLLERR)) != 0 ||
-        !connection.IsRegistered()) {
-        connection.DeliverConnectionClosed();
-        FinishConnection(connection);
-        return;
-    }
-    // An answer ends the request: wait for the next one as an idle
-    // connection. Bytes without an answer start (or continue) a request,
-    // which must be complete within the request timeout.
+    (admitted ? m_drained : m_refused).fetch_add(1, std::memory_order_relaxed);
+    KZF::CLogger &logger = KZF::CLogger::GetInstance();
     const int64_t now = monotonicMilliseconds();
-    if (connection.WroteInNotification()) {
-        connection.m_requestStarted = false;
-        connection.m_deadline.store(now + m_idleTimeoutMs.load(), std::memory_order_relaxed);
-    } else if (connection.ReadInNotification() && !connection.m_requestStarted) {
-        connection.m_requestStarted = true;
-        connection.m_deadline.store(now + m_requestTimeoutMs.load(), std::memory_order_relaxed);
-    }
-    if (!connection.HandBack(m_epollFd)) {
-        connection.MarkBroken();
-        connection.DeliverConnectionClosed();
-        FinishConnection(connection);
-    }
+    int64_t last = m_lastCapLogMs.load(std::memory_order_relaxed);
+    if (now - last < c_capLogIntervalMs || !m_lastCapLogMs.compare_exchange_strong(last, now))
+        return;
+    const int drained = m_drained.exchange(0);
+    const int refused = m_refused.exchange(0);
+    if (logger.IsEnabled(c_capLogLevel))
+        logger.LogMessage(c_capLogLevel, __FILE__, __LINE__, "Accept", KZF::CLogger::c_noneObjPtr,
+                          "SocketServerLayer : at the cap of %d connections: closed %d idle ones to admit "
+                          "newcomers, refused %d",
+                          m_maxConnections.load(), drained, refused);
 }
 
-void CSocketServerCore::FinishConnection(CSocketConnection &connection)
+void CSocketServerCore::LogAcceptFailure(int error)
 {
-    // Off the list first: from then on no other thread touches the socket.
-    Unlink(connection);
-    if (m_layer.HasNotifications())
-        m_layer.NotifyForConnectionClosed(connection, connection.GetRemoteAddress(),
-                                          connection.GetLocalAddress());
-    connection.CloseSocket();
-    connection.ReleaseRef(); // the list's reference
-    if (m_stopping.load()) {
-        std::lock_guard<std::mutex> lock(m_listMutex);
-        m_settled.notify_all();
-    }
+    logFailure("Accept", __LINE__, "SocketServerLayer : accept paused on port %d: %s", m_port.load(), error);
 }
 
 } // namespace NVQ

@@ -1,13 +1,13 @@
 #ifndef NVQSOCKETS_SOCKETSERVERCORE_H
 #define NVQSOCKETS_SOCKETSERVERCORE_H
 
-#include "SocketConnection.h"
-
 #include "KZF_Base/Linux/RefCountPtr.h"
+#include "NVQSockets/Linux/INVQDataLayer.h"
 
 #include <atomic>
 #include <condition_variable>
 #include <cstdint>
+#include <memory>
 #include <mutex>
 #include <pthread.h>
 #include <vector>
@@ -15,10 +15,14 @@
 namespace NVQ
 {
 
+class CEventLoop;
+class CSocketConnection;
 class CSocketServerLayer;
+class INVQConnectionAddress;
 
-// The workings of CSocketServerLayer: listening sockets, the epoll set shared
-// by the worker pool, the connection list, timeouts and the pool's growth.
+// The workings of CSocketServerLayer: the listening sockets, the event loops,
+// the threads that run them, and the watchdog that hands a loop to a fresh
+// thread when its owner blocks in a delivery.
 class CSocketServerCore
 {
   public:
@@ -27,50 +31,59 @@ class CSocketServerCore
     CSocketServerCore(const CSocketServerCore &) = delete;
     CSocketServerCore &operator=(const CSocketServerCore &) = delete;
 
-    // Listening sockets, epoll set and the first workers; the layer's thread
-    // then runs RunAcceptor.
+    // Listening sockets, loops and their threads; the layer's thread then
+    // runs RunWatchdog.
     bool Open(int port, int backlog, bool ipv4Only);
-    // After the layer's thread has left RunAcceptor: closes every connection,
-    // waits until all have been settled, and ends the workers.
+    // Closes every connection and waits until all have been settled, while
+    // the watchdog still runs.
+    void StopLoops();
+    // After the layer's thread has left RunWatchdog: ends the threads and
+    // releases the loops and listeners (stopping the loops first if needed).
     void Close();
     int GetPort() const { return m_port.load(); }
 
-    // The layer's own thread: accepts, enforces timeouts, grows the pool.
-    void RunAcceptor();
-    void WakeAcceptor();
+    // The layer's own thread.
+    void RunWatchdog();
+    void WakeWatchdog();
 
+    // --- For the loops.
+    bool NotifyNewConnection(CSocketConnection &connection);
+    void NotifyConnectionClosed(CSocketConnection &connection);
     KZF::CRefCountPtr<INVQDataLayer> CreateConnectionPoint(const INVQConnectionAddress &first,
                                                            const INVQConnectionAddress &second);
-    // Wakes the owner of a connection that another thread closed.
-    void ShutdownConnection(CSocketConnection &connection);
+    // A thread stands ready to take a loop over, and the cap allows it.
+    bool CanAddThread();
+    // Gives the loop to the ready thread; false only when none could be had.
+    bool StartLoopThread(CEventLoop &loop);
+    // Another loop with an idle connection closes it to make room; false
+    // when no loop has one.
+    bool AskForRoom(CEventLoop &asking);
+    // A newcomer at the cap was admitted (room made) or refused.
+    void CountAtCap(bool admitted);
+    void LogAcceptFailure(int error);
 
     std::atomic<int> m_idleTimeoutMs;
     std::atomic<int> m_requestTimeoutMs;
     std::atomic<int> m_sendTimeoutMs;
     std::atomic<int> m_maxConnections;
     std::atomic<int> m_maxWorkers;
+    std::atomic<int> m_loopCount;
+    std::atomic<int> m_connectionCount;
 
-    int GetSendTimeout() const { return m_sendTimeoutMs.load(std::memory_order_relaxed); }
-    int GetConnectionCount() const { return m_connectionCount.load(); }
-    int GetWorkerCount() const { return m_workerCount.load(); }
+    int GetWorkerCount() const { return m_threadCount.load(); }
 
   private:
+    struct SThread {
+        pthread_t m_thread;
+        CEventLoop *m_pLoop = nullptr; // to run; null while spare
+        bool m_exited = false;
+    };
+
     int OpenListener(int family, int port, int backlog, int &error);
-    void AcceptFrom(int listenFd, int64_t now);
-    void Reap(int64_t now);
-    void WatchWorkers();
-    void AlertWatcher();
-    bool SpawnWorker();
-    void JoinExitedWorkers();
-    static void *WorkerMain(void *self);
-    void WorkerLoop();
-    bool TryRetire();
-    void ProcessEvent(CSocketConnection &connection, uint32_t events, SWorkerContext &context);
-    void Settle(CSocketConnection &connection, uint32_t events);
-    void FinishConnection(CSocketConnection &connection);
-    void Link(CSocketConnection &connection);
-    void Unlink(CSocketConnection &connection);
-    int ReaperPeriodMs() const;
+    bool SpawnThread(CEventLoop *loop);
+    static void *ThreadMain(void *self);
+    void ThreadLoop(SThread &self);
+    void JoinExitedThreads();
 
     CSocketServerLayer &m_layer;
     const bool m_localOnly;
@@ -78,31 +91,22 @@ class CSocketServerCore
     int m_listenFds[2];
     int m_listenCount;
     std::atomic<int> m_port;
-    int m_epollFd;
-    int m_acceptorWakeFd; // eventfd the acceptor polls: stop requests and worker alerts
-    int m_workerStopFd;   // eventfd in the epoll set, readable once workers must end
-    int64_t m_acceptPausedUntil;
-    CSocketConnection *m_pAccepting; // the connection NewConnectionRequested is about
+    std::vector<std::unique_ptr<CEventLoop>> m_loops;
 
-    std::mutex m_listMutex;
-    std::condition_variable m_settled; // with m_listMutex: a connection or event ended while stopping
-    CSocketConnection *m_pFirst;
-    std::atomic<int> m_connectionCount;
-    std::atomic<bool> m_stopping;
+    std::mutex m_threadMutex;
+    std::condition_variable m_threadChanged;
+    std::vector<std::unique_ptr<SThread>> m_threads;
+    std::atomic<int> m_threadCount;
+    int m_spareCount;
+    bool m_stopThreads;
 
-    std::mutex m_poolMutex;
-    std::vector<pthread_t> m_workers;
-    std::vector<pthread_t> m_exitedWorkers;
-    int m_minWorkers;
-    std::atomic<int> m_workerCount;
-    std::atomic<int> m_idleWorkers;
-    std::atomic<int> m_busyWorkers;
-    std::atomic<unsigned> m_progress;
-    std::atomic<bool> m_watcherAlerted;
-    std::atomic<bool> m_stopWorkers;
-    unsigned m_lastProgress;
-    bool m_watchClosely;
-    int m_calmChecks;
+    std::mutex m_watchMutex;
+    std::condition_variable m_watchWake;
+    bool m_watchWoken;
+
+    std::atomic<int> m_drained;
+    std::atomic<int> m_refused;
+    std::atomic<int64_t> m_lastCapLogMs;
 };
 
 // Milliseconds of the coarse monotonic clock: cheap enough to read per request.

@@ -33,6 +33,7 @@ void CSocketServerLayer::StopServer()
 {
     if (!IsServerStarted())
         return;
+    m_pCore->StopLoops();
     StopThread(-1);
     m_pCore->Close();
 }
@@ -49,13 +50,13 @@ int CSocketServerLayer::GetPort() const
 
 int CSocketServerLayer::Run()
 {
-    m_pCore->RunAcceptor();
+    m_pCore->RunWatchdog();
     return 0;
 }
 
 void CSocketServerLayer::OnStopRequested()
 {
-    m_pCore->WakeAcceptor();
+    m_pCore->WakeWatchdog();
 }
 
 KZF::CRefCountPtr<INVQDataLayer>
@@ -90,6 +91,10 @@ void CSocketServerLayer::SetMaxWorkers(int count)
 {
     m_pCore->m_maxWorkers = std::max(1, count);
 }
+void CSocketServerLayer::SetLoopCount(int count)
+{
+    m_pCore->m_loopCount = std::max(0, count);
+}
 
 int CSocketServerLayer::GetIdleTimeout() const
 {
@@ -111,9 +116,13 @@ int CSocketServerLayer::GetMaxWorkers() const
 {
     return m_pCore->m_maxWorkers;
 }
+int CSocketServerLayer::GetLoopCount() const
+{
+    return m_pCore->m_loopCount;
+}
 int CSocketServerLayer::GetConnectionCount() const
 {
-    return m_pCore->GetConnectionCount();
+    return m_pCore->m_connectionCount.load();
 }
 int CSocketServerLayer::GetWorkerCount() const
 {

@@ -46,6 +46,9 @@ class INVQDataLayerNotification : public INVQConnectionClosedNotification
 
     // Bytes are waiting on the connection.
     virtual void OnDataReceived(INVQDataLayer &connection) = 0;
+    // The bytes that made the connection report itself not writable are
+    // gone: a writer that stopped there goes on.
+    virtual void OnDataSent(INVQDataLayer &connection) { (void)connection; }
 };
 
 class INVQMultiPointLayerNotification : public INVQNotification

@@ -3,10 +3,14 @@
 
 #include "KZF_Base/Linux/RefCount.h"
 
+#include <cstddef>
+#include <cstdint>
+
 namespace NVQ
 {
 
 class INVQDataLayerNotification;
+class INVQConnectionAddress;
 
 // One open connection. Reference counted; it stays valid while a
 // notification is registered with it.
@@ -18,12 +22,11 @@ class INVQDataLayer : public KZF::CRefCount_Base
     // connection failed.
     virtual int ReadData(void *buffer, int size) = 0;
 
-    // Writes `size` bytes in order. Small writes made inside a notification
-    // are gathered and put on the wire together when the notification ends
-    // (or earlier when they fill the buffer); large ones go out without a
-    // copy. Waits while the peer does not take data, up to the send timeout.
-    // Returns `size`, or -1 when the connection is broken (the bytes are
-    // dropped, and the close notification has been delivered).
+    // Writes `size` bytes in order, never waiting for the peer: what the
+    // kernel does not take at once stays queued (copied) and goes out as the
+    // peer reads. Writes made inside a notification are gathered and put on
+    // the wire together. Returns `size`, or -1 when the connection is broken
+    // (the bytes are dropped, and the close notification has been delivered).
     virtual int SendData(const void *data, int size) = 0;
 
     // From now on data and close notifications of this connection go to
@@ -40,6 +43,43 @@ class INVQDataLayer : public KZF::CRefCount_Base
     // so far has been sent. Call it after UnregisterNotification: the closing
     // party hears nothing of its own close.
     virtual void Close() = 0;
+
+    // What follows extends the operations above for writers that stream
+    // large answers; each has a plain fallback, so simple data layers (and
+    // test doubles) need not implement them.
+
+    // As SendData, without copying: `holder` keeps the bytes alive while they
+    // wait (one reference is taken for as long as they are queued).
+    virtual int SendDataHeld(const void *data, int size, KZF::IRefCount *holder)
+    {
+        (void)holder;
+        return SendData(data, size);
+    }
+
+    // Queues `size` bytes of the open file `fd` from `offset`; they reach the
+    // peer without passing through user memory where the connection allows
+    // (sendfile). `holder` keeps the descriptor open while they wait. Ranges
+    // of one file that follow each other go out in one call. Returns `size`,
+    // or -1 as SendData. The fallback reads the range and writes it.
+    virtual int64_t SendFile(int fd, int64_t offset, int64_t size, KZF::IRefCount *holder);
+
+    // True when the connection takes more bytes now. False when earlier bytes
+    // still wait for the peer: a writer that produces data on demand stops
+    // here, and OnDataSent is delivered once they are gone.
+    virtual bool IsWritable() { return true; }
+
+    // While reading is paused no OnDataReceived is delivered; resuming
+    // delivers one if bytes arrived meanwhile.
+    virtual void PauseReading() {}
+    virtual void ResumeReading() {}
+
+    // Tells the connection whether it waits between requests (idle: the idle
+    // timeout applies, and it may be closed to make room for a newcomer) or
+    // holds part of a request (the request timeout applies).
+    virtual void SetIdle(bool idle) { (void)idle; }
+
+    // The peer's address, when the connection knows it.
+    virtual const INVQConnectionAddress *GetRemoteAddress() const { return nullptr; }
 };
 
 } // namespace NVQ

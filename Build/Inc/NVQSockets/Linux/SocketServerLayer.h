@@ -11,21 +11,25 @@ class CSocketServerCore;
 
 // TCP server on epoll.
 //
-// The layer's own thread accepts connections (delivering NewConnectionRequested
-// one at a time), enforces the timeouts and watches the workers. Connections
-// are served by an elastic pool of worker threads: a worker takes one ready
-// connection at a time and runs its whole data notification (a complete
-// exchange, however long) before it takes another. Idle connections cost no
-// thread, only a small record. When every worker has been stuck for a moment
-// (slow clients, long exchanges) another one is started, up to a cap; workers
-// idle for a while exit down to a minimum.
+// Connections are served by event loops, one per core by default, each a
+// thread with its own epoll set. A connection belongs to one loop from accept
+// to close, so its notifications never overlap and no lock is taken on its
+// path. Writes never wait for the peer: what the kernel does not take stays
+// queued and goes out as the peer reads, and a writer that produces data on
+// demand stops when the connection reports itself not writable and goes on
+// at OnDataSent. Idle connections cost no thread, only a small record.
 //
-// Notifications: one new-connection notification at a time; one data
-// notification at a time per connection; a connection's close notification is
-// delivered once, on the thread that serves the connection, either after its
-// data notification or at once from inside SendData when a write fails.
-// NewConnectionRequested gives the client's address first and the server's
-// own second.
+// Notification code may block (a handler waiting on a slow source): when a
+// delivery runs for longer than a moment, the loop's other connections move
+// to a fresh thread and the blocked one finishes on its own; at most
+// SetMaxWorkers threads are ever used for this.
+//
+// The layer's own thread watches the loops. Notifications: one
+// new-connection notification at a time; one data notification at a time per
+// connection; a connection's close notification is delivered once, after its
+// data notification or at once from inside SendData when a write fails (or,
+// for a delivery that is blocked, while it still runs). NewConnectionRequested
+// gives the client's address first and the server's own second.
 class CSocketServerLayer : public CNVQMultiPointLayerBase, public KZF::CThread
 {
   public:
@@ -35,6 +39,8 @@ class CSocketServerLayer : public CNVQMultiPointLayerBase, public KZF::CThread
     static constexpr int c_defaultSendTimeoutMs = 30000;
     static constexpr int c_defaultMaxConnections = 10000;
     static constexpr int c_defaultMaxWorkers = 256;
+    // 0: one loop per core.
+    static constexpr int c_defaultLoopCount = 0;
 
     // localOnly: listen on the loopback addresses only (127.0.0.1 and ::1)
     // instead of every interface.
@@ -48,9 +54,10 @@ class CSocketServerLayer : public CNVQMultiPointLayerBase, public KZF::CThread
     // at level 1, when the server cannot listen or already runs.
     bool StartServer(int port, int backlog, bool ipv4Only);
 
-    // Stops accepting, closes every connection (waking any send that waits
-    // for a peer), and returns once no notification runs any more and every
-    // close notification has been delivered. The server can start again.
+    // Stops accepting, closes every connection, and returns once no
+    // notification runs any more and every close notification has been
+    // delivered (a delivery that blocks keeps it waiting). The server can
+    // start again.
     void StopServer();
 
     bool IsServerStarted() const;
@@ -64,18 +71,24 @@ class CSocketServerLayer : public CNVQMultiPointLayerBase, public KZF::CThread
     void SetRequestTimeout(int milliseconds);
     // A write that the peer does not take for this long breaks the connection.
     void SetSendTimeout(int milliseconds);
-    // Connections beyond this many are closed as soon as they are accepted.
+    // At this many connections, a newcomer is admitted by closing the
+    // connection that has been idle longest; it is refused (closed as soon as
+    // it is accepted) only when none is idle.
     void SetMaxConnections(int count);
-    // Cap of the worker pool (at least 1).
+    // Cap of the threads serving connections: the loops plus those that took
+    // over from a loop blocked in a delivery (at least 1).
     void SetMaxWorkers(int count);
+    // Event loops (0: one per core); takes effect at the next StartServer.
+    void SetLoopCount(int count);
 
     int GetIdleTimeout() const;
     int GetRequestTimeout() const;
     int GetSendTimeout() const;
     int GetMaxConnections() const;
     int GetMaxWorkers() const;
+    int GetLoopCount() const;
 
-    // Live connections and worker threads, for monitoring.
+    // Live connections and threads serving them, for monitoring.
     int GetConnectionCount() const;
     int GetWorkerCount() const;
 
