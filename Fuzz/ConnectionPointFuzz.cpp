@@ -1,7 +1,8 @@
 // Drives one whole connection, in memory, through the HTTP layer and its
 // connection point, with the real file and log handlers behind it. The input
 // is a script: bytes arrive in arbitrary pieces, are read in arbitrary sizes,
-// and the peer may close at any moment, also in the middle of a write.
+// the peer may stop taking data (and take it again later), and it may close
+// at any moment, also in the middle of a write.
 #include "FuzzTargets.h"
 
 #include "HTTP/HTTPDefaultHandler.h"
@@ -19,6 +20,7 @@
 #include <cstring>
 #include <deque>
 #include <string>
+#include <vector>
 
 namespace
 {
@@ -51,13 +53,110 @@ class CScriptedConnection : public NVQ::INVQDataLayer
         return static_cast<int>(n);
     }
 
-    int SendData(const void *data, int size) override
+    int SendData(const void *data, int size) override { return SendDataHeld(data, size, nullptr); }
+
+    int SendDataHeld(const void *data, int size, KZF::IRefCount *holder) override
+    {
+        SSegment segment;
+        segment.m_bytes.assign(static_cast<const char *>(data), static_cast<size_t>(std::max(size, 0)));
+        if (holder != nullptr) {
+            holder->AddRef(); // held while it waits, as the framework does
+            segment.m_pHolder = holder;
+        }
+        return Queue(segment, size, data);
+    }
+
+    int64_t SendFile(int fd, int64_t offset, int64_t size, KZF::IRefCount *holder) override
+    {
+        NVQ_FUZZ_CHECK(holder != nullptr && size > 0 && offset >= 0);
+        SSegment segment;
+        segment.m_fd = fd;
+        segment.m_offset = offset;
+        segment.m_size = size;
+        holder->AddRef(); // keeps the file open until the range is sent
+        segment.m_pHolder = holder;
+        return Queue(segment, 1, &segment);
+    }
+
+    bool IsWritable() override
+    {
+        if (m_stallLimit > 0 && QueuedBytes() >= m_stallLimit && !m_peerGone && m_closes == 0) {
+            m_wantSent = true;
+            return false;
+        }
+        return true;
+    }
+
+    // The peer takes everything waiting; a writer that stopped goes on.
+    void Drain()
+    {
+        for (SSegment &segment : m_queue) {
+            if (segment.m_fd >= 0) {
+                std::string bytes(static_cast<size_t>(segment.m_size), '\0');
+                const ssize_t n = pread(segment.m_fd, &bytes[0], bytes.size(), segment.m_offset);
+                NVQ_FUZZ_CHECK(n == static_cast<ssize_t>(bytes.size())); // the site does not change
+                segment.m_bytes = bytes;
+            }
+            m_output += segment.m_bytes;
+            if (segment.m_pHolder != nullptr)
+                segment.m_pHolder->ReleaseRef();
+        }
+        m_queue.clear();
+        if (m_wantSent && m_pNotification != nullptr && !m_peerGone) {
+            m_wantSent = false;
+            m_pNotification->OnDataSent(*this);
+        }
+    }
+
+    // What a framework drops when the connection goes.
+    void DropQueue()
+    {
+        for (SSegment &segment : m_queue) {
+            if (segment.m_pHolder != nullptr)
+                segment.m_pHolder->ReleaseRef();
+        }
+        m_queue.clear();
+    }
+
+  private:
+    struct SSegment {
+        std::string m_bytes;
+        int m_fd = -1;
+        int64_t m_offset = 0;
+        int64_t m_size = 0;
+        KZF::IRefCount *m_pHolder = nullptr;
+    };
+
+    size_t QueuedBytes() const
+    {
+        size_t bytes = 0;
+        for (const SSegment &segment : m_queue)
+            bytes += segment.m_fd >= 0 ? static_cast<size_t>(segment.m_size) : segment.m_bytes.size();
+        return bytes;
+    }
+
+    int Queue(SSegment &segment, int size, const void *data)
     {
         // Nothing is written on a connection the server closed, nor after a
         // write failed: the answer under way is dropped.
         NVQ_FUZZ_CHECK(m_closes == 0);
         NVQ_FUZZ_CHECK(!m_writeFailed);
         NVQ_FUZZ_CHECK(size >= 0 && (size == 0 || data != nullptr));
+        const int result = Write(size);
+        if (result < 0) {
+            if (segment.m_pHolder != nullptr)
+                segment.m_pHolder->ReleaseRef(); // never reached the peer
+            return result;
+        }
+        // What comes while the peer is behind waits behind what waits.
+        m_queue.push_back(segment);
+        if (m_stallLimit == 0)
+            Drain();
+        return result;
+    }
+
+    int Write(int size)
+    {
         if (m_peerGone) {
             // As the framework does: the writer learns of the close.
             m_writeFailed = true;
@@ -68,16 +167,14 @@ class CScriptedConnection : public NVQ::INVQDataLayer
             // has delivered the close before it returns; otherwise the close
             // comes from another thread and this write itself got through.
             const bool broken = m_breakMode == eBrokenWrite;
-            if (!broken)
-                m_output.append(static_cast<const char *>(data), static_cast<size_t>(size));
             DeliverClose();
             m_writeFailed = broken;
             return broken ? -1 : size;
         }
-        m_output.append(static_cast<const char *>(data), static_cast<size_t>(size));
         return size;
     }
 
+  public:
     void RegisterNotification(NVQ::INVQDataLayerNotification &notification) override
     {
         NVQ_FUZZ_CHECK(m_pNotification == nullptr);
@@ -118,9 +215,12 @@ class CScriptedConnection : public NVQ::INVQDataLayer
 
     std::deque<std::string> m_pending;
     size_t m_readLimit = 0;
+    size_t m_stallLimit = 0; // the peer stops taking data once this much waits (0: never)
     std::string m_output;
 
   private:
+    std::vector<SSegment> m_queue;
+    bool m_wantSent = false;
     NVQ::INVQDataLayerNotification *m_pNotification = nullptr;
     EBreak m_breakMode;
     int m_breakAtWrite;
@@ -295,12 +395,15 @@ void CheckAnswers(const std::string &out, bool ended)
 } // namespace
 
 // Script: byte 0 picks how the peer may leave during a write, byte 1 at which
-// write; then operations, each one byte whose low two bits choose it and
-// whose upper six bits are its parameter p:
+// write; then operations, each one byte whose low three bits choose it and
+// whose upper five bits are its parameter p:
 //   0  the next (1 + next byte) bytes arrive as one piece
 //   1  the framework delivers a data notification
 //   2  reads return at most p bytes from now on (0: no limit)
 //   3  the peer closes the connection
+//   4  the peer stops taking data once p * 512 bytes wait (0: takes all)
+//   5  the peer takes what waits
+//   6, 7 as 1
 int FuzzConnectionPoint(const uint8_t *data, size_t size)
 {
     if (size < 2)
@@ -316,8 +419,8 @@ int FuzzConnectionPoint(const uint8_t *data, size_t size)
     size_t pos = 2;
     while (pos < size) {
         const uint8_t op = data[pos++];
-        const unsigned parameter = op >> 2;
-        switch (op & 3) {
+        const unsigned parameter = op >> 3;
+        switch (op & 7) {
         case 0: {
             if (pos >= size)
                 break;
@@ -333,14 +436,27 @@ int FuzzConnectionPoint(const uint8_t *data, size_t size)
         case 2:
             connection->m_readLimit = parameter;
             break;
-        default:
+        case 3:
             connection->DeliverClose();
+            break;
+        case 4:
+            connection->m_stallLimit = parameter * 512;
+            break;
+        case 5:
+            connection->Drain();
+            break;
+        default:
+            connection->DeliverData();
             break;
         }
     }
+    // Whatever waits reaches the peer, which then goes away (unless somebody
+    // closed before).
+    connection->m_stallLimit = 0;
+    connection->Drain();
     const bool ended = connection->Ended();
-    // The client goes away at the end if nobody closed before.
     connection->DeliverClose();
+    connection->DropQueue();
 
     NVQ_FUZZ_CHECK(server.layer.GetConnectionPointCount() == 0);
     CheckAnswers(connection->m_output, ended);

@@ -26,7 +26,7 @@ class ConnectionPointTest : public ::testing::Test
   protected:
     ConnectionPointTest()
         : m_dataLayer(new CFakeDataLayer()),
-          m_point(new NVQ::CHTTPConnectionPoint(m_dataLayer.GetPtr(), &m_layer, 7))
+          m_point(new NVQ::CHTTPConnectionPoint(*m_dataLayer.GetPtr(), m_layer, 7))
     {
         m_layer.RegisterHandler(m_handler, false);
     }
@@ -428,7 +428,7 @@ TEST_F(ConnectionPointTest, FailedWriteDropsTheRestOfTheAnswer)
         handler.StreamPieces({"first", "m1", "m2", "end"});
         layer.RegisterHandler(handler, false);
         KZF::CRefCountPtr<NVQ::CHTTPConnectionPoint> point(
-            new NVQ::CHTTPConnectionPoint(data.GetPtr(), &layer, 1));
+            new NVQ::CHTTPConnectionPoint(*data.GetPtr(), layer, 1));
         data->m_failFromWrite = failing;
         data->Arrive(c_getRoot);
         data->DeliverData();

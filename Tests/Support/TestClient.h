@@ -129,6 +129,16 @@ class CTestClient
 
     bool IsClosed() const { return m_closed; }
     void ShutdownWrite() { ::shutdown(m_fd, SHUT_WR); }
+    // A small receive window keeps a download from landing in socket buffers
+    // at once (set before the request).
+    void SetReceiveBuffer(int bytes) { ::setsockopt(m_fd, SOL_SOCKET, SO_RCVBUF, &bytes, sizeof(bytes)); }
+    // Leaves with a reset, as a client that aborts a download does.
+    void Abort()
+    {
+        const struct linger hard = {1, 0};
+        ::setsockopt(m_fd, SOL_SOCKET, SO_LINGER, &hard, sizeof(hard));
+        Close();
+    }
     int Fd() const { return m_fd; }
 
     void Close()

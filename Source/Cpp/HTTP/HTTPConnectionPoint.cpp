@@ -22,6 +22,9 @@ const char c_fieldSeparator[] = ": ";
 
 // No single write carries more data than this.
 const long c_maxSliceSize = 16777216;
+// Data from this size on is handed to the connection without a copy (the
+// response itself keeps it alive while it waits for the peer).
+const long c_heldDataSize = 16384;
 
 const unsigned long c_initialBufferSize = 1024;
 const unsigned long c_bufferGrowth = 512;
@@ -33,12 +36,11 @@ const int c_minimumFreeSpace = 32;
 CNotFoundResponse s_notFoundResponse;
 CBadRequestResponse s_badRequestResponse;
 
-CHTTPConnectionPoint::CHTTPConnectionPoint(INVQDataLayer *dataLayer, CHTTPLayer *layer, int connectionID)
-    : m_pDataLayer(dataLayer), m_pLayer(layer), m_pHandler(nullptr), m_receivedSize(0),
-      m_connectionID(connectionID), m_isClosed(false)
+CHTTPConnectionPoint::CHTTPConnectionPoint(INVQDataLayer &dataLayer, CHTTPLayer &layer, int connectionID)
+    : m_pDataLayer(&dataLayer), m_pLayer(&layer), m_pHandler(nullptr), m_receivedSize(0),
+      m_connectionID(connectionID), m_isClosed(false), m_exchange(eNoExchange), m_detachAfterExchange(false)
 {
-    if (m_pDataLayer != nullptr)
-        m_pDataLayer->RegisterNotification(*this);
+    m_pDataLayer->RegisterNotification(*this);
     m_receiveBuffer.SetSize(c_initialBufferSize);
     m_receivedSize = 0;
     m_isClosed = false;
@@ -53,7 +55,30 @@ CHTTPConnectionPoint::~CHTTPConnectionPoint()
 void CHTTPConnectionPoint::OnDataReceived(INVQDataLayer &)
 {
     AddRef(); // survives the layer dropping it meanwhile
+    // A parked exchange has the connection; reading waits for its end.
+    if (m_exchange.load() == eNoExchange)
+        Receive();
+    UpdateIdle();
+    ReleaseRef(); // may destroy this object: nothing may follow
+}
 
+void CHTTPConnectionPoint::OnDataSent(INVQDataLayer &)
+{
+    AddRef();
+    int parked = eParked;
+    if (m_exchange.compare_exchange_strong(parked, eRunning) && RunPulls()) {
+        EndExchange();
+        AfterDispatch();
+        // Bytes that came while the answer went out are read now.
+        if (m_pDataLayer != nullptr)
+            m_pDataLayer->ResumeReading();
+    }
+    UpdateIdle();
+    ReleaseRef();
+}
+
+void CHTTPConnectionPoint::Receive()
+{
     // Read everything waiting, growing the buffer in steps while fewer than
     // 32 bytes are free, but never beyond the request bound.
     bool overBound = false;
@@ -74,7 +99,6 @@ void CHTTPConnectionPoint::OnDataReceived(INVQDataLayer &)
                 m_receiveBuffer.SetSize(c_initialBufferSize);
                 if (!m_isClosed)
                     Detach();
-                ReleaseRef();
                 return;
             }
         }
@@ -92,76 +116,124 @@ void CHTTPConnectionPoint::OnDataReceived(INVQDataLayer &)
     const int result = m_parser.Parse(m_receiveBuffer, m_receivedSize, consumed);
     if (result == CHTTPRequestParser::eParseComplete) {
         ProcessRequest(m_parser.GetRequest());
-        m_parser.Reset();
-        m_receivedSize = 0;
     } else if (result == CHTTPRequestParser::eParseError) {
         ProcessRequest(KZF::CRefCountPtr<CHTTPRequest>());
-        m_parser.Reset();
-        m_receivedSize = 0;
     } else if (overBound) {
         // The request does not fit: answer 400 and end the connection, since
         // the rest of the request would be read as a new one.
+        m_detachAfterExchange = true;
         ProcessRequest(KZF::CRefCountPtr<CHTTPRequest>());
-        m_parser.Reset();
-        m_receivedSize = 0;
-        if (!m_isClosed)
-            Detach();
     }
-    ReleaseRef(); // may destroy this object: nothing may follow
 }
 
 void CHTTPConnectionPoint::ProcessRequest(KZF::CRefCountPtr<CHTTPRequest> request)
 {
     AddRef();
+    m_exchange = eRunning;
+    m_request = request;
     if (request.IsNull()) {
         SendResponse(s_badRequestResponse);
-        ReleaseRef();
-        return;
-    }
-    IHTTPRequestHandler *handler = m_pLayer != nullptr ? m_pLayer->FindHandler(*request) : nullptr;
-    m_pHandler = handler;
-    if (handler == nullptr) {
-        SendResponse(s_notFoundResponse);
-        ReleaseRef();
-        return;
-    }
-
-    KZF::CRefCountPtr<CHTTPResponse> piece = handler->ProcessRequest(*request, m_connectionID);
-    if (piece.IsNull()) {
-        SendResponse(s_notFoundResponse);
     } else {
-        SendResponse(*piece);
-        while (!m_isClosed && !piece->IsLast()) {
-            piece = handler->GetAdditionalResponseData(m_connectionID);
-            if (piece.IsNull()) {
-                // Nothing more: an empty final piece ends the answer and
-                // closes the connection.
-                CHTTPResponse *end = new CHTTPResponse();
-                end->SetSendOnlyData(true);
-                end->SetIsLast(true);
-                piece = end;
+        IHTTPRequestHandler *handler = m_pLayer->FindHandler(*request);
+        m_pHandler = handler;
+        if (handler == nullptr) {
+            SendResponse(s_notFoundResponse);
+        } else {
+            m_piece = handler->ProcessRequest(*request, m_connectionID);
+            if (m_piece.IsNull()) {
+                SendResponse(s_notFoundResponse);
+            } else {
+                SendResponse(*m_piece);
+                if (!RunPulls()) {
+                    ReleaseRef(); // parked: OnDataSent or the close goes on
+                    return;
+                }
             }
-            SendResponse(*piece);
         }
     }
-    m_pHandler = nullptr;
-    piece = static_cast<CHTTPResponse *>(nullptr);
-    IHTTPExchangeEndNotification *endNotification = dynamic_cast<IHTTPExchangeEndNotification *>(handler);
-    if (endNotification != nullptr)
-        endNotification->OnExchangeEnded(m_connectionID);
+    EndExchange();
+    AfterDispatch();
     ReleaseRef();
+}
+
+bool CHTTPConnectionPoint::RunPulls()
+{
+    IHTTPRequestHandler *handler = m_pHandler;
+    while (!m_isClosed && !m_piece->IsLast()) {
+        // The next piece is pulled only once the earlier ones are in the
+        // kernel's hands: a slow peer holds one piece, not the whole answer.
+        if (m_pDataLayer != nullptr && !m_pDataLayer->IsWritable()) {
+            m_pDataLayer->PauseReading();
+            int running = eRunning;
+            m_exchange.compare_exchange_strong(running, eParked);
+            // A close that came meanwhile may have missed the parked state:
+            // whoever takes it back from parked ends the exchange.
+            int parked = eParked;
+            if (m_isClosed && m_exchange.compare_exchange_strong(parked, eRunning))
+                break;
+            return false;
+        }
+        m_piece = handler->GetAdditionalResponseData(m_connectionID);
+        if (m_piece.IsNull()) {
+            // Nothing more: an empty final piece ends the answer and closes
+            // the connection.
+            CHTTPResponse *end = new CHTTPResponse();
+            end->SetSendOnlyData(true);
+            end->SetIsLast(true);
+            m_piece = end;
+        }
+        SendResponse(*m_piece);
+    }
+    return true;
+}
+
+void CHTTPConnectionPoint::EndExchange()
+{
+    IHTTPRequestHandler *handler = m_pHandler.exchange(nullptr);
+    m_piece = static_cast<CHTTPResponse *>(nullptr);
+    m_request = static_cast<CHTTPRequest *>(nullptr);
+    m_exchange = eNoExchange;
+    if (handler != nullptr) {
+        IHTTPExchangeEndNotification *endNotification = dynamic_cast<IHTTPExchangeEndNotification *>(handler);
+        if (endNotification != nullptr)
+            endNotification->OnExchangeEnded(m_connectionID);
+    }
+}
+
+void CHTTPConnectionPoint::AfterDispatch()
+{
+    // Bytes that followed the request in the buffer go with it.
+    m_parser.Reset();
+    m_receivedSize = 0;
+    if (m_detachAfterExchange) {
+        m_detachAfterExchange = false;
+        if (!m_isClosed)
+            Detach();
+    }
+}
+
+void CHTTPConnectionPoint::UpdateIdle()
+{
+    if (m_pDataLayer != nullptr)
+        m_pDataLayer->SetIdle(m_exchange.load() == eNoExchange && m_receivedSize == 0);
 }
 
 void CHTTPConnectionPoint::OnConnectionClosed(INVQDataLayer &connection)
 {
     KZF_ASSERT(m_pDataLayer == &connection);
     (void)connection;
+    AddRef();
     m_isClosed = true;
     IHTTPRequestHandler *handler = m_pHandler;
     if (handler != nullptr)
         handler->InterruptProcessing();
-    if (m_pLayer != nullptr)
-        m_pLayer->OnConnectionPointClosed(*this); // may destroy this object
+    // A parked exchange will not be resumed: it ends here. One that runs on
+    // another thread sees the flag and ends itself.
+    int parked = eParked;
+    if (m_exchange.compare_exchange_strong(parked, eRunning))
+        EndExchange();
+    m_pLayer->OnConnectionPointClosed(*this);
+    ReleaseRef(); // may destroy this object
 }
 
 bool CHTTPConnectionPoint::Write(const void *data, size_t length)
@@ -178,15 +250,37 @@ bool CHTTPConnectionPoint::SendText(const char *text, size_t length, char (&buff
     return Write(buffer, kept);
 }
 
-bool CHTTPConnectionPoint::SendSlices(const unsigned char *data, long size)
+bool CHTTPConnectionPoint::SendData(const CHTTPResponse &response)
 {
-    while (size > c_maxSliceSize) {
-        if (!Write(data, c_maxSliceSize))
+    long size = response.GetDataSize();
+    CHTTPFileBody *file = response.GetFileBody();
+    // A response with a counted reference lives on the heap and can keep its
+    // bytes alive while they wait; the shared canned answers are small.
+    KZF::IRefCount *holder = size >= c_heldDataSize && response.GetRefCount() > 0
+                                 ? const_cast<CHTTPResponse *>(&response)
+                                 : nullptr;
+    int64_t offset = response.GetFileOffset();
+    const unsigned char *data = file == nullptr ? response.GetData() : nullptr;
+    // No single write carries more than a slice; the last one carries the
+    // rest, even when that is nothing.
+    for (;;) {
+        const long slice = std::min(size, c_maxSliceSize);
+        bool ok;
+        if (file != nullptr)
+            ok = m_pDataLayer->SendFile(file->GetFd(), offset, slice, file) >= 0;
+        else if (holder != nullptr)
+            ok = m_pDataLayer->SendDataHeld(data, static_cast<int>(slice), holder) >= 0;
+        else
+            ok = Write(data, static_cast<size_t>(slice));
+        if (!ok)
             return false;
-        data += c_maxSliceSize;
-        size -= c_maxSliceSize;
+        size -= slice;
+        if (size == 0)
+            return true;
+        offset += slice;
+        if (data != nullptr)
+            data += slice;
     }
-    return Write(data, static_cast<size_t>(size));
 }
 
 void CHTTPConnectionPoint::SendResponse(const CHTTPResponse &response)
@@ -201,7 +295,7 @@ void CHTTPConnectionPoint::SendResponse(const CHTTPResponse &response)
         return;
 
     if (response.SendOnlyData()) {
-        if (SendSlices(response.GetData(), response.GetDataSize()) && response.IsLast())
+        if (SendData(response) && response.IsLast())
             Detach();
         return;
     }
@@ -242,7 +336,7 @@ void CHTTPConnectionPoint::SendResponse(const CHTTPResponse &response)
     if (!Write(c_lineEnd, sizeof(c_lineEnd) - 1))
         return;
     if (response.GetDataSize() > 0)
-        SendSlices(response.GetData(), response.GetDataSize());
+        SendData(response);
 }
 
 void CHTTPConnectionPoint::Detach()
@@ -255,8 +349,7 @@ void CHTTPConnectionPoint::Detach()
     m_pDataLayer = nullptr;
     // No close notification will come: leave the table now, so that it only
     // holds live connections. The running notification keeps this alive.
-    if (m_pLayer != nullptr)
-        m_pLayer->OnConnectionPointClosed(*this);
+    m_pLayer->OnConnectionPointClosed(*this);
 }
 
 } // namespace NVQ

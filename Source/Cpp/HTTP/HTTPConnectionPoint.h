@@ -20,8 +20,13 @@ class CHTTPLayer;
 
 // The HTTP side of one accepted connection: reads what arrives into its
 // receive buffer, parses it, runs the exchange for each complete (or rejected)
-// request on the thread that delivers the data, and writes every answer.
-// Reference counted: the layer's table holds it, and each running data
+// request, and writes every answer.
+//
+// An exchange runs on the thread that delivers the data. When the peer does
+// not keep up with a streamed answer, the exchange parks before pulling the
+// next piece (reading stops meanwhile) and goes on when the connection
+// reports the earlier bytes sent: a slow client holds one piece, never a
+// thread. Reference counted: the layer's table holds it, and each running
 // notification and dispatch holds it too.
 class CHTTPConnectionPoint : private INVQDataLayerNotification, public KZF::CRefCount_Base
 {
@@ -32,9 +37,10 @@ class CHTTPConnectionPoint : private INVQDataLayerNotification, public KZF::CRef
     static constexpr int c_maxRequestSize = 1024 * 1024;
 
     // Registers with the data layer for its data and close notifications.
-    CHTTPConnectionPoint(INVQDataLayer *dataLayer, CHTTPLayer *layer, int connectionID);
+    CHTTPConnectionPoint(INVQDataLayer &dataLayer, CHTTPLayer &layer, int connectionID);
     ~CHTTPConnectionPoint() override;
 
+    void SetConnectionID(int connectionID) { m_connectionID = connectionID; }
     int GetConnectionID() const { return m_connectionID; }
 
     // Dispatch of one request; a null request stands for one the parser
@@ -45,16 +51,30 @@ class CHTTPConnectionPoint : private INVQDataLayerNotification, public KZF::CRef
     void SendResponse(const CHTTPResponse &response);
 
     void OnDataReceived(INVQDataLayer &connection) override;
+    void OnDataSent(INVQDataLayer &connection) override;
     void OnConnectionClosed(INVQDataLayer &connection) override;
 
   private:
     CHTTPConnectionPoint(const CHTTPConnectionPoint &) = delete;
     CHTTPConnectionPoint &operator=(const CHTTPConnectionPoint &) = delete;
 
+    enum EExchange { eNoExchange, eRunning, eParked };
+
+    // Reads what waits, parses, and dispatches what is complete.
+    void Receive();
+    // Pulls and writes pieces until the answer is complete; false when it
+    // parked because the peer is behind.
+    bool RunPulls();
+    // The end of an exchange, however it ended.
+    void EndExchange();
+    // After a dispatch: the next request starts afresh.
+    void AfterDispatch();
+    void UpdateIdle();
+
     // Each is false once a write failed: the connection is gone.
     bool Write(const void *data, size_t length);
     bool SendText(const char *text, size_t length, char (&buffer)[256]);
-    bool SendSlices(const unsigned char *data, long size);
+    bool SendData(const CHTTPResponse &response);
     // Ends this side of the connection: no notification arrives any more, the
     // connection is closed, and the layer's table lets go of this point.
     void Detach();
@@ -69,6 +89,11 @@ class CHTTPConnectionPoint : private INVQDataLayerNotification, public KZF::CRef
     int m_receivedSize;
     int m_connectionID;
     std::atomic<bool> m_isClosed;
+    // The exchange in progress: its request and the piece written last.
+    std::atomic<int> m_exchange;
+    KZF::CRefCountPtr<CHTTPRequest> m_request;
+    KZF::CRefCountPtr<CHTTPResponse> m_piece;
+    bool m_detachAfterExchange; // the request did not fit: close once answered
 };
 
 } // namespace NVQ

@@ -6,6 +6,7 @@
 #include "KZF_Utilities/Linux/SysUtils.h"
 
 #include <algorithm>
+#include <cerrno>
 #include <ctime>
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -45,12 +46,13 @@ bool isConfined(const KZF::tstring &decodedUri)
 // Opens only a regular file, without blocking on a FIFO or device and
 // without a window in which the path could be swapped for one. A directory
 // stands for its index document, as in GetResourcePath; trying the open
-// first spares the separate directory test on the usual path.
-FILE *openRegularFile(KZF::tstring &path, struct stat &status)
+// first spares the separate directory test on the usual path. The
+// descriptor, or -1.
+int openRegularFile(KZF::tstring &path, struct stat &status)
 {
     int fd = ::open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
     if (fd < 0)
-        return nullptr;
+        return -1;
     if (::fstat(fd, &status) != 0) {
         status.st_mode = 0;
     } else if (S_ISDIR(status.st_mode)) {
@@ -58,45 +60,47 @@ FILE *openRegularFile(KZF::tstring &path, struct stat &status)
         path += c_defaultDocument;
         fd = ::open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
         if (fd < 0)
-            return nullptr;
+            return -1;
         if (::fstat(fd, &status) != 0)
             status.st_mode = 0;
     }
     if (!S_ISREG(status.st_mode)) {
         ::close(fd);
-        return nullptr;
+        return -1;
     }
-    FILE *file = ::fdopen(fd, "rb");
-    if (file == nullptr) {
-        ::close(fd);
-        return nullptr;
-    }
-    // A file of one piece is read whole into the piece: a stream buffer
-    // would only add a copy. Larger files get a buffer of their own below.
-    std::setvbuf(file, nullptr, _IONBF, 0);
-    return file;
+    return fd;
 }
 
-// Files of several pieces are read this much at a time (about four pieces
-// per read), for 32 KiB of memory per transfer under way.
-const size_t c_streamBufferSize = 32768;
+// Reads up to `size` bytes from the start; the count read (short when the
+// file shrank meanwhile).
+size_t readWhole(int fd, unsigned char *buffer, size_t size)
+{
+    size_t done = 0;
+    while (done < size) {
+        const ssize_t n = ::read(fd, buffer + done, size - done);
+        if (n < 0 && errno == EINTR)
+            continue;
+        if (n <= 0)
+            break;
+        done += static_cast<size_t>(n);
+    }
+    return done;
+}
 
 void closeTransfer(const CHTTPDefaultHandler::SRequestData &data)
 {
-    std::fclose(data.m_pFile);
-    delete[] data.m_pBuffer;
+    if (data.m_pFile != nullptr)
+        data.m_pFile->ReleaseRef();
 }
 
-// A piece with code 200, "OK" and the data; null when out of memory.
-CHTTPResponse *newPiece(const unsigned char *data, size_t size)
+// A piece with code 200 and "OK"; null when out of memory.
+CHTTPResponse *newPiece()
 {
     CHTTPResponse *response = new (std::nothrow) CHTTPResponse();
     KZF_ASSERT(response != nullptr);
     if (response != nullptr) {
         response->SetCode(200);
         response->SetPhrase("OK");
-        if (!response->SetData(data, static_cast<long>(size)))
-            KZF_ASSERT(false); // the piece goes out without data
     }
     return response;
 }
@@ -149,14 +153,10 @@ bool isServableFile(const KZF::tstring &uri, const KZF::tstring &basePath)
 
 } // namespace
 
-CHTTPDefaultHandler::CHTTPDefaultHandler(const KZF::tstring &directory)
-    : m_directory(directory), m_interrupted(false)
-{
-}
+CHTTPDefaultHandler::CHTTPDefaultHandler(const KZF::tstring &directory) : m_directory(directory) {}
 
 CHTTPDefaultHandler::~CHTTPDefaultHandler()
 {
-    m_interrupted = true;
     for (auto &entry : m_connDataMap)
         closeTransfer(entry.second);
 }
@@ -200,64 +200,73 @@ bool CHTTPDefaultHandler::CanProcessUri(const KZF::tstring &uri)
 KZF::CRefCountPtr<CHTTPResponse> CHTTPDefaultHandler::ProcessRequest(CHTTPRequest &request, int connectionID)
 {
     KZF::CRefCountPtr<CHTTPResponse> result;
-    m_interrupted = false;
     SLookup &lookup = t_lookup;
     const bool looked = lookup.m_valid;
     lookup.m_valid = false; // good for this request only
+    {
+        // A new request of the connection ends any transfer it still had.
+        KZF::CCriticalSection::CLock lock(m_lock);
+        RemoveRequest(connectionID);
+    }
     if (request.GetMethod() != c_getMethod)
         return result;
     KZF::tstring path;
     if (looked && lookup.m_uri == request.GetUri() &&
         coarseMilliseconds() - lookup.m_takenMs < c_lookupLifetimeMs) {
         const CHTTPFileCache::TContent content = m_fileCache.Find(lookup.m_path, lookup.m_status);
-        if (content) {
-            result = MakeCompleteResponse(reinterpret_cast<const unsigned char *>(content->data()),
-                                          content->size());
-            KZF::CCriticalSection::CLock lock(m_lock);
-            RemoveRequest(connectionID);
-            return result;
-        }
+        if (content)
+            return MakeCompleteResponse(reinterpret_cast<const unsigned char *>(content->data()),
+                                        content->size());
         path.swap(lookup.m_path); // already decoded and mapped
     } else if (!ResolveBasePath(request.GetUri(), path)) {
         return result;
     }
 
     struct stat status;
-    SRequestData data = {nullptr, 0, 0, nullptr};
-    data.m_pFile = openRegularFile(path, status);
-    if (data.m_pFile == nullptr)
+    const int fd = openRegularFile(path, status);
+    if (fd < 0)
         return result;
-    data.m_size = static_cast<int64_t>(status.st_size);
-    if (data.m_size > c_pieceSize) {
-        // Without a buffer (out of memory) the pieces are read one by one.
-        data.m_pBuffer = new (std::nothrow) unsigned char[c_streamBufferSize];
-        if (data.m_pBuffer != nullptr)
-            std::setvbuf(data.m_pFile, reinterpret_cast<char *>(data.m_pBuffer), _IOFBF, c_streamBufferSize);
+    const int64_t size = static_cast<int64_t>(status.st_size);
+    if (size <= c_pieceSize) {
+        // One piece: read whole, answered complete, kept for the next time.
+        unsigned char buffer[c_pieceSize];
+        const size_t n = readWhole(fd, buffer, static_cast<size_t>(size));
+        ::close(fd);
+        if (n == 0)
+            return result; // empty (or emptied): nothing to answer
+        result = MakeCompleteResponse(buffer, n);
+        if (n == static_cast<size_t>(size))
+            m_fileCache.Put(path, status, buffer, n, KZF::time());
+        return result;
     }
+    SRequestData data = {new (std::nothrow) CHTTPFileBody(fd), size, 0};
+    if (data.m_pFile == nullptr) {
+        ::close(fd);
+        return result;
+    }
+    data.m_pFile->AddRef();
     // The record is this thread's until it enters the map; the lock guards
-    // only the map, so transfers on other connections never wait for a read.
+    // only the map.
     bool last = true;
-    result = ProcessRequestData(data, true, last, &status, &path);
-    {
-        KZF::CCriticalSection::CLock lock(m_lock);
-        if (last)
-            RemoveRequest(connectionID);
-        else
-            AddRequest(connectionID, data);
-    }
-    if (last)
+    result = ProcessRequestData(data, true, last);
+    if (last) {
         closeTransfer(data);
+    } else {
+        KZF::CCriticalSection::CLock lock(m_lock);
+        AddRequest(connectionID, data);
+    }
     return result;
 }
 
 KZF::CRefCountPtr<CHTTPResponse> CHTTPDefaultHandler::MakeCompleteResponse(const unsigned char *data,
                                                                            size_t size)
 {
-    KZF::CRefCountPtr<CHTTPResponse> result = newPiece(data, size);
-    if (!result.IsNull())
+    KZF::CRefCountPtr<CHTTPResponse> result = newPiece();
+    if (!result.IsNull()) {
+        if (!result->SetData(data, static_cast<long>(size)))
+            KZF_ASSERT(false); // the piece goes out without data
         result->SetIsLast(true);
-    if (m_interrupted)
-        result = static_cast<CHTTPResponse *>(nullptr);
+    }
     return result;
 }
 
@@ -272,8 +281,8 @@ KZF::CRefCountPtr<CHTTPResponse> CHTTPDefaultHandler::GetAdditionalResponseData(
         if (it == m_connDataMap.end())
             return result;
     }
-    // Only the connection's own thread adds, reads or removes its entry, and
-    // map entries stay where they are while others come and go: the read
+    // Only the connection's own exchange adds, uses or removes its entry, and
+    // map entries stay where they are while others come and go: the record
     // needs no lock.
     SRequestData &data = it->second;
     bool last = true;
@@ -291,7 +300,9 @@ KZF::CRefCountPtr<CHTTPResponse> CHTTPDefaultHandler::GetAdditionalResponseData(
 
 bool CHTTPDefaultHandler::InterruptProcessing()
 {
-    m_interrupted = true;
+    // It does not say which connection closed, and the exchange end notice
+    // that follows does: the transfer of that connection alone is dropped
+    // there. A flag here would cut every other client's download too.
     KZF::CLogger::GetInstance().LogMessage(8, __FILE__, __LINE__, "InterruptProcessing",
                                            KZF::CLogger::c_noneObjPtr,
                                            "CHTTPDefaultHandler : received interrupt!\n");
@@ -320,37 +331,31 @@ void CHTTPDefaultHandler::RemoveRequest(int connectionID)
 }
 
 KZF::CRefCountPtr<CHTTPResponse> CHTTPDefaultHandler::ProcessRequestData(SRequestData &data,
-                                                                         bool isFirstPiece, bool &last,
-                                                                         const struct stat *status,
-                                                                         const KZF::tstring *path)
+                                                                         bool isFirstPiece, bool &last)
 {
     KZF::CRefCountPtr<CHTTPResponse> result;
     if (data.m_size > 0)
         KZF_ASSERT(data.m_offset < data.m_size);
     // Never more than the length measured at the start: a file that grows
-    // meanwhile is cut there, so the announced length stays true.
+    // meanwhile is cut there, so the announced length stays true. (One that
+    // shrinks ends the connection early, when the bytes run out.)
     const int64_t remaining = std::max<int64_t>(data.m_size - data.m_offset, 0);
-    const size_t wanted = static_cast<size_t>(std::min<int64_t>(remaining, c_pieceSize));
-    unsigned char buffer[c_pieceSize];
-    const size_t n = wanted > 0 ? std::fread(buffer, 1, wanted, data.m_pFile) : 0;
-
+    const long piece = static_cast<long>(std::min<int64_t>(remaining, c_pieceSize));
     last = true;
-    if (n > 0) {
-        data.m_offset += static_cast<int64_t>(n);
-        CHTTPResponse *response = newPiece(buffer, n);
+    if (piece > 0) {
+        CHTTPResponse *response = newPiece();
         result = response;
         if (response != nullptr) {
+            if (!response->SetFileData(data.m_pFile, data.m_offset, piece))
+                KZF_ASSERT(false);
+            data.m_offset += piece;
             if (isFirstPiece && data.m_size > c_pieceSize)
                 response->AddHeaderField("Content-Length", KZF::CSysUtils::Int64ToString(data.m_size));
             last = data.m_offset == data.m_size;
             response->SetSendOnlyData(!isFirstPiece);
             response->SetIsLast(last);
-            if (isFirstPiece && last && status != nullptr && path != nullptr)
-                m_fileCache.Put(*path, *status, buffer, n, KZF::time());
         }
     }
-    if (m_interrupted)
-        result = static_cast<CHTTPResponse *>(nullptr);
     return result;
 }
 

@@ -7,7 +7,6 @@
 #include "KZF_Base/Linux/CriticalSection.h"
 #include "KZF_Base/Linux/KzfTypes.h"
 
-#include <atomic>
 #include <cstdint>
 #include <cstdio>
 #include <map>
@@ -24,17 +23,18 @@ namespace NVQ
 // Paths never leave the directory: a decoded path with a ".." segment, a
 // backslash or a NUL byte is refused, whichever escapes spelt it. Links
 // inside the directory are followed.
+//
+// The pieces of a larger file carry a range of the open file rather than a
+// copy, so the connection sends them straight from it (sendfile); the file
+// closes when the transfer ends, also when its connection drops.
 class CHTTPDefaultHandler : public IHTTPRequestHandler, public IHTTPExchangeEndNotification
 {
   public:
     // One transfer under way on one connection.
     struct SRequestData {
-        FILE *m_pFile;    // owned by the entry
-        int64_t m_size;   // measured once, when the request starts
-        int64_t m_offset; // bytes read so far
-        // The stream's buffer when the file takes several pieces (one read
-        // then serves several); owned by the entry, null otherwise.
-        unsigned char *m_pBuffer;
+        CHTTPFileBody *m_pFile; // one reference, held by the entry
+        int64_t m_size;         // measured once, when the request starts
+        int64_t m_offset;       // bytes handed out so far
     };
 
     explicit CHTTPDefaultHandler(const KZF::tstring &directory);
@@ -47,7 +47,8 @@ class CHTTPDefaultHandler : public IHTTPRequestHandler, public IHTTPExchangeEndN
     bool CanProcessUri(const KZF::tstring &uri) override;
     KZF::CRefCountPtr<CHTTPResponse> ProcessRequest(CHTTPRequest &request, int connectionID) override;
     KZF::CRefCountPtr<CHTTPResponse> GetAdditionalResponseData(int connectionID) override;
-    // Ends every transfer under way at its next piece, until the next request.
+    // A connection closed: its exchange ends and OnExchangeEnded closes its
+    // file; transfers of other connections go on.
     bool InterruptProcessing() override;
     // Closes the transfer of an exchange that ended, however it ended.
     void OnExchangeEnded(int connectionID) override;
@@ -66,14 +67,9 @@ class CHTTPDefaultHandler : public IHTTPRequestHandler, public IHTTPExchangeEndN
     // Decodes the URI and maps it with GetBasePath, unless its path would
     // leave the directory.
     bool ResolveBasePath(const KZF::tstring &uri, KZF::tstring &path);
-    // Reads the next piece of a transfer; `last` tells whether the transfer
-    // is over (its stream is then for the caller to close). No lock: the
-    // record belongs to the calling connection's thread. A file read whole
-    // in its first piece is kept in the cache under `path` with the status
-    // its descriptor had.
-    KZF::CRefCountPtr<CHTTPResponse> ProcessRequestData(SRequestData &data, bool isFirstPiece, bool &last,
-                                                        const struct stat *status = nullptr,
-                                                        const KZF::tstring *path = nullptr);
+    // The next piece of a transfer; `last` tells whether the transfer is
+    // over. No lock: the record belongs to the calling connection's thread.
+    KZF::CRefCountPtr<CHTTPResponse> ProcessRequestData(SRequestData &data, bool isFirstPiece, bool &last);
     // The one-piece answer for a file of `size` bytes.
     KZF::CRefCountPtr<CHTTPResponse> MakeCompleteResponse(const unsigned char *data, size_t size);
     // The caller holds m_lock for these two.
@@ -85,7 +81,6 @@ class CHTTPDefaultHandler : public IHTTPRequestHandler, public IHTTPExchangeEndN
     KZF::CCriticalSection m_lock;
     KZF::tstring m_directory;
     std::map<int, SRequestData> m_connDataMap;
-    std::atomic<bool> m_interrupted;
     CHTTPFileCache m_fileCache;
 };
 

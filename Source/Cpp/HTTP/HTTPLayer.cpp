@@ -53,7 +53,7 @@ bool CHTTPLayer::NewConnectionRequested(INVQMultiPointLayer &layer, const INVQCo
     }
     const int connectionID = NextConnectionID();
     KZF::CRefCountPtr<CHTTPConnectionPoint> connectionPoint(
-        new CHTTPConnectionPoint(dataLayer.GetPtr(), this, connectionID));
+        new CHTTPConnectionPoint(*dataLayer.GetPtr(), *this, connectionID));
     bool result = false;
     if (!connectionPoint.IsNull()) {
         KZF::CCriticalSection::CLock lock(m_lock);

@@ -81,14 +81,13 @@ void appendLine(std::string &text, const CHTTPLogHandler::SLogEntry &entry)
 
 } // namespace
 
-CHTTPLogHandler::CHTTPLogHandler() : m_logBuffer(c_maxEntries), m_interrupted(false)
+CHTTPLogHandler::CHTTPLogHandler() : m_logBuffer(c_maxEntries)
 {
     KZF::CLogger::GetInstance().AddOutputDevice(static_cast<KZF::ILogOutputDevice *>(this));
 }
 
 CHTTPLogHandler::~CHTTPLogHandler()
 {
-    m_interrupted.store(true, std::memory_order_relaxed);
     // Waits for deliveries under way: none may reach the ring once it goes.
     KZF::CLogger::GetInstance().RemoveOutputDevice(static_cast<KZF::ILogOutputDevice *>(this));
 }
@@ -100,7 +99,6 @@ bool CHTTPLogHandler::CanProcessUri(const KZF::tstring &uri)
 
 KZF::CRefCountPtr<CHTTPResponse> CHTTPLogHandler::ProcessRequest(CHTTPRequest &request, int connectionID)
 {
-    m_interrupted.store(false, std::memory_order_relaxed);
     if (request.GetMethod() != "GET")
         return KZF::CRefCountPtr<CHTTPResponse>();
 
@@ -133,9 +131,10 @@ KZF::CRefCountPtr<CHTTPResponse> CHTTPLogHandler::GetAdditionalResponseData(int 
 
 bool CHTTPLogHandler::InterruptProcessing()
 {
-    // No lock: this may run while an exchange of this handler holds it. The
-    // notice comes back through Log, which takes the lock itself.
-    m_interrupted.store(true, std::memory_order_relaxed);
+    // It does not say which connection closed; the exchange end notice that
+    // follows does, and drops that answer alone (a flag here would cut every
+    // other client's answer too). No lock: this may run while an exchange of
+    // this handler holds it, and the notice comes back through Log.
     KZF::CLogger::GetInstance().LogMessage(8, __FILE__, __LINE__, "InterruptProcessing",
                                            KZF::CLogger::c_noneObjPtr,
                                            "CHTTPLogHandler : received interrupt!\n");
@@ -312,9 +311,6 @@ KZF::CRefCountPtr<CHTTPResponse> CHTTPLogHandler::ProcessRequestData(int connect
     }
     if (last)
         m_connDataMap.erase(it);
-    // The piece counts as handed out even when it is dropped here.
-    if (m_interrupted.load(std::memory_order_relaxed))
-        return KZF::CRefCountPtr<CHTTPResponse>();
     return result;
 }
 

@@ -8,7 +8,6 @@
 #include "KZF_Utilities/Linux/CircularBuffer.h"
 #include "KZF_Utilities/Linux/Logger.h"
 
-#include <atomic>
 #include <cstddef>
 #include <ctime>
 #include <map>
@@ -60,8 +59,8 @@ class CHTTPLogHandler : public IHTTPRequestHandler,
     bool CanProcessUri(const KZF::tstring &uri) override;
     KZF::CRefCountPtr<CHTTPResponse> ProcessRequest(CHTTPRequest &request, int connectionID) override;
     KZF::CRefCountPtr<CHTTPResponse> GetAdditionalResponseData(int connectionID) override;
-    // Makes the next piece of every pending answer null, until the next
-    // request reaches the handler.
+    // A connection closed: its answer is dropped by OnExchangeEnded; the
+    // answers of other connections go on.
     bool InterruptProcessing() override;
 
     // Both empty the ring.
@@ -86,8 +85,6 @@ class CHTTPLogHandler : public IHTTPRequestHandler,
     KZF::CCriticalSection m_lock; // guards m_logBuffer and m_connDataMap
     KZF::CCircularBuffer<SLogEntry, KZF::CStaticAllocator<SLogEntry, c_maxEntries>> m_logBuffer;
     std::map<int, SRequestData> m_connDataMap;
-    // A plain stop request shared between threads without the lock.
-    std::atomic<bool> m_interrupted;
 };
 
 } // namespace NVQ

@@ -1,7 +1,9 @@
 #include "HTTP/HTTPResponse.h"
 
+#include <cerrno>
 #include <cstring>
 #include <new>
+#include <unistd.h>
 
 namespace
 {
@@ -30,14 +32,68 @@ const char c_keepAliveValue[] = "timeout=5, max=100";
 namespace NVQ
 {
 
+CHTTPFileBody::~CHTTPFileBody()
+{
+    if (m_fd >= 0)
+        ::close(m_fd);
+}
+
 CHTTPResponse::CHTTPResponse()
-    : m_code(0), m_pData(nullptr), m_dataSize(0), m_isLast(false), m_sendOnlyData(false)
+    : m_code(0), m_pData(nullptr), m_dataSize(0), m_isLast(false), m_sendOnlyData(false), m_pFile(nullptr),
+      m_fileOffset(0)
 {
 }
 
 CHTTPResponse::~CHTTPResponse()
 {
     delete[] m_pData;
+    if (m_pFile != nullptr)
+        m_pFile->ReleaseRef();
+}
+
+bool CHTTPResponse::SetFileData(CHTTPFileBody *file, int64_t offset, long size)
+{
+    if (file != nullptr)
+        file->AddRef(); // before the old one goes: it may be the same
+    delete[] m_pData;
+    m_pData = nullptr;
+    m_dataSize = 0;
+    if (m_pFile != nullptr)
+        m_pFile->ReleaseRef();
+    m_pFile = nullptr;
+    m_fileOffset = 0;
+    if (file == nullptr || offset < 0 || size < 0) {
+        if (file != nullptr)
+            file->ReleaseRef();
+        return false;
+    }
+    m_pFile = file;
+    m_fileOffset = offset;
+    m_dataSize = size;
+    return true;
+}
+
+const unsigned char *CHTTPResponse::GetData() const
+{
+    if (m_pData != nullptr || m_pFile == nullptr)
+        return m_pData;
+    unsigned char *data = new (std::nothrow) unsigned char[static_cast<size_t>(m_dataSize) + 1];
+    if (data == nullptr)
+        return nullptr;
+    long done = 0;
+    while (done < m_dataSize) {
+        const ssize_t n = ::pread(m_pFile->GetFd(), data + done, static_cast<size_t>(m_dataSize - done),
+                                  static_cast<off_t>(m_fileOffset + done));
+        if (n < 0 && errno == EINTR)
+            continue;
+        if (n <= 0) {
+            delete[] data;
+            return nullptr;
+        }
+        done += n;
+    }
+    m_pData = data;
+    return m_pData;
 }
 
 bool CHTTPResponse::SetData(const unsigned char *data, long size)
@@ -45,6 +101,11 @@ bool CHTTPResponse::SetData(const unsigned char *data, long size)
     delete[] m_pData;
     m_pData = nullptr;
     m_dataSize = 0;
+    if (m_pFile != nullptr) {
+        m_pFile->ReleaseRef();
+        m_pFile = nullptr;
+        m_fileOffset = 0;
+    }
     if (size < 0 || (size > 0 && data == nullptr))
         return false;
     m_pData = new (std::nothrow) unsigned char[static_cast<size_t>(size)];

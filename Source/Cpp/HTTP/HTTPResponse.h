@@ -5,8 +5,28 @@
 #include "KZF_Base/Linux/KzfTypes.h"
 #include "KZF_Base/Linux/RefCount.h"
 
+#include <cstdint>
+
 namespace NVQ
 {
+
+// An open file whose bytes responses carry without copying them: the pieces
+// of one transfer share it, and the descriptor closes with the last of them
+// (also when a connection drops the pieces still waiting for a slow peer).
+class CHTTPFileBody : public KZF::CRefCount_Base
+{
+  public:
+    // Takes over the descriptor.
+    explicit CHTTPFileBody(int fd) : m_fd(fd) {}
+    ~CHTTPFileBody() override;
+    int GetFd() const { return m_fd; }
+
+  private:
+    CHTTPFileBody(const CHTTPFileBody &) = delete;
+    CHTTPFileBody &operator=(const CHTTPFileBody &) = delete;
+
+    int m_fd;
+};
 
 // What a handler answers: status, optional content type, further header
 // fields and a block of bytes, plus where the record sits in its answer:
@@ -37,8 +57,18 @@ class CHTTPResponse : public KZF::CRefCount_Base
     // may be freed at once. False, with no data left, when size is negative or
     // the memory cannot be had. Size 0 gives an empty, non-null block.
     bool SetData(const unsigned char *data, long size);
-    const unsigned char *GetData() const { return m_pData; }
+    // Replaces the data with `size` bytes of `file` from `offset`, left in the
+    // file: the connection sends them from there (sendfile). GetData reads
+    // them in when someone asks for them in memory. False for a negative
+    // range or no file.
+    bool SetFileData(CHTTPFileBody *file, int64_t offset, long size);
+    // The bytes in memory (read from the file first for file data; null when
+    // that fails or no data was ever set).
+    const unsigned char *GetData() const;
     long GetDataSize() const { return m_dataSize; }
+    // The file of file data, or null; and where its bytes start.
+    CHTTPFileBody *GetFileBody() const { return m_pFile; }
+    int64_t GetFileOffset() const { return m_fileOffset; }
 
     void SetIsLast(bool isLast) { m_isLast = isLast; }
     bool IsLast() const { return m_isLast; }
@@ -61,11 +91,13 @@ class CHTTPResponse : public KZF::CRefCount_Base
     KZF::tstring m_phrase;
     int m_code;
     KZF::tstring m_contentType;
-    unsigned char *m_pData;
+    mutable unsigned char *m_pData; // read in on demand for file data
     long m_dataSize;
     bool m_isLast;
     bool m_sendOnlyData;
     CKeyValueMap m_additionalHeaders;
+    CHTTPFileBody *m_pFile; // one reference, or null
+    int64_t m_fileOffset;
 };
 
 // The complete 404 answer ("Not found") with its fixed HTML page.
