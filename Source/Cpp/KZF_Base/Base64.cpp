@@ -6,7 +6,7 @@ namespace KZF
 namespace
 {
 
-const char c_alphabet[] = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
+constexpr char c_alphabet[] = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
 
 // 0-63 for the alphabet, 64 for '=', 255 for everything else. Built at
 // compile time, so it is ready before any static constructor runs.
