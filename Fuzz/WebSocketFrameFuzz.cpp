@@ -223,6 +223,9 @@ SOutcome run(const uint8_t *d, size_t n, size_t maxFrame, size_t maxMessage, uin
         out.result = parser.Feed(copy.data(), copy.size(), consumed);
         NVQ_FUZZ_CHECK(consumed <= piece && parser.GetBufferSize() <= maxMessage);
         pos += consumed;
+        // Freeing between calls must not lose a message in progress.
+        if ((slicer & 0x200) != 0)
+            parser.ReleaseBuffer();
         if (out.result == CWebSocketFrameParser::eResultMore)
             NVQ_FUZZ_CHECK(consumed == piece);
         else if (out.result == CWebSocketFrameParser::eResultPaused)
