@@ -13,6 +13,7 @@ template <class TDigest> std::string hexOfPieces(const std::string &text, size_t
 {
     TDigest digest;
     digest.Update(text.data(), split);
+    digest.Update(nullptr, 0);
     for (size_t i = split; i < text.size(); i += step)
         digest.Update(text.data() + i, std::min(step, text.size() - i));
     unsigned char out[TDigest::c_digestSize];

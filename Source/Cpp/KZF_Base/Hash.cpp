@@ -183,6 +183,9 @@ template <class TDigest> std::string oneShotHex(const void *data, size_t size)
 
 void CBlockDigest::Update(const void *data, size_t size)
 {
+    // memcpy must not see the null pointer an empty piece may come with.
+    if (size == 0)
+        return;
     const unsigned char *p = static_cast<const unsigned char *>(data);
     m_length += size;
     if (m_used > 0) {
