@@ -31,7 +31,9 @@ bool ListFiles(const std::string &directory, std::vector<std::string> &files)
 int main(int argc, char **argv)
 {
     if (argc < 3) {
-        std::fprintf(stderr, "usage: %s request_parser|url_params|connection_point corpus-dir...\n", argv[0]);
+        std::fprintf(stderr,
+                     "usage: %s request_parser|url_params|connection_point|websocket_frames corpus-dir...\n",
+                     argv[0]);
         return 2;
     }
     int (*target)(const uint8_t *, size_t) = nullptr;
@@ -41,6 +43,8 @@ int main(int argc, char **argv)
         target = FuzzUrlParams;
     else if (std::strcmp(argv[1], "connection_point") == 0)
         target = FuzzConnectionPoint;
+    else if (std::strcmp(argv[1], "websocket_frames") == 0)
+        target = FuzzWebSocketFrames;
     if (target == nullptr) {
         std::fprintf(stderr, "unknown fuzz target %s\n", argv[1]);
         return 2;

@@ -21,6 +21,10 @@ int FuzzUrlParams(const uint8_t *data, size_t size);
 // driven by a script of arrivals, reads and closes.
 int FuzzConnectionPoint(const uint8_t *data, size_t size);
 
+// WebSocket frames from a client. The first byte picks the frame and message
+// limits, the second seeds the slicing and the pauses; the rest is the wire.
+int FuzzWebSocketFrames(const uint8_t *data, size_t size);
+
 #define NVQ_FUZZ_CHECK(condition)                                                                            \
     do {                                                                                                     \
         if (!(condition)) {                                                                                  \
