@@ -6,6 +6,7 @@
 #include <climits>
 #include <cstring>
 #include <new>
+#include <strings.h>
 #include <utility>
 
 namespace
@@ -36,6 +37,12 @@ inline int HexValue(unsigned char ch)
     return -1;
 }
 
+// OWS around list elements: SP and HTAB.
+inline bool IsOptionalBlank(char ch)
+{
+    return ch == ' ' || ch == '\t';
+}
+
 inline bool IsAlwaysDecoded(int b)
 {
     if (b < 31 || b == 127)
@@ -49,7 +56,10 @@ inline bool IsAlwaysDecoded(int b)
 namespace NVQ
 {
 
-CHTTPRequest::CHTTPRequest() : m_bodySize(0), m_pBody(nullptr), m_bodyParamsProcessed(false) {}
+CHTTPRequest::CHTTPRequest()
+    : m_bodySize(0), m_pBody(nullptr), m_bodyParamsProcessed(false), m_httpVersion(0), m_chunked(false)
+{
+}
 
 CHTTPRequest::~CHTTPRequest()
 {
@@ -78,6 +88,41 @@ bool CHTTPRequest::AddHeaderField(const KZF::tstring &name, const KZF::tstring &
     if (!inserted.second)
         inserted.first->second = value;
     return inserted.second;
+}
+
+bool CHTTPRequest::CombineHeaderField(const KZF::tstring &lowerName, const KZF::tstring &value)
+{
+    const std::pair<CKeyValueMap::iterator, bool> inserted = m_headerFields.emplace(lowerName, value);
+    if (!inserted.second) {
+        inserted.first->second.append(", ", 2);
+        inserted.first->second.append(value);
+    }
+    return inserted.second;
+}
+
+bool CHTTPRequest::HasHeaderToken(const KZF::tstring &lowerName, const char *token) const
+{
+    const CKeyValueMap::const_iterator it = m_headerFields.find(lowerName);
+    if (it == m_headerFields.end() || token == nullptr)
+        return false;
+    const KZF::tstring &list = it->second;
+    const size_t tokenLength = std::strlen(token);
+    size_t start = 0;
+    while (start <= list.size()) {
+        size_t end = list.find(',', start);
+        if (end == KZF::tstring::npos)
+            end = list.size();
+        size_t first = start;
+        size_t last = end;
+        while (first < last && IsOptionalBlank(list[first]))
+            ++first;
+        while (last > first && IsOptionalBlank(list[last - 1]))
+            --last;
+        if (last - first == tokenLength && strncasecmp(list.data() + first, token, tokenLength) == 0)
+            return true;
+        start = end + 1;
+    }
+    return false;
 }
 
 bool CHTTPRequest::GetHeaderFieldValueByName(const KZF::tstring &name, KZF::tstring &value) const
