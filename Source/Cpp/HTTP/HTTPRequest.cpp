@@ -103,10 +103,10 @@ bool CHTTPRequest::CombineHeaderField(const KZF::tstring &lowerName, const KZF::
 bool CHTTPRequest::HasHeaderToken(const KZF::tstring &lowerName, const char *token) const
 {
     const CKeyValueMap::const_iterator it = m_headerFields.find(lowerName);
-    if (it == m_headerFields.end() || token == nullptr)
+    const size_t tokenLength = token != nullptr ? std::strlen(token) : 0;
+    if (it == m_headerFields.end() || tokenLength == 0)
         return false;
     const KZF::tstring &list = it->second;
-    const size_t tokenLength = std::strlen(token);
     size_t start = 0;
     while (start <= list.size()) {
         size_t end = list.find(',', start);
