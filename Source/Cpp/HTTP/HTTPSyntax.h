@@ -42,7 +42,7 @@ class CHTTPSyntax
                 if (ch != 0x7F)
                     m_classes[ch] = eClassVisible | eClassValue;
             }
-            m_classes[' '] = m_classes['\t'] = eClassValue | eClassBlank;
+            m_classes[0x20] = m_classes[0x09] = eClassValue | eClassBlank;
             const char extraTokenChars[] = "!#$%&'*+-.^_`|~";
             for (const char *p = extraTokenChars; *p != 0; ++p)
                 m_classes[static_cast<unsigned char>(*p)] |= eClassToken;
