@@ -1,5 +1,6 @@
 #include "HTTP/HTTPRequest.h"
 
+#include "HTTP/HTTPSyntax.h"
 #include "KZF_Utilities/Linux/SysUtils.h"
 
 #include <algorithm>
@@ -35,12 +36,6 @@ inline int HexValue(unsigned char ch)
     if (ch >= 'a' && ch <= 'f')
         return ch - 'a' + 10;
     return -1;
-}
-
-// OWS around list elements: SP and HTAB.
-inline bool IsOptionalBlank(char ch)
-{
-    return ch == ' ' || ch == '\t';
 }
 
 inline bool IsAlwaysDecoded(int b)
@@ -114,9 +109,11 @@ bool CHTTPRequest::HasHeaderToken(const KZF::tstring &lowerName, const char *tok
             end = list.size();
         size_t first = start;
         size_t last = end;
-        while (first < last && IsOptionalBlank(list[first]))
+        while (first < last &&
+               CHTTPSyntax::Is(static_cast<unsigned char>(list[first]), CHTTPSyntax::eClassBlank))
             ++first;
-        while (last > first && IsOptionalBlank(list[last - 1]))
+        while (last > first &&
+               CHTTPSyntax::Is(static_cast<unsigned char>(list[last - 1]), CHTTPSyntax::eClassBlank))
             --last;
         if (last - first == tokenLength && strncasecmp(list.data() + first, token, tokenLength) == 0)
             return true;

@@ -496,11 +496,6 @@ bool CHTTPRequestParser::ProcessRequestBody()
     return true;
 }
 
-} // namespace NVQ
-
-namespace NVQ
-{
-
 // The strict machine. Like the default one it resumes at m_position and
 // takes runs of ordinary bytes in bulk, so every byte is examined once
 // whatever the pieces; unlike it, a request ends exactly at its last byte and
