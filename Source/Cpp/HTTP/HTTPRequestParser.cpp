@@ -647,6 +647,9 @@ void CHTTPRequestParser::ProcessStrictChar(unsigned char ch, int index)
     case eStateStrictFieldName: // field-line = field-name ":" OWS field-value OWS CRLF
         if (ch == ':') {
             KZF::CSysUtils::ToLower(m_token);
+            // Value runs append, so a value left by a refused request must
+            // not lead the next one.
+            m_value.clear();
             m_state = eStateStrictBeforeValue;
         } else if (CHTTPSyntax::Is(ch, CHTTPSyntax::eClassBlank)) {
             error = eErrorBlankBeforeColon;
