@@ -9,8 +9,8 @@ namespace
 
 // 15 hex digits stay below 2^60, so a size is read without overflow checks.
 const int c_maxSizeDigits = 15;
-// A chunk line (size and extensions) is bounded because nothing else bounds it
-// when the body is streamed.
+// A chunk line (size and extensions, before its CR LF) is bounded because
+// nothing else bounds it when the body is streamed.
 const int c_maxChunkLine = 4096;
 const int c_maxTrailerFields = 32;
 const int c_maxTrailerBytes = 8192;
@@ -100,7 +100,7 @@ int CHTTPChunkedDecoder::Decode(const unsigned char *input, size_t length, size_
 
 void CHTTPChunkedDecoder::Step(unsigned char ch)
 {
-    if (m_state <= eStateExtension && ++m_lineLength > c_maxChunkLine) {
+    if (m_state <= eStateExtension && ch != c_CR && ++m_lineLength > c_maxChunkLine) {
         Fail(eErrorExtension);
         return;
     }
