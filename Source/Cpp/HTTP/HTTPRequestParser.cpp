@@ -56,72 +56,6 @@ inline int FindClass(const unsigned char *buffer, int i, int length, unsigned ch
     return i;
 }
 
-// Strict mode. Lower-case names, as the fields are matched after ToLower.
-const char c_lowerContentLength[] = "content-length";
-const char c_transferEncoding[] = "transfer-encoding";
-const char c_host[] = "host";
-const char c_chunked[] = "chunked";
-const char c_httpSlash[] = "HTTP/";
-// RFC 9112 asks to skip at least one empty line before a request line; a few
-// more are tolerated, an endless stream of them is not.
-const int c_maxEmptyLines = 8;
-// HTTP/d.d
-const size_t c_versionLength = 8;
-// 18 decimal digits stay below LONG_MAX, so a length is read without overflow
-// checks.
-const size_t c_maxLengthDigits = 18;
-
-inline int skipClass(const unsigned char *buffer, int i, int length, int classes)
-{
-    while (i < length && NVQ::CHTTPSyntax::Is(buffer[i], classes))
-        ++i;
-    return i;
-}
-
-// One element of a comma-separated list from index i: OWS element OWS, then
-// ',' (more is set) or the end of the list. The element is the run of bytes of
-// the given classes at [start, end). False when it is empty or followed by
-// anything else, so empty elements ("a,,b", "a,") are refused too.
-bool nextListElement(const KZF::tstring &list, size_t &i, size_t &start, size_t &end, int classes, bool &more)
-{
-    const unsigned char *bytes = reinterpret_cast<const unsigned char *>(list.data());
-    const size_t n = list.size();
-    while (i < n && NVQ::CHTTPSyntax::Is(bytes[i], NVQ::CHTTPSyntax::eClassBlank))
-        ++i;
-    start = i;
-    while (i < n && NVQ::CHTTPSyntax::Is(bytes[i], classes))
-        ++i;
-    end = i;
-    while (i < n && NVQ::CHTTPSyntax::Is(bytes[i], NVQ::CHTTPSyntax::eClassBlank))
-        ++i;
-    more = i < n && bytes[i] == ',';
-    if (more)
-        ++i;
-    return end > start && (more || i == n);
-}
-
-int chunkedError(int decoderError)
-{
-    typedef NVQ::CHTTPChunkedDecoder D;
-    typedef NVQ::CHTTPRequestParser P;
-    switch (decoderError) {
-    case D::eErrorSizeOverflow:
-        return P::eErrorChunkSizeOverflow;
-    case D::eErrorExtension:
-        return P::eErrorChunkExtension;
-    case D::eErrorLineEnd:
-        return P::eErrorLineEnd;
-    case D::eErrorDataEnd:
-        return P::eErrorChunkDataEnd;
-    case D::eErrorTrailer:
-        return P::eErrorTrailer;
-    case D::eErrorTooLarge:
-        return P::eErrorBodyTooLarge;
-    default:
-        return P::eErrorChunkSize;
-    }
-}
-
 } // namespace
 
 namespace NVQ
@@ -203,10 +137,15 @@ long CHTTPRequestParser::BodySize() const
 int CHTTPRequestParser::Parse(const unsigned char *buffer, int length, int &consumed)
 {
     m_pBuffer = buffer;
-    if (m_state == eStateError)
-        return eParseError;
-    if (m_strict)
+    // One test per call sends the error state and the strict states (from 17
+    // up) off this path, so the default mode pays nothing for strict mode. A
+    // strict request that is complete takes the path below, which only
+    // reports consumed as its end.
+    if (static_cast<unsigned>(m_state - 1) >= static_cast<unsigned>(eStateBody)) {
+        if (m_state == eStateError)
+            return eParseError;
         return ParseStrict(length, consumed);
+    }
 
     int i = m_position;
     while (i < length && m_state != eStateError && m_state != eStateComplete) {
@@ -495,6 +434,82 @@ bool CHTTPRequestParser::ProcessRequestBody()
         request->SetBody(m_pBuffer + m_bodyStart, request->GetBodySize());
     return true;
 }
+
+} // namespace NVQ
+
+namespace
+{
+
+// Strict mode. Lower-case names, as the fields are matched after ToLower.
+const char c_lowerContentLength[] = "content-length";
+const char c_transferEncoding[] = "transfer-encoding";
+const char c_host[] = "host";
+const char c_chunked[] = "chunked";
+const char c_httpSlash[] = "HTTP/";
+// RFC 9112 asks to skip at least one empty line before a request line; a few
+// more are tolerated, an endless stream of them is not.
+const int c_maxEmptyLines = 8;
+// HTTP/d.d
+const size_t c_versionLength = 8;
+// 18 decimal digits stay below LONG_MAX, so a length is read without overflow
+// checks.
+const size_t c_maxLengthDigits = 18;
+
+inline int skipClass(const unsigned char *buffer, int i, int length, int classes)
+{
+    while (i < length && NVQ::CHTTPSyntax::Is(buffer[i], classes))
+        ++i;
+    return i;
+}
+
+// One element of a comma-separated list from index i: OWS element OWS, then
+// ',' (more is set) or the end of the list. The element is the run of bytes of
+// the given classes at [start, end). False when it is empty or followed by
+// anything else, so empty elements ("a,,b", "a,") are refused too.
+bool nextListElement(const KZF::tstring &list, size_t &i, size_t &start, size_t &end, int classes, bool &more)
+{
+    const unsigned char *bytes = reinterpret_cast<const unsigned char *>(list.data());
+    const size_t n = list.size();
+    while (i < n && NVQ::CHTTPSyntax::Is(bytes[i], NVQ::CHTTPSyntax::eClassBlank))
+        ++i;
+    start = i;
+    while (i < n && NVQ::CHTTPSyntax::Is(bytes[i], classes))
+        ++i;
+    end = i;
+    while (i < n && NVQ::CHTTPSyntax::Is(bytes[i], NVQ::CHTTPSyntax::eClassBlank))
+        ++i;
+    more = i < n && bytes[i] == ',';
+    if (more)
+        ++i;
+    return end > start && (more || i == n);
+}
+
+int chunkedError(int decoderError)
+{
+    typedef NVQ::CHTTPChunkedDecoder D;
+    typedef NVQ::CHTTPRequestParser P;
+    switch (decoderError) {
+    case D::eErrorSizeOverflow:
+        return P::eErrorChunkSizeOverflow;
+    case D::eErrorExtension:
+        return P::eErrorChunkExtension;
+    case D::eErrorLineEnd:
+        return P::eErrorLineEnd;
+    case D::eErrorDataEnd:
+        return P::eErrorChunkDataEnd;
+    case D::eErrorTrailer:
+        return P::eErrorTrailer;
+    case D::eErrorTooLarge:
+        return P::eErrorBodyTooLarge;
+    default:
+        return P::eErrorChunkSize;
+    }
+}
+
+} // namespace
+
+namespace NVQ
+{
 
 // The strict machine. Like the default one it resumes at m_position and
 // takes runs of ordinary bytes in bulk, so every byte is examined once
