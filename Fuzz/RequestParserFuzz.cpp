@@ -1,12 +1,15 @@
 // Feeds arbitrary bytes to the request parser in one call and in random
 // slices on a growing buffer, and checks both against a plain byte-by-byte
-// model of the state machine written separately from the parser.
+// model of the state machine written separately from the parser. Then the
+// same in strict mode, where whole and sliced parsing must agree exactly and a
+// request appended behind a complete one must start at consumed.
 #include "FuzzTargets.h"
 
 #include "HTTP/HTTPRequestParser.h"
 #include "KZF_Utilities/Linux/SysUtils.h"
 
 #include <algorithm>
+#include <climits>
 #include <cstring>
 #include <map>
 #include <memory>
@@ -25,6 +28,8 @@ struct SSnapshot {
     long bodySize = 0;
     bool hasBody = false;
     std::string body;
+    int version = 0;
+    bool chunked = false;
 };
 
 SSnapshot Snapshot(const CHTTPRequestParser &parser)
@@ -40,13 +45,16 @@ SSnapshot Snapshot(const CHTTPRequestParser &parser)
     s.hasBody = request->GetBody() != nullptr;
     if (s.hasBody && s.bodySize > 0)
         s.body.assign(reinterpret_cast<const char *>(request->GetBody()), static_cast<size_t>(s.bodySize));
+    s.version = request->GetHTTPVersion();
+    s.chunked = request->IsChunked();
     return s;
 }
 
 bool SameRequest(const SSnapshot &a, const SSnapshot &b)
 {
     return a.method == b.method && a.uri == b.uri && a.headers == b.headers && a.params == b.params &&
-           a.bodySize == b.bodySize && a.hasBody == b.hasBody && a.body == b.body;
+           a.bodySize == b.bodySize && a.hasBody == b.hasBody && a.body == b.body && a.version == b.version &&
+           a.chunked == b.chunked;
 }
 
 // The state machine exactly as written in its tables, one byte per step, with
@@ -281,6 +289,123 @@ void CheckOutcome(const CHTTPRequestParser &parser, int result, int consumed, in
     }
 }
 
+// One strict parse and everything it reported.
+struct SStrictRun {
+    int result = CHTTPRequestParser::eParseIncomplete;
+    int consumed = -1;
+    int error = 0;
+    int position = 0;
+    int status = 0;
+    SSnapshot request;
+};
+
+const char c_nextRequest[] = "GET /next HTTP/1.1\r\nHost: n\r\n\r\n";
+
+void Finish(const CHTTPRequestParser &parser, SStrictRun &run)
+{
+    run.error = parser.GetLastError(run.position);
+    run.status = parser.GetErrorStatus();
+    run.request = Snapshot(parser);
+}
+
+bool SameRun(const SStrictRun &a, const SStrictRun &b)
+{
+    return a.result == b.result && a.consumed == b.consumed && a.error == b.error &&
+           a.position == b.position && a.status == b.status && SameRequest(a.request, b.request);
+}
+
+SStrictRun StrictWhole(const uint8_t *input, int length, long bound)
+{
+    CHTTPRequestParser parser;
+    parser.SetStrict(true);
+    parser.SetMaxBodySize(bound);
+    std::unique_ptr<uint8_t[]> buffer = ExactCopy(input, length);
+    SStrictRun run;
+    run.result = parser.Parse(buffer.get(), length, run.consumed);
+    Finish(parser, run);
+    // End states are sticky.
+    int again = -7;
+    NVQ_FUZZ_CHECK(parser.Parse(buffer.get(), length, again) == run.result);
+    NVQ_FUZZ_CHECK(again == (run.result == CHTTPRequestParser::eParseError ? -7 : run.consumed));
+    NVQ_FUZZ_CHECK(parser.IsHeaderComplete() == (parser.GetBodyStart() > 0));
+    if (run.result == CHTTPRequestParser::eParseComplete)
+        NVQ_FUZZ_CHECK(parser.IsHeaderComplete() && parser.GetBodyStart() <= run.consumed);
+    return run;
+}
+
+void CheckStrict(const uint8_t *input, int length, SRandom &random)
+{
+    const long bound = random.Next() % 4 == 0 ? static_cast<long>(random.Next() % 256) : LONG_MAX;
+    const SStrictRun whole = StrictWhole(input, length, bound);
+    const SSnapshot &request = whole.request;
+    switch (whole.result) {
+    case CHTTPRequestParser::eParseIncomplete:
+        NVQ_FUZZ_CHECK(whole.consumed == length && whole.error == 0 && whole.status == 0);
+        break;
+    case CHTTPRequestParser::eParseError:
+        NVQ_FUZZ_CHECK(whole.consumed == -1);
+        NVQ_FUZZ_CHECK(whole.error >= CHTTPRequestParser::eErrorRequestLine &&
+                       whole.error <= CHTTPRequestParser::eErrorTrailer);
+        NVQ_FUZZ_CHECK(whole.position > 0 && whole.position <= length);
+        NVQ_FUZZ_CHECK(whole.status == 400 || whole.status == 413 || whole.status == 501 ||
+                       whole.status == 505);
+        break;
+    case CHTTPRequestParser::eParseComplete:
+        NVQ_FUZZ_CHECK(whole.consumed > 0 && whole.consumed <= length && whole.error == 0);
+        NVQ_FUZZ_CHECK(request.version == 10 || request.version == 11);
+        // A body is set exactly when it has bytes, within the bound; one
+        // framed by Content-Length is the last bytes of the request.
+        NVQ_FUZZ_CHECK(request.hasBody == (request.bodySize > 0) && request.bodySize <= bound);
+        NVQ_FUZZ_CHECK(static_cast<long>(request.body.size()) == request.bodySize);
+        if (!request.chunked && request.hasBody)
+            NVQ_FUZZ_CHECK(std::memcmp(request.body.data(), input + whole.consumed - request.bodySize,
+                                       static_cast<size_t>(request.bodySize)) == 0);
+        break;
+    default:
+        NVQ_FUZZ_CHECK(false && "unknown parse result");
+    }
+
+    // Random slices on a buffer that moves on every call give the same run.
+    CHTTPRequestParser sliced;
+    sliced.SetStrict(true);
+    sliced.SetMaxBodySize(bound);
+    SStrictRun run;
+    for (int offered = 0;;) {
+        offered = std::min(length, offered + static_cast<int>(random.Next() % 23));
+        std::unique_ptr<uint8_t[]> piece = ExactCopy(input, offered);
+        run.consumed = -1;
+        run.result = sliced.Parse(piece.get(), offered, run.consumed);
+        if (run.result == CHTTPRequestParser::eParseIncomplete)
+            NVQ_FUZZ_CHECK(run.consumed == offered);
+        if (run.result != CHTTPRequestParser::eParseIncomplete || offered == length)
+            break;
+    }
+    Finish(sliced, run);
+    NVQ_FUZZ_CHECK(SameRun(run, whole));
+
+    if (whole.result != CHTTPRequestParser::eParseComplete)
+        return;
+    // Whatever followed the request was never examined: with the next request
+    // in its place the first ends at the same byte, and after Reset the same
+    // parser finds the next one there.
+    std::string joined(reinterpret_cast<const char *>(input), static_cast<size_t>(whole.consumed));
+    joined += c_nextRequest;
+    const int joinedLength = static_cast<int>(joined.size());
+    std::unique_ptr<uint8_t[]> pipelined =
+        ExactCopy(reinterpret_cast<const uint8_t *>(joined.data()), joinedLength);
+    sliced.Reset();
+    SStrictRun first;
+    first.result = sliced.Parse(pipelined.get(), joinedLength, first.consumed);
+    Finish(sliced, first);
+    NVQ_FUZZ_CHECK(SameRun(first, whole));
+    sliced.Reset();
+    int nextConsumed = -1;
+    NVQ_FUZZ_CHECK(sliced.Parse(pipelined.get() + first.consumed, joinedLength - first.consumed,
+                                nextConsumed) == CHTTPRequestParser::eParseComplete);
+    NVQ_FUZZ_CHECK(nextConsumed == static_cast<int>(sizeof c_nextRequest - 1));
+    NVQ_FUZZ_CHECK(sliced.GetRequest()->GetUri() == "/next");
+}
+
 } // namespace
 
 int FuzzRequestParser(const uint8_t *data, size_t size)
@@ -366,5 +491,7 @@ int FuzzRequestParser(const uint8_t *data, size_t size)
     NVQ_FUZZ_CHECK(sliced.GetRequest().GetPtr() != kept.GetPtr());
     NVQ_FUZZ_CHECK(sliced.GetRequest()->GetHeaderFields().empty());
     NVQ_FUZZ_CHECK(kept->GetMethod() == wholeRequest.method);
+
+    CheckStrict(input, length, random);
     return 0;
 }

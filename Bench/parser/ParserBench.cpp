@@ -32,6 +32,7 @@ const unsigned char *const c_bytes = reinterpret_cast<const unsigned char *>(c_r
 void NvqOneCall(benchmark::State &state)
 {
     NVQ::CHTTPRequestParser parser;
+    parser.SetStrict(state.range(0) != 0);
     for (auto _ : state) {
         parser.Reset();
         int consumed = 0;
@@ -45,6 +46,7 @@ void NvqOneCall(benchmark::State &state)
 void NvqBytePerCall(benchmark::State &state)
 {
     NVQ::CHTTPRequestParser parser;
+    parser.SetStrict(state.range(0) != 0);
     for (auto _ : state) {
         parser.Reset();
         int consumed = 0;
@@ -204,9 +206,10 @@ void HttpParserBuildingRequestOneCall(benchmark::State &state)
 
 } // namespace
 
-BENCHMARK(NvqOneCall);
+// Argument 0: the default mode; 1: strict mode.
+BENCHMARK(NvqOneCall)->Arg(0)->Arg(1);
 BENCHMARK(HttpParserOneCall);
-BENCHMARK(NvqBytePerCall);
+BENCHMARK(NvqBytePerCall)->Arg(0)->Arg(1);
 BENCHMARK(HttpParserBytePerCall);
 BENCHMARK(HttpParserBuildingRequestOneCall);
 

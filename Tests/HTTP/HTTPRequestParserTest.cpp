@@ -239,6 +239,291 @@ TEST(HTTPRequestParserTest, WireCasesParseAlikeWholeSplitAndBytewise)
         ExpectParsesAllWays(c);
 }
 
+// Framing, in the default mode and in strict mode. A reference outcome is
+// the result, the bytes left unexamined at the end, "method URI" and the
+// body; a strict one is the result, the bytes after the end of the request
+// (complete) or after the refused byte (error), the status, the error code
+// and the decoded body.
+struct SOutcome {
+    int result;
+    int tail;
+    int status;
+    int code;
+    const char *line;
+    const char *body;
+};
+
+struct SFramingCase {
+    const char *name;
+    std::string wire;
+    SOutcome reference;
+    SOutcome strict;
+};
+
+SOutcome Ref(int result, int tail, const char *line, const char *body)
+{
+    return {result, tail, 0, 0, line, body};
+}
+SOutcome Ok(int tail, const char *body)
+{
+    return {Complete, tail, 0, 0, nullptr, body};
+}
+SOutcome Bad(int status, int code, int tail)
+{
+    return {Error, tail, status, code, nullptr, NoBody};
+}
+const SOutcome Wait = {Incomplete, 0, 0, 0, nullptr, NoBody};
+
+// Strict rows run with this body bound.
+const long c_maxBody = 64;
+const std::string c_next = "GET /next HTTP/1.1\r\nHost: n\r\n\r\n";
+
+// Feeds wire through the buffer lengths given; end is where the request ends
+// (complete) or the index just past the refused byte (error).
+void FeedFraming(bool strict, const std::string &wire, int end, const SOutcome &o,
+                 const std::vector<int> &lengths)
+{
+    CHTTPRequestParser parser;
+    parser.SetStrict(strict);
+    parser.SetMaxBodySize(c_maxBody);
+    // The default mode completes a size-0 body at the end of a call that stops
+    // right after the header block, without a body, and on the next byte with
+    // an empty one.
+    const bool emptyBodySet = !strict && o.result == Complete && o.body != NoBody && *o.body == 0;
+    bool ended = false;
+    bool early = false;
+    int endConsumed = -1;
+    for (const int length : lengths) {
+        std::unique_ptr<unsigned char[]> buffer = CopyOf(wire, length);
+        int consumed = -1;
+        const int result = parser.Parse(buffer.get(), length, consumed);
+        int expectedResult = Incomplete;
+        int expectedConsumed = length;
+        if (ended || (o.result != Incomplete && length >= end)) {
+            expectedResult = o.result;
+            if (!ended && o.result == Complete)
+                endConsumed = end;
+            expectedConsumed = endConsumed;
+            ended = true;
+        } else if (emptyBodySet && length == end - 1) {
+            expectedResult = Complete;
+            expectedConsumed = endConsumed = length;
+            ended = early = true;
+        }
+        ASSERT_EQ(expectedResult, result) << "buffer length " << length;
+        ASSERT_EQ(expectedConsumed, consumed) << "buffer length " << length;
+    }
+    int position = -1;
+    EXPECT_EQ(o.result == Error ? o.code : 0, parser.GetLastError(position));
+    EXPECT_EQ(o.result == Error ? end : 0, position);
+    EXPECT_EQ(o.result == Error ? o.status : 0, parser.GetErrorStatus());
+    if (o.result != Complete)
+        return;
+    KZF::CRefCountPtr<NVQ::CHTTPRequest> request = parser.GetRequest();
+    if (o.line != nullptr) {
+        EXPECT_EQ(o.line, request->GetMethod() + " " + request->GetUri());
+    }
+    const bool noBody = o.body == NoBody || early;
+    const unsigned char *body = request->GetBody();
+    EXPECT_EQ(noBody, body == nullptr);
+    EXPECT_EQ(noBody ? "" : o.body,
+              std::string(reinterpret_cast<const char *>(body), body ? request->GetBodySize() : 0));
+}
+
+void FrameAllWays(bool strict, const std::string &wire, int end, const SOutcome &o)
+{
+    const int n = static_cast<int>(wire.size());
+    FeedFraming(strict, wire, end, o, {n, n});
+    for (int split = 0; split <= n; ++split) {
+        SCOPED_TRACE("split at " + std::to_string(split));
+        FeedFraming(strict, wire, end, o, {split, n, n});
+    }
+    std::vector<int> growing;
+    for (int length = 0; length <= n; ++length)
+        growing.push_back(length);
+    SCOPED_TRACE("one byte per call");
+    FeedFraming(strict, wire, end, o, growing);
+}
+
+typedef CHTTPRequestParser E; // error codes
+const std::string P = "POST /p HTTP/1.1\r\nHost: h\r\n";
+const std::string TE = P + "Transfer-Encoding: chunked\r\n\r\n";
+const char *const Post = "POST /p";
+
+// clang-format off
+const SFramingCase c_framingCases[] = {
+    // Content-Length.
+    {"CL 5", P + "Content-Length: 5\r\n\r\nhello", Ref(Complete, 0, Post, "hello"), Ok(0, "hello")},
+    {"CL +5", P + "Content-Length: +5\r\n\r\nhello", Ref(Complete, 0, Post, "hello"), Bad(400, E::eErrorContentLength, 7)},
+    {"CL 35abc", P + "Content-Length: 35abc\r\n\r\nhello", Ref(Incomplete, 0, Post, NoBody), Bad(400, E::eErrorContentLength, 7)},
+    {"CL -1", P + "Content-Length: -1\r\n\r\nhello", Ref(Complete, 4, Post, ""), Bad(400, E::eErrorContentLength, 7)},
+    {"CL 0x23", P + "Content-Length: 0x23\r\n\r\nhello", Ref(Complete, 4, Post, ""), Bad(400, E::eErrorContentLength, 7)},
+    {"CL with OWS around", P + "Content-Length: \t 5 \t\r\n\r\nhello", Ref(Complete, 0, Post, "hello"), Ok(0, "hello")},
+    {"CL with a blank inside", P + "Content-Length: 5 5\r\n\r\nhello", Ref(Complete, 0, Post, "hello"), Bad(400, E::eErrorContentLength, 7)},
+    {"CL twice, equal", P + "Content-Length: 5\r\nContent-Length: 5\r\n\r\nhello", Ref(Complete, 0, Post, "hello"), Ok(0, "hello")},
+    {"CL twice, different", P + "Content-Length: 5\r\nContent-Length: 6\r\n\r\nhello!", Ref(Complete, 0, Post, "hello!"), Bad(400, E::eErrorContentLengthMismatch, 8)},
+    {"CL list, equal", P + "Content-Length: 5 ,5\r\n\r\nhello", Ref(Complete, 0, Post, "hello"), Ok(0, "hello")},
+    {"CL list, different", P + "Content-Length: 5,6\r\n\r\nhello", Ref(Complete, 0, Post, "hello"), Bad(400, E::eErrorContentLengthMismatch, 7)},
+    {"CL list, empty element", P + "Content-Length: 5,\r\n\r\nhello", Ref(Complete, 0, Post, "hello"), Bad(400, E::eErrorContentLength, 7)},
+    {"CL huge", P + "Content-Length: 99999999999999999999\r\n\r\nhello", Ref(Incomplete, 0, Post, NoBody), Bad(400, E::eErrorContentLength, 7)},
+    {"CL above the bound", P + "Content-Length: 65\r\n\r\nhello", Ref(Incomplete, 0, Post, NoBody), Bad(413, E::eErrorBodyTooLarge, 5)},
+    {"CL name in any case", P + "content-LENGTH: 5\r\n\r\nhello", Ref(Complete, 4, Post, ""), Ok(0, "hello")},
+    {"CL 0", P + "Content-Length: 0\r\n\r\n", Ref(Complete, 0, Post, NoBody), Ok(0, NoBody)},
+    {"CL body awaited", P + "Content-Length: 5\r\n\r\nhell", Ref(Incomplete, 0, Post, NoBody), Wait},
+    {"no framing: body bytes are the next request", P + "\r\nhello", Ref(Complete, 4, Post, ""), Ok(5, NoBody)},
+
+    // Transfer-Encoding.
+    {"chunked", TE + "5\r\nhello\r\n0\r\n\r\n", Ref(Complete, 14, Post, ""), Ok(0, "hello")},
+    {"chunked with extensions", TE + "5;a=b;c\r\nhello\r\n6 ; d=\"x y\"\r\n world\r\n0;e\r\n\r\n", Ref(Complete, 43, Post, ""), Ok(0, "hello world")},
+    {"chunked with trailers", TE + "5\r\nhello\r\n0\r\nExpires: never\r\nX-Sum:\t1\r\n\r\n", Ref(Complete, 40, Post, ""), Ok(0, "hello")},
+    {"chunk sizes in either case", TE + "A\r\n0123456789\r\nb\r\nabcdefghijk\r\n0\r\n\r\n", Ref(Complete, 35, Post, ""), Ok(0, "0123456789abcdefghijk")},
+    {"CHUNKED", P + "Transfer-Encoding: CHUNKED\r\n\r\n0\r\n\r\n", Ref(Complete, 4, Post, ""), Ok(0, NoBody)},
+    {"chunk data not followed by CR LF", TE + "5\r\nhelloX\r\n0\r\n\r\n", Ref(Complete, 15, Post, ""), Bad(400, E::eErrorChunkDataEnd, 7)},
+    {"chunk data followed by LF", TE + "5\r\nhello\n0\r\n\r\n", Ref(Complete, 13, Post, ""), Bad(400, E::eErrorChunkDataEnd, 5)},
+    {"chunk size of 16 digits", TE + "0000000000000001\r\n", Ref(Complete, 17, Post, ""), Bad(400, E::eErrorChunkSizeOverflow, 2)},
+    {"chunk size above the bound", TE + "41\r\n", Ref(Complete, 3, Post, ""), Bad(413, E::eErrorBodyTooLarge, 2)},
+    {"chunked total above the bound", TE + "20\r\n" + std::string(32, 'x') + "\r\n21\r\n", Ref(Complete, 41, Post, ""), Bad(413, E::eErrorBodyTooLarge, 2)},
+    {"LF-only chunk lines", TE + "5\nhello\n0\n\n", Ref(Complete, 10, Post, ""), Bad(400, E::eErrorLineEnd, 9)},
+    {"chunk line without size", TE + "\r\n0\r\n\r\n", Ref(Complete, 6, Post, ""), Bad(400, E::eErrorChunkSize, 6)},
+    {"control byte in a chunk extension", TE + "5;a\x01\r\nhello\r\n0\r\n\r\n", Ref(Complete, 17, Post, ""), Bad(400, E::eErrorChunkExtension, 14)},
+    {"folded trailer", TE + "0\r\nX: a\r\n b\r\n\r\n", Ref(Complete, 14, Post, ""), Bad(400, E::eErrorTrailer, 5)},
+    {"last chunk awaited", TE + "5\r\nhello\r\n", Ref(Complete, 9, Post, ""), Wait},
+    {"TE with CL", P + "Transfer-Encoding: chunked\r\nContent-Length: 5\r\n\r\nhello", Ref(Complete, 0, Post, "hello"), Bad(400, E::eErrorLengthAndEncoding, 5)},
+    {"TE gzip", P + "Transfer-Encoding: gzip\r\n\r\n", Ref(Complete, 0, Post, NoBody), Bad(400, E::eErrorTransferEncoding, 0)},
+    {"TE gzip, chunked", P + "Transfer-Encoding: gzip, chunked\r\n\r\n0\r\n\r\n", Ref(Complete, 4, Post, ""), Bad(501, E::eErrorUnsupportedCoding, 5)},
+    {"TE gzip then TE chunked", P + "Transfer-Encoding: gzip\r\nTransfer-Encoding: chunked\r\n\r\n", Ref(Complete, 0, Post, NoBody), Bad(501, E::eErrorUnsupportedCoding, 0)},
+    {"TE chunked, chunked", P + "Transfer-Encoding: chunked, chunked\r\n\r\n", Ref(Complete, 0, Post, NoBody), Bad(400, E::eErrorTransferEncoding, 0)},
+    {"TE empty", P + "Transfer-Encoding:\r\n\r\n", Ref(Complete, 0, Post, NoBody), Bad(400, E::eErrorTransferEncoding, 2)},
+    {"TE in HTTP/1.0", "POST /p HTTP/1.0\r\nTransfer-Encoding: chunked\r\n\r\n0\r\n\r\n", Ref(Complete, 4, Post, ""), Bad(400, E::eErrorEncodingInHTTP10, 5)},
+
+    // Request line.
+    {"HTTP/1.0 without fields", "GET / HTTP/1.0\r\n\r\n", Ref(Incomplete, 0, "GET /", NoBody), Ok(0, NoBody)},
+    {"HTTP/1.1 without Host", "GET / HTTP/1.1\r\n\r\n", Ref(Incomplete, 0, "GET /", NoBody), Bad(400, E::eErrorMissingHost, 0)},
+    {"two Host fields", "GET / HTTP/1.1\r\nHost: a\r\nhost: a\r\n\r\n", Ref(Complete, 0, "GET /", NoBody), Bad(400, E::eErrorDuplicateHost, 2)},
+    {"leading empty lines", "\r\n\r\nGET / HTTP/1.0\r\n\r\n", Ref(Incomplete, 0, "\r\n\r\nGET /", NoBody), Ok(0, NoBody)},
+    {"nine leading empty lines", "\r\n\r\n\r\n\r\n\r\n\r\n\r\n\r\n\r\nGET / HTTP/1.0\r\n\r\n", Ref(Incomplete, 0, "GET /", NoBody), Bad(400, E::eErrorEmptyLines, 18)},
+    {"HTTP/1.2 taken as 1.1", "GET / HTTP/1.2\r\nHost: h\r\n\r\n", Ref(Complete, 0, "GET /", NoBody), Ok(0, NoBody)},
+    {"HTTP/2.0", "GET / HTTP/2.0\r\nHost: h\r\n\r\n", Ref(Complete, 0, "GET /", NoBody), Bad(505, E::eErrorVersion, 12)},
+    {"HTTP/0.9", "GET / HTTP/0.9\r\nHost: h\r\n\r\n", Ref(Complete, 0, "GET /", NoBody), Bad(505, E::eErrorVersion, 12)},
+    {"unknown protocol", "GET / HTXP/1.1\r\nHost: h\r\n\r\n", Ref(Complete, 0, "GET /", NoBody), Bad(400, E::eErrorRequestLine, 12)},
+    {"version of three digits", "GET / HTTP/1.10\r\nHost: h\r\n\r\n", Ref(Complete, 0, "GET /", NoBody), Bad(400, E::eErrorRequestLine, 13)},
+    {"two spaces", "GET  / HTTP/1.1\r\nHost: h\r\n\r\n", Ref(Complete, 0, "GET /", NoBody), Bad(400, E::eErrorRequestLine, 23)},
+    {"method not a token", "G(T / HTTP/1.1\r\nHost: h\r\n\r\n", Ref(Complete, 0, "G(T /", NoBody), Bad(400, E::eErrorRequestLine, 25)},
+    {"control byte in the target", "GET /a\x01 HTTP/1.1\r\nHost: h\r\n\r\n", Ref(Complete, 0, "GET /a\x01", NoBody), Bad(400, E::eErrorRequestLine, 22)},
+    {"bare LF after the request line", "GET / HTTP/1.1\nHost: h\r\n\r\n", Ref(Complete, 0, "GET /", NoBody), Bad(400, E::eErrorLineEnd, 11)},
+
+    // Field lines.
+    {"blank before the colon", P + "X : y\r\n\r\n", Ref(Complete, 0, Post, NoBody), Bad(400, E::eErrorBlankBeforeColon, 7)},
+    {"obs-fold", P + "X: a\r\n b\r\n\r\n", Ref(Complete, 0, Post, NoBody), Bad(400, E::eErrorObsFold, 5)},
+    {"bare CR in a value", P + "X: a\rb\r\n\r\n", Ref(Complete, 0, Post, NoBody), Bad(400, E::eErrorLineEnd, 4)},
+    {"NUL in a value", P + "X: a\0b\r\n\r\n"s, Ref(Complete, 0, Post, NoBody), Bad(400, E::eErrorFieldValue, 5)},
+    {"DEL in a value", P + "X: a\x7f" "b\r\n\r\n", Ref(Complete, 0, Post, NoBody), Bad(400, E::eErrorFieldValue, 5)},
+    {"ESC in a value", P + "X: a\x1b" "b\r\n\r\n", Ref(Complete, 0, Post, NoBody), Bad(400, E::eErrorFieldValue, 5)},
+    {"HTAB in a value", P + "X: a\tb\r\n\r\n", Ref(Complete, 0, Post, NoBody), Ok(0, NoBody)},
+    {"LF-only field line", P + "X: a\n\r\n", Ref(Incomplete, 0, Post, NoBody), Bad(400, E::eErrorLineEnd, 2)},
+    {"field line without colon", P + "X\r\n\r\n", Ref(Complete, 0, Post, NoBody), Bad(400, E::eErrorFieldName, 3)},
+    {"field name not a token", P + "X@Y: 1\r\n\r\n", Ref(Complete, 0, Post, NoBody), Bad(400, E::eErrorFieldName, 8)},
+};
+// clang-format on
+
+TEST(HTTPRequestParserTest, FramingInBothModesWholeSplitBytewiseAndPipelined)
+{
+    for (const SFramingCase &c : c_framingCases) {
+        for (const bool strict : {false, true}) {
+            SCOPED_TRACE(std::string(c.name) + (strict ? ", strict" : ", default mode"));
+            const SOutcome &o = strict ? c.strict : c.reference;
+            const int end = static_cast<int>(c.wire.size()) - o.tail;
+            FrameAllWays(strict, c.wire, end, o);
+            if (o.result == Incomplete)
+                continue;
+            // A second request behind it. Strict mode never looks past the
+            // end; the default mode completes a size-0 body on the next byte.
+            SCOPED_TRACE("second request behind");
+            const bool strictEnd = strict && o.result == Complete;
+            const std::string wire =
+                (strictEnd ? c.wire.substr(0, static_cast<size_t>(end)) : c.wire) + c_next;
+            SOutcome behind = o;
+            int behindEnd = end;
+            if (!strict && o.result == Complete && o.body == NoBody) {
+                behind.body = "";
+                ++behindEnd;
+            }
+            FrameAllWays(strict, wire, behindEnd, behind);
+            if (!strictEnd)
+                continue;
+            CHTTPRequestParser parser;
+            parser.SetStrict(true);
+            int consumed = -1;
+            const unsigned char *bytes = reinterpret_cast<const unsigned char *>(wire.data());
+            ASSERT_EQ(Complete, parser.Parse(bytes, static_cast<int>(wire.size()), consumed));
+            parser.Reset();
+            int nextConsumed = -1;
+            ASSERT_EQ(Complete,
+                      parser.Parse(bytes + consumed, static_cast<int>(wire.size()) - consumed, nextConsumed));
+            EXPECT_EQ(static_cast<int>(c_next.size()), nextConsumed);
+            EXPECT_EQ("/next", parser.GetRequest()->GetUri());
+        }
+    }
+}
+
+TEST(HTTPRequestParserTest, StrictRecordsTheRequest)
+{
+    struct SCase {
+        std::string wire;
+        int version;
+        bool chunked;
+        Fields headers;
+    };
+    // clang-format off
+    const SCase cases[] = {
+        {"\r\nPUT /a?x=1 HTTP/1.0\r\nAccept:  a \t\r\nACCEPT: b\r\nX-Empty:\r\nContent-Length: 2\r\n\r\nhi",
+         10, false, {{"accept", "a, b"}, {"x-empty", ""}}},
+        {"PUT /a?x=1 HTTP/1.1\r\nHost: h\r\nTransfer-Encoding: chunked\r\n\r\n2\r\nhi\r\n0\r\n\r\n",
+         11, true, {{"host", "h"}}},
+    };
+    // clang-format on
+    for (const SCase &c : cases) {
+        SCOPED_TRACE(c.wire);
+        CHTTPRequestParser parser;
+        parser.SetStrict(true);
+        EXPECT_TRUE(parser.IsStrict());
+        const int headerEnd = static_cast<int>(c.wire.find("\r\n\r\n")) + 4;
+        int consumed = -1;
+        // The header block alone: complete, the body awaited.
+        ASSERT_EQ(Incomplete,
+                  parser.Parse(reinterpret_cast<const unsigned char *>(c.wire.data()), headerEnd, consumed));
+        EXPECT_TRUE(parser.IsHeaderComplete());
+        EXPECT_EQ(headerEnd, parser.GetBodyStart());
+        ASSERT_EQ(Complete, parser.Parse(reinterpret_cast<const unsigned char *>(c.wire.data()),
+                                         static_cast<int>(c.wire.size()), consumed));
+        const KZF::CRefCountPtr<NVQ::CHTTPRequest> request = parser.GetRequest();
+        EXPECT_EQ("PUT", request->GetMethod());
+        EXPECT_EQ((Fields{{"x", "1"}}), request->GetRequestParams());
+        EXPECT_EQ(c.version, request->GetHTTPVersion());
+        EXPECT_EQ(c.chunked, request->IsChunked());
+        EXPECT_EQ(c.headers, request->GetHeaderFields());
+        EXPECT_EQ(2, request->GetBodySize());
+    }
+}
+
+TEST(HTTPRequestParserTest, StrictModeChangesOnlyBetweenRequests)
+{
+    const std::string wire = "GET / HTTP/2.0\r\n\r\n\r\n";
+    const unsigned char *bytes = reinterpret_cast<const unsigned char *>(wire.data());
+    CHTTPRequestParser parser;
+    int consumed = -1;
+    ASSERT_EQ(Incomplete, parser.Parse(bytes, 5, consumed));
+    parser.SetStrict(true);
+    EXPECT_EQ(Complete, parser.Parse(bytes, static_cast<int>(wire.size()), consumed));
+    EXPECT_EQ(0, parser.GetRequest()->GetHTTPVersion());
+    parser.Reset();
+    EXPECT_EQ(Error, parser.Parse(bytes, static_cast<int>(wire.size()), consumed));
+    EXPECT_EQ(505, parser.GetErrorStatus());
+    parser.SetStrict(false);
+    parser.Reset();
+    EXPECT_EQ(Complete, parser.Parse(bytes, static_cast<int>(wire.size()), consumed));
+}
+
 TEST(HTTPRequestParserTest, QueryParametersComeFromTheUri)
 {
     const std::string wire = "GET /a?x=1&y=%20 HTTP/1.1\r\n\r\n\r\n";

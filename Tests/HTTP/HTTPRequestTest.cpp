@@ -146,6 +146,22 @@ struct SBodyCase {
     Params params;
 };
 
+TEST(HTTPRequestTest, CombinedFieldsAreListsOfTokensInAnyCase)
+{
+    CHTTPRequest request;
+    EXPECT_TRUE(request.CombineHeaderField("connection", "keep-alive"));
+    EXPECT_FALSE(request.CombineHeaderField("connection", " Upgrade ,\tCLOSE,,"));
+    EXPECT_EQ((Params{{"connection", "keep-alive,  Upgrade ,\tCLOSE,,"}}), request.GetHeaderFields());
+    const std::pair<const char *, bool> cases[] = {
+        {"close", true}, {"upgrade", true}, {"keep-alive", true}, {"Keep-Alive", true},
+        {"clos", false}, {"keep", false},   {"alive", false},     {"", false},
+    };
+    for (const auto &c : cases)
+        EXPECT_EQ(c.second, request.HasHeaderToken("connection", c.first)) << c.first;
+    EXPECT_FALSE(request.HasHeaderToken("Connection", "close"));
+    EXPECT_FALSE(request.HasHeaderToken("expect", "100-continue"));
+}
+
 TEST(HTTPRequestTest, FormBodiesAddParametersOnlyForTheBareFormType)
 {
     const char *const form = "application/x-www-form-urlencoded";

@@ -1,11 +1,13 @@
 #include "HTTP/HTTPRequest.h"
 
+#include "HTTP/HTTPSyntax.h"
 #include "KZF_Utilities/Linux/SysUtils.h"
 
 #include <algorithm>
 #include <climits>
 #include <cstring>
 #include <new>
+#include <strings.h>
 #include <utility>
 
 namespace
@@ -49,7 +51,10 @@ inline bool IsAlwaysDecoded(int b)
 namespace NVQ
 {
 
-CHTTPRequest::CHTTPRequest() : m_bodySize(0), m_pBody(nullptr), m_bodyParamsProcessed(false) {}
+CHTTPRequest::CHTTPRequest()
+    : m_bodySize(0), m_pBody(nullptr), m_bodyParamsProcessed(false), m_httpVersion(0), m_chunked(false)
+{
+}
 
 CHTTPRequest::~CHTTPRequest()
 {
@@ -78,6 +83,43 @@ bool CHTTPRequest::AddHeaderField(const KZF::tstring &name, const KZF::tstring &
     if (!inserted.second)
         inserted.first->second = value;
     return inserted.second;
+}
+
+bool CHTTPRequest::CombineHeaderField(const KZF::tstring &lowerName, const KZF::tstring &value)
+{
+    const std::pair<CKeyValueMap::iterator, bool> inserted = m_headerFields.emplace(lowerName, value);
+    if (!inserted.second) {
+        inserted.first->second.append(", ", 2);
+        inserted.first->second.append(value);
+    }
+    return inserted.second;
+}
+
+bool CHTTPRequest::HasHeaderToken(const KZF::tstring &lowerName, const char *token) const
+{
+    const CKeyValueMap::const_iterator it = m_headerFields.find(lowerName);
+    const size_t tokenLength = token != nullptr ? std::strlen(token) : 0;
+    if (it == m_headerFields.end() || tokenLength == 0)
+        return false;
+    const KZF::tstring &list = it->second;
+    size_t start = 0;
+    while (start <= list.size()) {
+        size_t end = list.find(',', start);
+        if (end == KZF::tstring::npos)
+            end = list.size();
+        size_t first = start;
+        size_t last = end;
+        while (first < last &&
+               CHTTPSyntax::Is(static_cast<unsigned char>(list[first]), CHTTPSyntax::eClassBlank))
+            ++first;
+        while (last > first &&
+               CHTTPSyntax::Is(static_cast<unsigned char>(list[last - 1]), CHTTPSyntax::eClassBlank))
+            --last;
+        if (last - first == tokenLength && strncasecmp(list.data() + first, token, tokenLength) == 0)
+            return true;
+        start = end + 1;
+    }
+    return false;
 }
 
 bool CHTTPRequest::GetHeaderFieldValueByName(const KZF::tstring &name, KZF::tstring &value) const

@@ -34,6 +34,14 @@ class CHTTPRequest : public KZF::CRefCount_Base
     bool GetHeaderFieldValueByName(const KZF::tstring &name, KZF::tstring &value) const;
     // All header fields, lower-cased name to value.
     const CKeyValueMap &GetHeaderFields() const { return m_headerFields; }
+    // Adds a field whose name is lower case already; a repeated name gets the
+    // new value appended after ", ", as a list field is combined. True when
+    // the name is new.
+    bool CombineHeaderField(const KZF::tstring &lowerName, const KZF::tstring &value);
+    // True when the field's value, read as a comma-separated list, holds token
+    // as one of its elements (blanks around elements ignored, letters in
+    // either case), e.g. HasHeaderToken("connection", "close").
+    bool HasHeaderToken(const KZF::tstring &lowerName, const char *token) const;
 
     // Exact, case-sensitive look-up of a decoded parameter name.
     bool GetRequestParamByName(const KZF::tstring &name, KZF::tstring &value) const;
@@ -47,6 +55,15 @@ class CHTTPRequest : public KZF::CRefCount_Base
     // Replaces the body with a private copy of size bytes. False, with no body
     // and size 0 left, when size is negative or the memory cannot be had.
     bool SetBody(const unsigned char *data, long size);
+
+    // The version of the request line, 10 (HTTP/1.0) or 11 (any other 1.x);
+    // only the strict parser records it, so 0 means not recorded.
+    void SetHTTPVersion(int version) { m_httpVersion = version; }
+    int GetHTTPVersion() const { return m_httpVersion; }
+    // The body arrived in chunked coding (strict parser only); GetBody holds
+    // it decoded.
+    void SetChunked(bool chunked) { m_chunked = chunked; }
+    bool IsChunked() const { return m_chunked; }
 
     // Rebuilds the parameters from the query part of the URI.
     void ProcessRequestParamsFromUri();
@@ -73,6 +90,8 @@ class CHTTPRequest : public KZF::CRefCount_Base
     CKeyValueMap m_headerFields;
     CKeyValueMap m_requestParams;
     bool m_bodyParamsProcessed;
+    int m_httpVersion;
+    bool m_chunked;
 };
 
 } // namespace NVQ
