@@ -353,6 +353,7 @@ row_note() { # name kind groups status note command
 }
 add_row() { # name kind groups conf cmd
   names+=("$1") kinds+=("$2") groups+=("$3") confs+=("$4") cmds+=("$5")
+  row_note "$1" "$2" "$3" ok "" "$5"
 }
 nvq_help=""
 nvq_prog=""
@@ -372,6 +373,7 @@ while IFS='|' read -r name cmd grp; do
   [ -n "$name" ] || continue
   want "$name" || continue
   if [ -z "$nvq_cmd" ]; then
+    row_note "$name" ours "$grp" skipped "our server is not part of this run" "$cmd"
     continue
   elif [[ "$cmd" == "{nvq}"* ]]; then
     if [ -z "$nvq_help" ]; then
@@ -388,7 +390,7 @@ while IFS='|' read -r name cmd grp; do
       log "skipping $name: $(basename "$nvq_prog") has no ${missing_flags[*]} flag yet"
       continue
     fi
-    add_row "$name" ours "$grp" - "$nvq_cmd ${cmd#"{nvq}"}"
+    add_row "$name" ours "$grp" - "$(trim "$nvq_cmd ${cmd#"{nvq}"}")"
   else
     cmd=${cmd//\{bin\}/$nvq_bin_dir}
     read -r prog _ <<< "$cmd"
@@ -1042,9 +1044,6 @@ phase_wsidle() {
 # The run.
 # ---------------------------------------------------------------------------
 autogroup_nice $$ "$niceness"
-for i in "${!names[@]}"; do
-  row_note "${names[$i]}" "${kinds[$i]}" "${groups[$i]}" ok "" "${cmds[$i]}"
-done
 log "servers: ${names[*]}"
 run_start=$SECONDS
 for phase in "${PHASES[@]}"; do
