@@ -22,6 +22,8 @@
 #   --only A,B         run only these servers (names as in the tables
 #                      below: nvq, nvq-web, nvq-tls, nvq-upload, nvq-ws,
 #                      floor, nginx, h2o, ...)
+#   --phases A,B       run only these phases: small large slow idle https
+#                      tlsidle upload ws wsidle (default: all, in that order)
 #   --idle-conns N     connections for the idle tests (default 10000)
 #   --slow-conns N     slow clients in the slow-reader test (default 1000)
 #   --uploads N        uploads per client per measurement (default 8)
@@ -111,6 +113,10 @@ BASE_PORT=18080
 PHASES=(small large slow idle https tlsidle upload ws wsidle)
 # The slow-reader test's own load, and the WebSocket message sizes.
 SLOW_WRK_CONNS=8
+# A server that keeps each stalled download in memory must not take the
+# shared machine down: the slow clients stop opening once the server's
+# resident memory passes this (a quarter of RAM, at most 2 GiB).
+SLOW_MAX_RSS_MB=$(awk '/MemTotal/ { m = int($2 / 1024 / 4); print (m < 2048 ? m : 2048) }' /proc/meminfo)
 WS_SIZES=(64 16384)
 WS_CONNS=32
 UPLOAD_CLIENTS=4
@@ -128,6 +134,7 @@ profile=""
 nvq_cmd=""
 build_nvq=1
 only=""
+phases=""
 out=""
 install=1
 while [ $# -gt 0 ]; do
@@ -137,6 +144,7 @@ while [ $# -gt 0 ]; do
     --duration) duration=$2; shift 2 ;;
     --quick) duration=3; repeat=${repeat:-1}; small_repeat=${small_repeat:-1}; shift ;;
     --only) only=$2; shift 2 ;;
+    --phases) phases=$2; shift 2 ;;
     --idle-conns) idle_conns=$2; shift 2 ;;
     --slow-conns) slow_conns=$2; shift 2 ;;
     --uploads) uploads=$2; shift 2 ;;
@@ -161,6 +169,9 @@ count_ok "$idle_conns" || { echo "--idle-conns wants a count" >&2; exit 2; }
 count_ok "$slow_conns" || { echo "--slow-conns wants a count" >&2; exit 2; }
 count_ok "$uploads" || { echo "--uploads wants a count" >&2; exit 2; }
 [[ "$quiet_wait" =~ ^[0-9]+$ ]] || { echo "--quiet-wait wants whole seconds" >&2; exit 2; }
+for p in ${phases//,/ }; do
+  [[ " ${PHASES[*]} " == *" $p "* ]] || { echo "--phases: no phase '$p' (${PHASES[*]})" >&2; exit 2; }
+done
 [[ "$niceness" =~ ^-?[0-9]+$ ]] || { echo "--nice wants a number" >&2; exit 2; }
 # Every measured process (servers and clients) runs through this.
 NICE=(nice -n "$niceness")
@@ -323,6 +334,7 @@ cores=$(nproc)
   echo "idle_conns=$idle_conns"
   echo "slow_conns=$slow_conns"
   echo "slow_wrk_conns=$SLOW_WRK_CONNS"
+  echo "slow_max_rss_mb=$SLOW_MAX_RSS_MB"
   echo "upload_clients=$UPLOAD_CLIENTS"
   echo "upload_size=$UPLOAD_SIZE"
   echo "uploads=$uploads"
@@ -921,7 +933,7 @@ phase_slow() {
     pid=$server_pid p=$(port_of "$i" slow) out="$RUN/slow/${names[$i]}"
     log "   ${names[$i]}: $slow_conns slow readers"
     "${NICE[@]}" "$BIN/slow_readers" --port "$p" --conns "$slow_conns" --path /64m.bin --timeout 60 --stall 8 \
-      --hold $((duration + 150)) > "$out.clients.txt" 2> "$out.clients.err" &
+      --hold $((duration + 150)) --pgid "$pid" --max-rss-mb "$SLOW_MAX_RSS_MB" > "$out.clients.txt" 2> "$out.clients.err" &
     sc_pid=$!
     live_pids+=("$sc_pid")
     # Opening stops by itself after 60 s at most (8 s without progress).
@@ -1047,11 +1059,12 @@ autogroup_nice $$ "$niceness"
 log "servers: ${names[*]}"
 run_start=$SECONDS
 for phase in "${PHASES[@]}"; do
+  [ -z "$phases" ] || [[ ",$phases," == *",$phase,"* ]] || continue
   "phase_$phase" || log "the $phase phase ended early"
 done
 echo "run_seconds=$((SECONDS - run_start))" >> "$RUN/machine.txt"
 echo "load_after=$(cut -d' ' -f1-3 /proc/loadavg)" >> "$RUN/machine.txt"
 
 "$REPORT_PY" "$BENCH_DIR/report/report.py" "$RUN"
-log "results: $RUN/results.md ($(( (SECONDS - run_start) / 60 )) min of measuring)"
+log "results: $RUN/results.md ($(( SECONDS - run_start )) s of measuring)"
 [ -f "$RUN/chart.png" ] && log "chart:   $RUN/chart.png"

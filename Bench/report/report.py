@@ -347,10 +347,10 @@ class Run:
             for line in text.splitlines():
                 f = line.split()
                 # % time, seconds, usecs/call, calls, [errors], syscall
-                if len(f) >= 5 and re.fullmatch(r"[\d.]+", f[0]) and f[3].isdigit():
-                    calls[f[-1]] = int(f[3])
-                elif len(f) >= 4 and f[-1] == "total" and f[3].isdigit():
+                if len(f) >= 4 and f[-1] == "total" and f[3].isdigit():
                     total = int(f[3])
+                elif len(f) >= 5 and re.fullmatch(r"[\d.]+", f[0]) and f[3].isdigit():
+                    calls[f[-1]] = int(f[3])
             p["syscalls"] = total if total is not None else (sum(calls.values()) if calls else None)
             p["calls"] = calls
             w = parse_wrk(stem + ".strace-wrk.txt")
@@ -502,8 +502,9 @@ def goals_for(run, server):
         n = run.machine.get("slow_conns", "1000")
         wrk = slow.get("wrk") if slow else None
         p99 = wrk.get("p99") if wrk else None
+        answered = bool(wrk and wrk.get("requests"))
         rows.append((f"1 KiB p99 latency beside {int(n):,} slow readers", f"< {SLOW_P99_SECONDS * 1000:.0f} ms",
-                     fmt_latency(p99) if wrk and "rps" in wrk else "–",
+                     (fmt_latency(p99) if answered else "no request answered") if wrk and "rps" in wrk else "–",
                      None if not wrk or "rps" not in wrk else (p99 is not None and p99 < SLOW_P99_SECONDS)))
         threads = to_num(slow["server"].get("threads"), int) if slow else None
         cap = HANDFUL_THREADS + WORKER_POOL_CAP
@@ -734,10 +735,12 @@ def write_slow(run, w):
         c, srv, wrk = slow["clients"], slow["server"], slow["wrk"] or {}
         notes = []
         held = to_num(c.get("held"), int)
-        if c.get("stop_reason") and c["stop_reason"] != "done":
-            notes.append(f"opening {c['stop_reason']}")
+        if c.get("stop_reason") == "server_memory":
+            notes.append(f"opening stopped: server RSS passed {int(m.get('slow_max_rss_mb', '0')):,} MiB")
+        elif c.get("stop_reason") and c["stop_reason"] != "done":
+            notes.append(f"opening {c['stop_reason']} after {int(c.get('started', '0')):,} clients")
         if to_num(c.get("still_reading"), int):
-            notes.append(f"{int(c['still_reading']):,} never got their first bytes' worth")
+            notes.append(f"{int(c['still_reading']):,} still waiting for their share of the answer")
         if to_num(c.get("closed_by_server"), int):
             notes.append(f"{int(c['closed_by_server']):,} closed by the server")
         if to_num(c.get("connect_errors"), int):

@@ -4,7 +4,8 @@
 // Usage:
 //   slow_readers --port PORT [--host 127.0.0.1] [--conns 1000] [--path /64m.bin]
 //                [--min-read 65536] [--max-read 1048576] [--rcvbuf 65536]
-//                [--window 128] [--timeout 60] [--stall 8] [--hold 600]
+//                [--window 16] [--timeout 60] [--stall 8] [--hold 600]
+//                [--pgid SERVER_PGID --max-rss-mb 4096]
 //
 // Each connection sends one GET, reads between --min-read and --max-read
 // bytes of the answer (spread evenly over the connections, the same on every
@@ -16,12 +17,20 @@
 // first. Then it prints key=value figures, counting how many are still open
 // (a server that drops a stalled client shows up as fewer held), and exits.
 //
+// Some servers hold a whole file in memory per download (cpp-httplib
+// reads each one into a string), so 1,000 stalled 64 MiB downloads could
+// ask for 64 GB of a shared machine. With --pgid, opening stops as soon as
+// the resident memory of the server's process group passes --max-rss-mb
+// (stop_reason=server_memory), and at most --window downloads are started
+// and not yet stalled at once, which bounds the overshoot.
+//
 // A small fixed receive buffer (--rcvbuf) stops the kernel's autotuning from
 // letting each stalled socket soak up megabytes in the client, so what is
 // held is the server's problem, as it would be with a real slow link.
 // One thread and epoll over non-blocking sockets, so 1,000 slow clients cost
 // the machine little.
 #include <arpa/inet.h>
+#include <dirent.h>
 #include <netinet/in.h>
 #include <sys/epoll.h>
 #include <sys/resource.h>
@@ -36,6 +45,8 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <fstream>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -51,11 +62,46 @@ struct Options {
     long min_read = 64 * 1024;
     long max_read = 1024 * 1024;
     int rcvbuf = 64 * 1024;
-    int window = 128;
+    int window = 16;
     double timeout = 60;
     double stall = 8;
     double hold = 600;
+    int pgid = 0;
+    long max_rss_mb = 4096;
 };
+
+// Resident memory, in MiB, of every process in a process group.
+long GroupRssMb(int pgid)
+{
+    long pages = 0;
+    if (DIR *d = opendir("/proc")) {
+        while (dirent *e = readdir(d)) {
+            int pid = std::atoi(e->d_name);
+            if (pid <= 0)
+                continue;
+            std::ifstream stat("/proc/" + std::to_string(pid) + "/stat");
+            std::string line;
+            if (!std::getline(stat, line))
+                continue;
+            // The command name sits in parentheses and may hold spaces.
+            size_t close = line.rfind(')');
+            if (close == std::string::npos)
+                continue;
+            std::istringstream rest(line.substr(close + 1));
+            std::string state;
+            int ppid = 0, pgrp = 0;
+            rest >> state >> ppid >> pgrp;
+            if (pgrp != pgid)
+                continue;
+            std::ifstream statm("/proc/" + std::to_string(pid) + "/statm");
+            long size = 0, resident = 0;
+            if (statm >> size >> resident)
+                pages += resident;
+        }
+        closedir(d);
+    }
+    return pages * (sysconf(_SC_PAGESIZE) / 1024) / 1024;
+}
 
 enum class State { Connecting, Sending, Reading, Held, Closed };
 
@@ -101,6 +147,10 @@ bool ParseArgs(int argc, char **argv, Options &o)
             o.stall = std::atof(v);
         else if (a == "--hold")
             o.hold = std::atof(v);
+        else if (a == "--pgid")
+            o.pgid = std::atoi(v);
+        else if (a == "--max-rss-mb")
+            o.max_rss_mb = std::atol(v);
         else
             return false;
     }
@@ -140,7 +190,15 @@ public:
         Clock::time_point start = Clock::now();
         last_progress_ = start;
         std::vector<epoll_event> events(1024);
+        Clock::time_point last_rss_check = start;
         for (;;) {
+            if (opt_.pgid > 0 && Seconds(Clock::now() - last_rss_check) > 0.2) {
+                last_rss_check = Clock::now();
+                if (GroupRssMb(opt_.pgid) > opt_.max_rss_mb) {
+                    stop_reason_ = "server_memory";
+                    break;
+                }
+            }
             while (in_flight_ < opt_.window && next_ < opt_.conns)
                 Start(next_++);
             if (next_ >= opt_.conns && in_flight_ == 0) {
@@ -330,8 +388,8 @@ int main(int argc, char **argv)
     if (!ParseArgs(argc, argv, opt)) {
         std::fprintf(stderr,
                      "usage: %s --port PORT [--host 127.0.0.1] [--conns 1000] [--path /64m.bin] "
-                     "[--min-read 65536] [--max-read 1048576] [--rcvbuf 65536] [--window 128] "
-                     "[--timeout 60] [--stall 8] [--hold 600]\n",
+                     "[--min-read 65536] [--max-read 1048576] [--rcvbuf 65536] [--window 16] "
+                     "[--timeout 60] [--stall 8] [--hold 600] [--pgid PGID --max-rss-mb 4096]\n",
                      argv[0]);
         return 2;
     }
