@@ -402,7 +402,7 @@ while IFS='|' read -r name cmd grp; do
       log "skipping $name: $(basename "$nvq_prog") has no ${missing_flags[*]} flag yet"
       continue
     fi
-    add_row "$name" ours "$grp" - "$(trim "$nvq_cmd ${cmd#"{nvq}"}")"
+    add_row "$name" ours "$grp" - "$(trim "$nvq_cmd")${cmd#"{nvq}"}"
   else
     cmd=${cmd//\{bin\}/$nvq_bin_dir}
     read -r prog _ <<< "$cmd"
@@ -681,10 +681,12 @@ now() { date +%s.%N; }
 wait_quiet() { # seconds
   local deadline=$((SECONDS + $1)) b0 b1 busy
   while :; do
+    # Half a second is enough to see a build; a full second before each of
+    # the ~200 measurements would add minutes to the run.
     b0=$(cpu_busy)
-    sleep 1
+    sleep 0.5
     b1=$(cpu_busy)
-    busy=$(awk -v d=$((b1 - b0)) -v hz="$HZ" 'BEGIN { printf "%.2f", d / hz }')
+    busy=$(awk -v d=$((b1 - b0)) -v hz="$HZ" 'BEGIN { printf "%.2f", 2 * d / hz }')
     if awk -v b="$busy" 'BEGIN { exit !(b < 0.25) }'; then
       return 0
     fi

@@ -634,18 +634,19 @@ def write_goals(run, w):
 
 
 def write_summary(run, w):
+    scenarios = [sc for sc in run.scenarios if any(k[1] == sc["id"] for k in run.results)]
     w("## Summary")
     w("")
     w("Requests per second (MB/s for 64 MiB, handshakes per second for the HTTPS new-connection scenario); "
       "the best peer per column is in bold. A dash: the server does not take part in that scenario.")
     w("")
-    w("| Server | " + " | ".join(s["label"] for s in run.scenarios) + " |")
-    w("|---|" + "---:|" * len(run.scenarios))
-    bests = {scen["id"]: run.fastest_peer(run.scen_values(scen["id"])) for scen in run.scenarios}
-    in_table = {n for scen in run.scenarios for n in run.phase_servers(scen["phase"])}
+    w("| Server | " + " | ".join(s["label"] for s in scenarios) + " |")
+    w("|---|" + "---:|" * len(scenarios))
+    bests = {scen["id"]: run.fastest_peer(run.scen_values(scen["id"])) for scen in scenarios}
+    in_table = {n for scen in scenarios for n in run.phase_servers(scen["phase"])}
     for s in run.ordered(None, in_table):
         cells = []
-        for scen in run.scenarios:
+        for scen in scenarios:
             v = run.metric(s["name"], scen["id"])
             text = (fmt_mbps(v) if scen["id"] in THROUGHPUT_SCENARIOS else fmt_int(v)) if v is not None else "–"
             best = bests[scen["id"]]
@@ -660,7 +661,7 @@ def write_wrk_table(run, w, scen):
     m = run.machine
     sid = scen["id"]
     names = run.phase_servers(scen["phase"])
-    if not names:
+    if not any((n, sid) in run.results for n in names):
         return
     w("")
     w(f"### {scen['label']}")
@@ -708,7 +709,7 @@ def write_wrk_table(run, w, scen):
 def write_slow(run, w):
     m = run.machine
     names = run.phase_servers("slow")
-    if not names:
+    if not any(run.slow.get(x) for x in names):
         return
     n = int(m.get("slow_conns", "1000"))
     w("")
@@ -760,7 +761,7 @@ def write_slow(run, w):
 def write_idle(run, w, mode, title):
     phase = {"plain": "idle", "tls": "tlsidle", "ws": "wsidle"}[mode]
     names = run.phase_servers(phase)
-    if not names:
+    if not any((n, mode) in run.idle for n in names):
         return
     w("")
     w(f"### {title}")
@@ -784,7 +785,7 @@ def write_idle(run, w, mode, title):
 def write_upload(run, w):
     m = run.machine
     names = run.phase_servers("upload")
-    if not names:
+    if not any(run.upload.get(x) for x in names):
         return
     clients = int(m.get("upload_clients", "4"))
     size = int(m.get("upload_size", str(64 << 20)))
@@ -824,7 +825,7 @@ def write_upload(run, w):
 def write_ws(run, w):
     m = run.machine
     names = run.phase_servers("ws")
-    if not names:
+    if not any(k[0] in names for k in run.ws):
         return
     for size in run.ws_sizes():
         w("")
@@ -969,6 +970,8 @@ def write_chart(run):
         if names:
             vals = {n: (run.ws.get((n, size)) or {}).get("mps") for n in names}
             panels.append((f"WebSocket echo, {fmt_bytes(size)}", "messages/s", vals, {}, None, {}))
+    # A phase left out of this run (--phases) has nothing to draw.
+    panels = [p for p in panels if any(v is not None for v in p[2].values())]
     if not panels:
         return False
     cols = 3
@@ -1000,6 +1003,8 @@ def write_chart(run):
             ax.axhline(line, color="#d62728", linestyle="--", linewidth=0.8)
         ax.set_title(title, fontsize=10)
         ax.set_ylabel(unit, fontsize=8)
+        # Panels with few servers keep the bars as narrow as in the others.
+        ax.set_xlim(-0.6, max(len(servers), 4) - 0.4)
         ax.set_xticks(range(len(servers)))
         ax.set_xticklabels(labels, rotation=30, ha="right", fontsize=8)
         ax.tick_params(axis="y", labelsize=7)
@@ -1009,7 +1014,7 @@ def write_chart(run):
     fig.suptitle(f"HTTP servers on {run.machine.get('cores', '?')} cores, wrk -t{run.machine.get('wrk_threads', 2)}, "
                  f"{run.machine.get('duration', '?')} s per measurement, medians (whiskers: slowest to fastest run)",
                  fontsize=11)
-    fig.tight_layout()
+    fig.tight_layout(rect=(0, 0, 1, 1 - 0.4 / (3.8 * rows)))
     fig.savefig(os.path.join(run.dir, "chart.png"), dpi=110)
     plt.close(fig)
     return True
