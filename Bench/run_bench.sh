@@ -4,7 +4,7 @@
 # and WebSocket peer programs and a floor server), all on loopback ports,
 # measured with wrk and our own clients.
 #
-#   Bench/run_bench.sh                 everything (about 26 minutes today)
+#   Bench/run_bench.sh                 everything (about 25 minutes today)
 #   Bench/run_bench.sh --quick         every scenario once, 3 s each
 #
 # Our demo server nvq-httpd is built first (Release, in build/bench-nvq).
