@@ -398,8 +398,10 @@ while IFS='|' read -r name cmd grp; do
       grep -qE -- "(^|[^[:alnum:]-])$word([^[:alnum:]-]|\$)" <<< "$nvq_help" || missing_flags+=("$word")
     done
     if [ ${#missing_flags[@]} -gt 0 ]; then
-      row_note "$name" ours "$grp" skipped "$(basename "$nvq_prog") has no ${missing_flags[*]} flag yet" "$cmd"
-      log "skipping $name: $(basename "$nvq_prog") has no ${missing_flags[*]} flag yet"
+      why="$(basename "$nvq_prog") has no ${missing_flags[*]} flag"
+      [ ${#missing_flags[@]} -gt 1 ] && why+=s
+      row_note "$name" ours "$grp" skipped "$why yet" "$cmd"
+      log "skipping $name: $why yet"
       continue
     fi
     add_row "$name" ours "$grp" - "$(trim "$nvq_cmd")${cmd#"{nvq}"}"
