@@ -92,7 +92,8 @@ static enum MHD_Result answer(void *cls, struct MHD_Connection *conn, const char
                               up->failed ? g_failed : g_created);
 }
 
-static void completed(void *cls, struct MHD_Connection *conn, void **req_cls, enum MHD_RequestTerminationCode toe)
+static void completed(void *cls, struct MHD_Connection *conn, void **req_cls,
+                      enum MHD_RequestTerminationCode toe)
 {
     (void)cls;
     (void)conn;
@@ -140,17 +141,17 @@ int main(int argc, char **argv)
     addr.sin_port = htons((uint16_t)port);
     addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
     struct MHD_Daemon *d = MHD_start_daemon(
-        MHD_USE_EPOLL_INTERNAL_THREAD | MHD_USE_TURBO | MHD_USE_ERROR_LOG, (uint16_t)port, NULL, NULL, &answer,
-        NULL, MHD_OPTION_SOCK_ADDR, (struct sockaddr *)&addr, MHD_OPTION_THREAD_POOL_SIZE, threads,
+        MHD_USE_EPOLL_INTERNAL_THREAD | MHD_USE_TURBO | MHD_USE_ERROR_LOG, (uint16_t)port, NULL, NULL,
+        &answer, NULL, MHD_OPTION_SOCK_ADDR, (struct sockaddr *)&addr, MHD_OPTION_THREAD_POOL_SIZE, threads,
         MHD_OPTION_NOTIFY_COMPLETED, &completed, NULL, MHD_OPTION_CONNECTION_MEMORY_LIMIT, (size_t)256 * 1024,
-        MHD_OPTION_CONNECTION_LIMIT, 100000u, MHD_OPTION_CONNECTION_TIMEOUT, 60u, MHD_OPTION_LISTEN_BACKLOG_SIZE,
-        4096u, MHD_OPTION_END);
+        MHD_OPTION_CONNECTION_LIMIT, 100000u, MHD_OPTION_CONNECTION_TIMEOUT, 60u,
+        MHD_OPTION_LISTEN_BACKLOG_SIZE, 4096u, MHD_OPTION_END);
     if (d == NULL) {
         fprintf(stderr, "mhd_upload: MHD_start_daemon failed on port %d\n", port);
         return 1;
     }
-    fprintf(stderr, "mhd_upload: storing POST /upload bodies in %s on 127.0.0.1:%d with %u threads\n", g_dir, port,
-            threads);
+    fprintf(stderr, "mhd_upload: storing POST /upload bodies in %s on 127.0.0.1:%d with %u threads\n", g_dir,
+            port, threads);
     for (;;)
         pause();
 }

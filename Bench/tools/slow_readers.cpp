@@ -50,7 +50,8 @@
 #include <string>
 #include <vector>
 
-namespace {
+namespace
+{
 
 using Clock = std::chrono::steady_clock;
 
@@ -157,8 +158,9 @@ bool ParseArgs(int argc, char **argv, Options &o)
     return o.port > 0 && o.conns > 0 && o.window > 0 && o.min_read > 0 && o.max_read >= o.min_read;
 }
 
-class Client {
-public:
+class Client
+{
+  public:
     explicit Client(const Options &o) : opt_(o), conns_(static_cast<size_t>(o.conns))
     {
         request_ = "GET " + o.path + " HTTP/1.1\r\nHost: " + o.host + ":" + std::to_string(o.port) +
@@ -255,7 +257,8 @@ public:
 
     int Count(State s) const
     {
-        return static_cast<int>(std::count_if(conns_.begin(), conns_.end(), [s](const Conn &c) { return c.fd >= 0 && c.state == s; }));
+        return static_cast<int>(std::count_if(conns_.begin(), conns_.end(),
+                                              [s](const Conn &c) { return c.fd >= 0 && c.state == s; }));
     }
     int Started() const { return next_; }
     int ConnectErrors() const { return connect_errors_; }
@@ -264,7 +267,7 @@ public:
     const char *StopReason() const { return stop_reason_; }
     double OpenSeconds() const { return open_seconds_; }
 
-private:
+  private:
     static constexpr uint64_t c_signal_tag = ~0ULL;
 
     void Start(int idx)

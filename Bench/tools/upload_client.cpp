@@ -34,7 +34,8 @@
 #include <thread>
 #include <vector>
 
-namespace {
+namespace
+{
 
 using Clock = std::chrono::steady_clock;
 
@@ -110,7 +111,8 @@ std::string UploadOnce(const Options &o, const sockaddr_in &addr, const std::str
     }
     std::string head = o.method + " " + path + " HTTP/1.1\r\nHost: " + o.host + ":" + std::to_string(o.port) +
                        "\r\nUser-Agent: upload_client\r\nContent-Type: application/octet-stream\r\n"
-                       "Content-Length: " + std::to_string(o.size) + "\r\nConnection: close\r\n\r\n";
+                       "Content-Length: " +
+                       std::to_string(o.size) + "\r\nConnection: close\r\n\r\n";
     bool ok = send(fd, head.data(), head.size(), MSG_NOSIGNAL) == static_cast<ssize_t>(head.size());
     long long left = o.size;
     while (ok && left > 0) {

@@ -45,7 +45,8 @@
 #include <thread>
 #include <vector>
 
-namespace {
+namespace
+{
 
 using Clock = std::chrono::steady_clock;
 
@@ -120,8 +121,8 @@ struct Conn {
     int fd = -1;
     State state = State::Connecting;
     size_t sent = 0;
-    std::string in;       // received bytes not yet consumed
-    size_t payload = 0;   // payload bytes of the current message received so far
+    std::string in;     // received bytes not yet consumed
+    size_t payload = 0; // payload bytes of the current message received so far
     Clock::time_point sent_at;
 };
 
@@ -143,8 +144,9 @@ struct Shared {
     }
 };
 
-class Worker {
-public:
+class Worker
+{
+  public:
     Worker(const Options &o, const std::string &frame, int first, int count, Shared &shared)
         : opt_(o), frame_(frame), conns_(static_cast<size_t>(count)), shared_(shared)
     {
@@ -168,7 +170,8 @@ public:
             c.fd = socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
             int one = 1;
             setsockopt(c.fd, IPPROTO_TCP, TCP_NODELAY, &one, sizeof one);
-            if (connect(c.fd, reinterpret_cast<const sockaddr *>(&addr), sizeof addr) != 0 && errno != EINPROGRESS) {
+            if (connect(c.fd, reinterpret_cast<const sockaddr *>(&addr), sizeof addr) != 0 &&
+                errno != EINPROGRESS) {
                 Kill(c, std::string("connect: ") + std::strerror(errno));
                 continue;
             }
@@ -183,7 +186,8 @@ public:
         while (Clock::now() < to_) {
             int n = epoll_wait(ep_, events.data(), static_cast<int>(events.size()), 50);
             for (int i = 0; i < n; ++i)
-                Handle(conns_[events[static_cast<size_t>(i)].data.u64], events[static_cast<size_t>(i)].events);
+                Handle(conns_[events[static_cast<size_t>(i)].data.u64],
+                       events[static_cast<size_t>(i)].events);
             Clock::time_point now = Clock::now();
             if (now - last_check > std::chrono::milliseconds(200)) {
                 last_check = now;
@@ -205,7 +209,7 @@ public:
         shared_.latencies_us.insert(shared_.latencies_us.end(), latencies_.begin(), latencies_.end());
     }
 
-private:
+  private:
     void Kill(Conn &c, const std::string &why)
     {
         if (!why.empty())
@@ -361,14 +365,16 @@ private:
             if (!fin)
                 continue;
             if (c.state != State::Waiting || c.payload != opt_.size) {
-                Kill(c, "echo of " + std::to_string(c.payload) + " bytes, expected " + std::to_string(opt_.size));
+                Kill(c, "echo of " + std::to_string(c.payload) + " bytes, expected " +
+                            std::to_string(opt_.size));
                 return false;
             }
             Clock::time_point now = Clock::now();
             if (now >= from_ && now < to_) {
                 ++messages_;
-                latencies_.push_back(static_cast<uint32_t>(
-                    std::min<long long>(UINT32_MAX, std::chrono::duration_cast<std::chrono::microseconds>(now - c.sent_at).count())));
+                latencies_.push_back(static_cast<uint32_t>(std::min<long long>(
+                    UINT32_MAX,
+                    std::chrono::duration_cast<std::chrono::microseconds>(now - c.sent_at).count())));
             }
             StartMessage(c);
             if (c.state == State::Dead)
@@ -430,7 +436,11 @@ int main(int argc, char **argv)
 
     std::vector<uint32_t> &lat = shared.latencies_us;
     std::sort(lat.begin(), lat.end());
-    auto pct = [&lat](double q) { return lat.empty() ? 0u : lat[std::min(lat.size() - 1, static_cast<size_t>(q * static_cast<double>(lat.size())))]; };
+    auto pct = [&lat](double q) {
+        return lat.empty()
+                   ? 0u
+                   : lat[std::min(lat.size() - 1, static_cast<size_t>(q * static_cast<double>(lat.size())))];
+    };
     std::printf("conns=%d\n", o.conns);
     std::printf("size=%zu\n", o.size);
     std::printf("ready=%d\n", shared.ready.load());
