@@ -1013,8 +1013,9 @@ phase_upload() {
     for r in $(seq "$repeat"); do
       out="$RUN/upload/${names[$i]}.r$r.txt"
       log "   ${names[$i]}: upload, run $r of $repeat"
+      # Deleted files take their unwritten pages with them, so the next run
+      # does not pay for this one's writeback.
       rm -f "$RUN/servers/${names[$i]}/uploads/"* 2>/dev/null || true
-      sync
       wait_quiet "$scenario_wait" || true
       for st in $(pgrep -g "$pid"); do echo 5 > "/proc/$st/clear_refs" 2>/dev/null || true; done
       read -r _ rss0 hwm0 _ <<< "$(group_status "$pid")"
