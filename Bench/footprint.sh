@@ -48,8 +48,9 @@ for argument in "$@"; do
     *) echo "usage: $0 [--update-results] [--no-install]" >&2; exit 2 ;;
   esac
 done
-[ $install -eq 1 ] && scripts/ensure_packages.sh cmake ninja-build g++ g++-arm-linux-gnueabihf \
-  g++-aarch64-linux-gnu python3
+if [ $install -eq 1 ]; then
+  scripts/ensure_packages.sh cmake ninja-build g++ g++-arm-linux-gnueabihf g++-aarch64-linux-gnu python3
+fi
 
 declare -A TRIPLE=([x86-64]="" [armhf]=arm-linux-gnueabihf [aarch64]=aarch64-linux-gnu)
 ARCHES=(x86-64 armhf aarch64)
