@@ -201,9 +201,11 @@ report=$out/FOOTPRINT.md
   echo
   echo "Measured $(date -u +%Y-%m-%dT%H:%M:%SZ) by \`Bench/footprint.sh\` at $(git rev-parse --short HEAD)," \
     "with $(g++ --version | head -1), $(arm-linux-gnueabihf-g++ --version | head -1) and" \
-    "$(aarch64-linux-gnu-g++ --version | head -1). Every build: $(printf '`%s` ' "${OPTIONS[@]}");" \
+    "$(aarch64-linux-gnu-g++ --version | head -1). Every build: $(printf '`%s` ' "${OPTIONS[@]}" | sed 's/ $//');" \
     "static libraries unless marked shared. Sizes are of stripped files (\`strip --strip-unneeded\`);" \
-    "archives count the text of their members (\`size -t\`)."
+    "archives count the text of their members (\`size -t\`). The aarch64 files are larger mostly by" \
+    "padding: GNU ld aligns aarch64 segments for 64 KiB pages (\`-Wl,-z,max-page-size=4096\`" \
+    "removes it where the kernel uses 4 KiB pages)."
   echo
   echo "| What | x86-64 | armhf | aarch64 |"
   echo "|---|---:|---:|---:|"
