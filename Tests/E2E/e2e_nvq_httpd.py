@@ -1,8 +1,10 @@
 #!/usr/bin/env python3
 """End-to-end tests of the demo server with real clients.
 
-Usage: e2e_nvq_httpd.py NVQ_HTTPD SITE_DIR GROUP
-GROUP is one of: curl, http_client, chromium, sigterm.
+Usage: e2e_nvq_httpd.py NVQ_HTTPD SITE_DIR GROUP [EMULATOR [ARG...]]
+GROUP is one of: curl, http_client, chromium, sigterm. A cross-compiled
+NVQ_HTTPD is started through EMULATOR (with its arguments); the clients run
+natively.
 Exit status 0 passed, 1 failed, 77 skipped (ctest's SKIP_RETURN_CODE).
 """
 
@@ -21,6 +23,7 @@ import unittest
 
 SKIPPED = 77
 NVQ_HTTPD = SITE_DIR = None
+EMULATOR = []
 
 
 class Server:
@@ -33,7 +36,7 @@ class Server:
             with open(os.path.join(self.root, name), "wb") as f:
                 f.write(data)
         self.process = subprocess.Popen(
-            [NVQ_HTTPD, "--port", "0", "--root", self.root, "--log-level", "4"],
+            EMULATOR + [NVQ_HTTPD, "--port", "0", "--root", self.root, "--log-level", "4"],
             stderr=subprocess.PIPE, text=True)
         self.port = None
         deadline = time.time() + 10
@@ -189,14 +192,14 @@ class SigtermTest(unittest.TestCase):
         client.close()
 
     def test_bad_flag_and_port_in_use_fail_in_one_line(self):
-        result = subprocess.run([NVQ_HTTPD, "--bogus"], capture_output=True, text=True, timeout=10)
+        result = subprocess.run(EMULATOR + [NVQ_HTTPD, "--bogus"], capture_output=True, text=True, timeout=10)
         self.assertNotEqual(0, result.returncode)
         self.assertIn("unknown flag", result.stderr.splitlines()[0])
         taken = socket.socket()
         taken.bind(("0.0.0.0", 0))
         taken.listen()
         port = taken.getsockname()[1]
-        result = subprocess.run([NVQ_HTTPD, "--port", str(port), "--root", SITE_DIR], capture_output=True,
+        result = subprocess.run(EMULATOR + [NVQ_HTTPD, "--port", str(port), "--root", SITE_DIR], capture_output=True,
                                 text=True, timeout=10)
         taken.close()
         self.assertNotEqual(0, result.returncode)
@@ -208,11 +211,12 @@ GROUPS = {"curl": CurlTest, "http_client": HttpClientTest, "chromium": ChromiumT
 
 
 def main():
-    global NVQ_HTTPD, SITE_DIR
-    if len(sys.argv) != 4 or sys.argv[3] not in GROUPS:
+    global NVQ_HTTPD, SITE_DIR, EMULATOR
+    if len(sys.argv) < 4 or sys.argv[3] not in GROUPS:
         print(__doc__, file=sys.stderr)
         return 2
     NVQ_HTTPD, SITE_DIR, group = sys.argv[1], sys.argv[2], sys.argv[3]
+    EMULATOR = sys.argv[4:]
     if group == "curl" and not shutil.which("curl"):
         print("SKIPPED: curl is not installed")
         return SKIPPED

@@ -7,7 +7,11 @@
 #include <gtest/gtest.h>
 
 #include <chrono>
+#include <cstdint>
+#include <cstdlib>
+#include <cstring>
 #include <dirent.h>
+#include <fcntl.h>
 #include <fstream>
 #include <functional>
 #include <random>
@@ -441,6 +445,59 @@ TEST_F(DefaultHandlerServerTest, ClientsLeavingNeverHarmAnother)
     ASSERT_EQ(head.size() + size, received.size());
     EXPECT_EQ(head, received.substr(0, head.size()));
     EXPECT_EQ(std::string::npos, received.find_first_not_of('\0', head.size()));
+}
+
+// Sizes and offsets past 4 GiB wrap in a 32-bit off_t, long or size_t: a
+// sparse file of 4 GiB + 3 bytes, with markers on both sides of the 4 GiB
+// mark and at its end, must arrive whole with its exact length, checked as
+// it arrives. That takes about a minute under emulation and still several
+// seconds natively, so where long has 64 bits only the length and the first
+// bytes are checked, unless NVQ_TEST_WHOLE_LARGE_FILE is set.
+TEST_F(DefaultHandlerServerTest, SparseFileBeyondFourGiBArrivesExactly)
+{
+    const int64_t fourGiB = int64_t{1} << 32;
+    const int64_t size = fourGiB + 3;
+    const std::vector<std::pair<int64_t, char>> markers = {
+        {0, 'a'}, {fourGiB - 1, 'b'}, {fourGiB, 'c'}, {fourGiB + 1, 'd'}, {size - 1, 'e'}};
+    const std::string path = m_site.m_root + "/beyond4g";
+    const int fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
+    ASSERT_LE(0, fd);
+    bool written = ::ftruncate(fd, static_cast<off_t>(size)) == 0;
+    for (const auto &marker : markers)
+        written = written && ::pwrite(fd, &marker.second, 1, static_cast<off_t>(marker.first)) == 1;
+    ::close(fd);
+    ASSERT_TRUE(written) << "the file system takes no sparse file of this size";
+
+    CTestClient client;
+    ASSERT_TRUE(client.Connect(m_server.GetPort()));
+    client.Send("GET /beyond4g HTTP/1.1\r\nHost: t\r\n\r\n");
+    const std::string head = "HTTP/1.1 200 OK\r\nContent-Length: 4294967299\r\n\r\n";
+    ASSERT_EQ(head, client.Receive(head.size(), 20000));
+    const size_t chunkSize = 1 << 20;
+    const bool whole = sizeof(long) < sizeof(int64_t) || std::getenv("NVQ_TEST_WHOLE_LARGE_FILE") != nullptr;
+    const int64_t checked = whole ? size : static_cast<int64_t>(chunkSize);
+    const std::string zeros(chunkSize, '\0');
+    int64_t offset = 0;
+    size_t nextMarker = 0;
+    while (offset < checked) {
+        std::string chunk =
+            client.Receive(static_cast<size_t>(std::min<int64_t>(chunkSize, size - offset)), 20000);
+        ASSERT_FALSE(chunk.empty()) << "the answer stopped after " << offset << " bytes";
+        const int64_t end = offset + static_cast<int64_t>(chunk.size());
+        for (; nextMarker < markers.size() && markers[nextMarker].first < end; ++nextMarker) {
+            char &byte = chunk[static_cast<size_t>(markers[nextMarker].first - offset)];
+            ASSERT_EQ(markers[nextMarker].second, byte) << "at " << markers[nextMarker].first;
+            byte = '\0';
+        }
+        ASSERT_EQ(0, std::memcmp(chunk.data(), zeros.data(), chunk.size()))
+            << "a byte other than 0 near " << offset;
+        offset = end;
+    }
+    if (whole) {
+        EXPECT_EQ(markers.size(), nextMarker);
+        EXPECT_EQ("", client.ReceiveUntilClosed()) << "bytes beyond the announced length";
+        EXPECT_TRUE(client.IsClosed()) << "the streamed answer ends with the connection";
+    }
 }
 
 } // namespace
