@@ -48,7 +48,7 @@ CEventLoop::CEventLoop(CSocketServerCore &core, int index)
       m_wakeSignalled(false), m_taskIndex(0), m_batchCount(0), m_batchIndex(0), m_callTicket(c_noCall),
       m_callStartMs(0), m_pCallConnection(nullptr), m_nextTicket(2), m_acceptPausedUntil(0),
       m_pFirst(nullptr), m_pIdleFirst(nullptr), m_pIdleLast(nullptr), m_nextReap(0), m_stopping(false),
-      m_count(0), m_idleCount(0), m_stopped(false)
+      m_count(0), m_idleCount(0), m_oldestIdleSince(c_noIdle), m_stopped(false)
 {
 }
 
@@ -206,6 +206,11 @@ bool CEventLoop::Watch(int64_t now, int stallMs)
         m_callTicket.store(ticket, std::memory_order_release);
     }
     return false;
+}
+
+int64_t CEventLoop::GetOldestIdleSince() const
+{
+    return m_oldestIdleSince.load(std::memory_order_relaxed);
 }
 
 int CEventLoop::GetSendTimeoutMs() const
@@ -443,9 +448,13 @@ bool CEventLoop::Admit(int64_t now)
         return true;
     // At the cap: the connection idle longest makes room, ours or another
     // loop's; a newcomer is refused only when none is idle.
-    const bool room = CloseOldestIdle(now) || m_core.AskForRoom(*this);
-    m_core.CountAtCap(room);
-    return room;
+    CEventLoop *oldest = m_core.FindOldestIdle();
+    if (oldest == this)
+        CloseOldestIdle(now);
+    else if (oldest != nullptr)
+        oldest->Post(eTaskCloseIdle);
+    m_core.CountAtCap(oldest != nullptr);
+    return oldest != nullptr;
 }
 
 bool CEventLoop::CloseOldestIdle(int64_t now)
@@ -512,10 +521,12 @@ void CEventLoop::LinkIdle(CSocketConnection &connection)
     connection.m_inIdleList = true;
     connection.m_pIdleNext = nullptr;
     connection.m_pIdlePrev = m_pIdleLast;
-    if (m_pIdleLast != nullptr)
+    if (m_pIdleLast != nullptr) {
         m_pIdleLast->m_pIdleNext = &connection;
-    else
+    } else {
         m_pIdleFirst = &connection;
+        m_oldestIdleSince.store(connection.GetIdleSince(), std::memory_order_relaxed);
+    }
     m_pIdleLast = &connection;
     m_idleCount.fetch_add(1, std::memory_order_relaxed);
 }
@@ -525,10 +536,13 @@ void CEventLoop::UnlinkIdle(CSocketConnection &connection)
     if (!connection.m_inIdleList)
         return;
     connection.m_inIdleList = false;
-    if (connection.m_pIdlePrev != nullptr)
+    if (connection.m_pIdlePrev != nullptr) {
         connection.m_pIdlePrev->m_pIdleNext = connection.m_pIdleNext;
-    else
+    } else {
         m_pIdleFirst = connection.m_pIdleNext;
+        m_oldestIdleSince.store(m_pIdleFirst != nullptr ? m_pIdleFirst->GetIdleSince() : c_noIdle,
+                                std::memory_order_relaxed);
+    }
     if (connection.m_pIdleNext != nullptr)
         connection.m_pIdleNext->m_pIdlePrev = connection.m_pIdlePrev;
     else

@@ -4,6 +4,7 @@
 #include <sys/epoll.h>
 
 #include <atomic>
+#include <climits>
 #include <cstdint>
 #include <mutex>
 #include <vector>
@@ -68,6 +69,9 @@ class CEventLoop
 
     int GetSendTimeoutMs() const;
     int GetIdleCount() const { return m_idleCount.load(std::memory_order_relaxed); }
+    // When the connection idle longest became idle; c_noIdle when none is.
+    static constexpr int64_t c_noIdle = INT64_MAX;
+    int64_t GetOldestIdleSince() const;
     int GetIndex() const { return m_index; }
     bool HasStopped() const { return m_stopped.load(std::memory_order_acquire); }
     // For a loop that never got a thread.
@@ -140,6 +144,7 @@ class CEventLoop
     bool m_stopping;
     int m_count;
     std::atomic<int> m_idleCount;
+    std::atomic<int64_t> m_oldestIdleSince;
     std::atomic<bool> m_stopped;
 };
 

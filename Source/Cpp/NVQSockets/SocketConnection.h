@@ -78,6 +78,7 @@ class CSocketConnection : public INVQDataLayer
     // Service.
     enum EWait { eWaitNone, eWaitIdle, eWaitRequest, eWaitSending, eWaitLinger };
     EWait GetWait() const { return m_wait; }
+    int64_t GetIdleSince() const { return m_waitSince; }
     int64_t GetDeadline() const { return m_deadline; }
     // Re-evaluates the wait after Service; true when it became idle just now.
     bool Settle(int64_t now, int idleTimeoutMs, int requestTimeoutMs, int sendTimeoutMs);
@@ -152,6 +153,7 @@ class CSocketConnection : public INVQDataLayer
     signed char m_idleHint; // -1 unknown (guess from reads and writes), 0 in a request, 1 idle
     EWait m_wait;
     int64_t m_deadline;
+    int64_t m_waitSince;     // when the present wait began
     uint64_t m_progress;     // bytes sent in all
     uint64_t m_lastProgress; // m_progress when the send deadline was last set
 

@@ -404,15 +404,18 @@ KZF::CRefCountPtr<INVQDataLayer> CSocketServerCore::CreateConnectionPoint(const 
     return KZF::CRefCountPtr<INVQDataLayer>(connection);
 }
 
-bool CSocketServerCore::AskForRoom(CEventLoop &asking)
+CEventLoop *CSocketServerCore::FindOldestIdle()
 {
+    CEventLoop *oldest = nullptr;
+    int64_t since = CEventLoop::c_noIdle;
     for (auto &loop : m_loops) {
-        if (loop.get() != &asking && loop->GetIdleCount() > 0) {
-            loop->Post(CEventLoop::eTaskCloseIdle);
-            return true;
+        const int64_t loopSince = loop->GetOldestIdleSince();
+        if (loopSince < since) {
+            since = loopSince;
+            oldest = loop.get();
         }
     }
-    return false;
+    return oldest;
 }
 
 void CSocketServerCore::CountAtCap(bool admitted)

@@ -55,9 +55,8 @@ class CSocketServerCore
     bool CanAddThread();
     // Gives the loop to the ready thread; false only when none could be had.
     bool StartLoopThread(CEventLoop &loop);
-    // Another loop with an idle connection closes it to make room; false
-    // when no loop has one.
-    bool AskForRoom(CEventLoop &asking);
+    // The loop holding the connection idle longest; null when none is idle.
+    CEventLoop *FindOldestIdle();
     // A newcomer at the cap was admitted (room made) or refused.
     void CountAtCap(bool admitted);
     void LogAcceptFailure(int error);
