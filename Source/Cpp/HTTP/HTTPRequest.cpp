@@ -190,7 +190,8 @@ bool CHTTPRequest::ProcessRequestParamsFromBody()
         // set it by hand; never read a body that is not there.
         if (m_pBody != nullptr && m_bodySize > 0)
             ProcessUrlEncodedParams(reinterpret_cast<char *>(m_pBody),
-                                    static_cast<unsigned int>(std::min<long>(m_bodySize, UINT_MAX)));
+                                    static_cast<unsigned int>(std::min<unsigned long>(
+                                        static_cast<unsigned long>(m_bodySize), UINT_MAX)));
         return true;
     }
     if (type == c_multipartFormData)
