@@ -361,8 +361,10 @@ struct SServer {
 
 // Every answer starts with a status line and a header block; complete
 // answers carry their length, and the one without a length runs to the end
-// of the output, after which the connection must be over.
-void CheckAnswers(const std::string &out, bool ended)
+// of the output, after which the connection must be over. In strict mode an
+// interim 100 has no body, and neither has an answer to HEAD (the next
+// answer follows its header block at once).
+void CheckAnswers(const std::string &out, bool ended, bool strict)
 {
     size_t pos = 0;
     while (pos < out.size()) {
@@ -380,6 +382,11 @@ void CheckAnswers(const std::string &out, bool ended)
             return;
         }
         const std::string header = out.substr(pos, headerEnd + 2 - pos);
+        if (strict &&
+            (header.compare(9, 4, "100 ") == 0 || out.compare(headerEnd + 4, 9, "HTTP/1.1 ") == 0)) {
+            pos = headerEnd + 4;
+            continue;
+        }
         const size_t lengthField = header.find("\r\nContent-Length: ");
         if (lengthField == std::string::npos) {
             NVQ_FUZZ_CHECK(ended);
@@ -394,9 +401,10 @@ void CheckAnswers(const std::string &out, bool ended)
 
 } // namespace
 
-// Script: byte 0 picks how the peer may leave during a write, byte 1 at which
-// write; then operations, each one byte whose low three bits choose it and
-// whose upper five bits are its parameter p:
+// Script: byte 0 picks how the peer may leave during a write (its value
+// modulo 3) and the mode (strict HTTP/1.1 when its value divided by 3 is
+// odd), byte 1 at which write; then operations, each one byte whose low three
+// bits choose it and whose upper five bits are its parameter p:
 //   0  the next (1 + next byte) bytes arrive as one piece
 //   1  the framework delivers a data notification
 //   2  reads return at most p bytes from now on (0: no limit)
@@ -412,6 +420,7 @@ int FuzzConnectionPoint(const uint8_t *data, size_t size)
     server.logHandler.Init(); // the same input gives the same log page
 
     const auto breakMode = static_cast<CScriptedConnection::EBreak>(data[0] % 3);
+    server.layer.SetStrict((data[0] / 3) % 2 == 1);
     KZF::CRefCountPtr<CScriptedConnection> connection(new CScriptedConnection(breakMode, data[1]));
     NVQ_FUZZ_CHECK(server.framework.Accept(connection.GetPtr()));
     NVQ_FUZZ_CHECK(server.layer.GetConnectionPointCount() == 1);
@@ -459,7 +468,7 @@ int FuzzConnectionPoint(const uint8_t *data, size_t size)
     connection->DropQueue();
 
     NVQ_FUZZ_CHECK(server.layer.GetConnectionPointCount() == 0);
-    CheckAnswers(connection->m_output, ended);
+    CheckAnswers(connection->m_output, ended, (data[0] / 3) % 2 == 1);
     // Every file a transfer opened has been closed again.
     server.CheckNoFileOpen();
     return 0;

@@ -1,11 +1,13 @@
 #!/usr/bin/env python3
 """Writes the seed corpus of the connection point fuzz target: scripts of
-arrivals, data notifications, read limits and closes (format at the target's
-entry point in ConnectionPointFuzz.cpp)."""
+arrivals, data notifications, read limits, a peer that stops and goes on
+reading, and closes, in both modes (format at the target's entry point in
+ConnectionPointFuzz.cpp)."""
 import os
 import sys
 
 NO_BREAK, BROKEN_WRITE, CLOSE_DURING_WRITE = 0, 1, 2
+STRICT = 3  # added to the break mode
 
 
 def arrive(data):
@@ -18,10 +20,15 @@ def arrive(data):
 
 DELIVER = bytes([1])
 CLOSE = bytes([3])
+DRAIN = bytes([5])
 
 
 def read_limit(n):
-    return bytes([(n << 2) | 2])
+    return bytes([(n << 3) | 2])
+
+
+def stall(n):
+    return bytes([(n << 3) | 4])
 
 
 def script(ops, mode=NO_BREAK, at_write=0):
@@ -51,6 +58,21 @@ SEEDS = {
     "close_during_header": script([arrive(get(b"/index.html")), DELIVER], CLOSE_DURING_WRITE, 3),
     "close_during_log_page": script([arrive(get(b"/nothing")), DELIVER, arrive(get(b"/proxy/log")), DELIVER],
                                     CLOSE_DURING_WRITE, 16),
+    "slow_peer_big_file": script([stall(1), arrive(get(b"/big.bin")), DELIVER, DRAIN, DRAIN, DRAIN]),
+    "slow_peer_leaves": script([stall(2), arrive(get(b"/big.bin")), DELIVER, DRAIN, CLOSE]),
+    "strict_pipelined": script([arrive(get(b"/index.html") + get(b"/big.bin") + get(b"/sub/")), DELIVER],
+                               STRICT),
+    "strict_chunked": script([arrive(b"POST /x HTTP/1.1\r\nHost: a\r\nTransfer-Encoding: chunked\r\n\r\n"
+                                     b"3;e=1\r\nabc\r\n0\r\nT: t\r\n\r\n" + get(b"/index.html")), DELIVER],
+                             STRICT),
+    "strict_expect": script([arrive(b"POST /index.html HTTP/1.1\r\nHost: a\r\nContent-Length: 3\r\n"
+                                    b"Expect: 100-continue\r\n\r\n"), DELIVER, arrive(b"abc"), DELIVER], STRICT),
+    "strict_head_close": script([arrive(b"HEAD /big.bin HTTP/1.1\r\nHost: a\r\n\r\n" +
+                                        get(b"/index.html", b"Connection: close\r\n")), DELIVER], STRICT),
+    "strict_slow_pipelined": script([stall(1), arrive(get(b"/big.bin") + get(b"/proxy/log")), DELIVER, DRAIN,
+                                     DRAIN, DRAIN], STRICT),
+    "strict_refused": script([arrive(b"POST / HTTP/1.1\r\nHost: a\r\nContent-Length: 1\r\n"
+                                     b"Transfer-Encoding: chunked\r\n\r\n"), DELIVER], STRICT + BROKEN_WRITE, 2),
 }
 
 

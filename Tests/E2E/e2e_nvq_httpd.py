@@ -2,7 +2,7 @@
 """End-to-end tests of the demo server with real clients.
 
 Usage: e2e_nvq_httpd.py NVQ_HTTPD SITE_DIR GROUP [EMULATOR [ARG...]]
-GROUP is one of: curl, http_client, chromium, sigterm. A cross-compiled
+GROUP is one of: curl, http_client, chromium, sigterm, cap. A cross-compiled
 NVQ_HTTPD is started through EMULATOR (with its arguments); the clients run
 natively.
 Exit status 0 passed, 1 failed, 77 skipped (ctest's SKIP_RETURN_CODE).
@@ -139,6 +139,34 @@ class HttpClientTest(unittest.TestCase):
         connection.close()
 
 
+class CapTest(unittest.TestCase):
+    """At the default cap of 10,000 connections, held idle by one client."""
+
+    def test_the_longest_idle_connection_makes_room_for_a_newcomer(self):
+        import resource
+        soft, hard = resource.getrlimit(resource.RLIMIT_NOFILE)
+        resource.setrlimit(resource.RLIMIT_NOFILE, (hard, hard))
+        server = Server()
+        held = []
+        try:
+            for _ in range(10000):
+                held.append(socket.create_connection(("127.0.0.1", server.port), timeout=30))
+            # Accepted in order: once the last one is answered, all are in.
+            held[-1].sendall(b"GET /missing HTTP/1.1\r\nHost: x\r\n\r\n")
+            self.assertTrue(held[-1].recv(4096).startswith(b"HTTP/1.1 404"))
+            newcomer = http.client.HTTPConnection("127.0.0.1", server.port, timeout=30)
+            newcomer.request("GET", "/index.html")
+            self.assertEqual(200, newcomer.getresponse().status)
+            newcomer.close()
+            held[0].settimeout(10)
+            self.assertEqual(b"", held[0].recv(1), "the connection idle longest was closed")
+            self.assertEqual(0, server.stop())
+        finally:
+            for connection in held:
+                connection.close()
+            resource.setrlimit(resource.RLIMIT_NOFILE, (soft, hard))
+
+
 def find_chromium():
     for name in ("chromium", "chromium-browser", "google-chrome"):
         path = shutil.which(name)
@@ -207,7 +235,8 @@ class SigtermTest(unittest.TestCase):
         self.assertIn(str(port), result.stderr)
 
 
-GROUPS = {"curl": CurlTest, "http_client": HttpClientTest, "chromium": ChromiumTest, "sigterm": SigtermTest}
+GROUPS = {"curl": CurlTest, "http_client": HttpClientTest, "chromium": ChromiumTest, "sigterm": SigtermTest,
+          "cap": CapTest}
 
 
 def main():

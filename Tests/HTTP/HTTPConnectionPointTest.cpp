@@ -2,6 +2,7 @@
 #include "HTTP/HTTPLayer.h"
 
 #include "Support/FakeDataLayer.h"
+#include "Support/FramingCases.h"
 #include "Support/ScriptedHandler.h"
 
 #include <gtest/gtest.h>
@@ -459,3 +460,75 @@ TEST_F(ConnectionPointTest, CloseBetweenExchangesCallsNoHandler)
 }
 
 } // namespace
+
+// ---- Framing: the same bytes in the lenient reference mode and in strict mode
+
+namespace
+{
+
+using NVQTest::c_framings;
+using NVQTest::c_host;
+using NVQTest::c_next;
+using NVQTest::c_post;
+using NVQTest::SFraming;
+
+// Serves the arrivals, each delivered on its own, to a handler that echoes
+// method, URI and body.
+std::string serve(bool strict, const std::vector<std::string> &arrivals)
+{
+    KZF::CRefCountPtr<CFakeDataLayer> data(new CFakeDataLayer());
+    NVQ::CHTTPLayer layer;
+    CScriptedHandler handler;
+    handler.m_onProcess = NVQTest::echoRequest;
+    layer.RegisterHandler(handler, false);
+    KZF::CRefCountPtr<NVQ::CHTTPConnectionPoint> point(
+        new NVQ::CHTTPConnectionPoint(*data.GetPtr(), layer, 1));
+    point->SetStrict(strict);
+    for (const std::string &arrival : arrivals) {
+        data->Arrive(arrival);
+        data->DeliverData();
+    }
+    return NVQTest::summarize(data->WrittenBytes(), data->m_closes > 0);
+}
+
+} // namespace
+
+TEST(ConnectionPointFramingTest, EachCaseInBothModesWholeSplitAndFollowed)
+{
+    for (const SFraming &c : c_framings) {
+        const std::string &bytes = c.bytes;
+        EXPECT_EQ(c.reference, serve(false, {bytes})) << c.name;
+        EXPECT_EQ(c.strict, serve(true, {bytes})) << c.name;
+        // A request arrives in pieces as it likes: in both modes the answer
+        // is the same whichever byte ends the first piece.
+        std::vector<std::string> single;
+        for (size_t split = 1; split < bytes.size(); ++split) {
+            EXPECT_EQ(c.reference, serve(false, {bytes.substr(0, split), bytes.substr(split)}))
+                << c.name << " split at " << split;
+            EXPECT_EQ(c.strict, serve(true, {bytes.substr(0, split), bytes.substr(split)}))
+                << c.name << " split at " << split;
+            single.push_back(bytes.substr(split - 1, 1));
+        }
+        single.push_back(bytes.substr(bytes.size() - 1));
+        EXPECT_EQ(c.strict, serve(true, single)) << c.name << " byte by byte";
+        // Strict: a request behind it in the same read is answered next,
+        // unless the connection ended.
+        const std::string strict = c.strict;
+        const bool closes = strict.find("closed") != std::string::npos;
+        EXPECT_EQ(closes ? strict : strict + "200 GET /next; ", serve(true, {bytes + c_next})) << c.name;
+    }
+}
+
+TEST(ConnectionPointFramingTest, ExpectContinueOnlyForABodyThatWillBeRead)
+{
+    const std::string head = c_post + "Content-Length: 3\r\nExpect: 100-continue\r\n\r\n";
+    EXPECT_EQ("100; 200 POST /a xyz; ", serve(true, {head, "xyz"}));
+    EXPECT_EQ("200 POST /a xyz; ", serve(true, {head + "xyz"})) << "a client that did not wait";
+    EXPECT_EQ("200 POST /a xyz; ", serve(false, {head, "xyz"})) << "reference: never";
+    std::string unknown = head;
+    unknown.replace(unknown.find("100-continue"), 12, "something");
+    EXPECT_EQ("417 page; closed", serve(true, {unknown}));
+    std::string nobody = head;
+    nobody.replace(0, 7, "POST nobody"); // a target no handler takes
+    EXPECT_EQ("404 page; closed", serve(true, {nobody})) << "no handler: the body is never read";
+}

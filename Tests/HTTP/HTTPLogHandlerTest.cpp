@@ -388,6 +388,38 @@ TEST_F(LogHandlerTest, BadRequestPageIsCutAt2047Bytes)
     EXPECT_EQ(badRequestPage("Invalid 'count' specified: " + value).substr(0, 2047), dataOf(*response));
 }
 
+TEST_F(LogHandlerTest, EscapingShowsMarkupAsText)
+{
+    m_handler.SetEscapeMarkup(true);
+    const struct {
+        const char *query;
+        const char *shown;
+    } rows[] = {
+        {"from=%26", "&amp;"},
+        {"from=%3C", "&lt;"},
+        {"from=%3E", "&gt;"},
+        {"from=%22", "&quot;"},
+        {"from=%27", "&#39;"},
+        {"from=plain", "plain"},
+        {"from=%3Cscript%3Ealert(1)%3C%2Fscript%3E", "&lt;script&gt;alert(1)&lt;/script&gt;"},
+    };
+    for (const auto &row : rows) {
+        const ResponsePtr response = First(row.query);
+        ASSERT_FALSE(response.IsNull());
+        EXPECT_EQ(badRequestPage(std::string("Invalid 'from' time specified: ") + row.shown),
+                  dataOf(*response))
+            << row.query;
+        EXPECT_EQ("text/html; charset=utf-8", response->GetContentType());
+    }
+    // The cut comes after the escaping.
+    const std::string value(1000, '<');
+    std::string shown;
+    for (size_t i = 0; i < value.size(); ++i)
+        shown += "&lt;";
+    EXPECT_EQ(badRequestPage("Invalid 'count' specified: " + shown).substr(0, 2047),
+              dataOf(*First("count=" + std::string(1000, '<'))));
+}
+
 TEST_F(LogHandlerTest, OnlyGetIsAnswered)
 {
     Capture("a");

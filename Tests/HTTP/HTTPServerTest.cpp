@@ -1,5 +1,7 @@
 #include "HTTP/HTTPServer.h"
 
+#include "Support/FramingCases.h"
+#include "Support/Nginx.h"
 #include "Support/ScriptedHandler.h"
 #include "Support/TestClient.h"
 #include "Support/WaitFor.h"
@@ -277,3 +279,117 @@ TEST(HTTPServerLifetimeTest, DestroyingTheServerReleasesConnectionsButNoHandler)
 }
 
 } // namespace
+
+// ---- Strict HTTP/1.1 over real sockets
+
+namespace
+{
+
+// A server of its own whose handler echoes each request; "/slow" takes a
+// while first, as a handler with real work does.
+class CEchoServer
+{
+  public:
+    explicit CEchoServer(bool strict)
+    {
+        m_handler.m_onProcess = [](NVQ::CHTTPRequest &request, int id) {
+            if (request.GetUri() == "/slow")
+                std::this_thread::sleep_for(std::chrono::milliseconds(30));
+            return NVQTest::echoRequest(request, id);
+        };
+        m_server.RegisterHandler(m_handler, false);
+        NVQ::SHTTPServerOptions options;
+        options.m_port = 0;
+        options.m_strict = strict;
+        m_started = m_server.StartServer(options);
+    }
+    ~CEchoServer()
+    {
+        m_server.StopServer();
+        m_server.UnregisterHandler(m_handler);
+    }
+    int Port() { return m_server.GetPort(); }
+
+    // Sends the bytes and the end of the request stream; what came back.
+    std::string Exchange(const std::string &bytes)
+    {
+        CTestClient client;
+        if (!client.Connect(Port()) || !client.Send(bytes))
+            return "no connection";
+        client.ShutdownWrite();
+        return NVQTest::summarize(client.ReceiveUntilClosed(), false);
+    }
+
+    bool m_started = false;
+
+  private:
+    CScriptedHandler m_handler;
+    NVQ::CHTTPServer m_server;
+};
+
+std::string withoutClose(const std::string &summary)
+{
+    return summary.substr(0, summary.find("closed"));
+}
+
+} // namespace
+
+TEST(StrictServerTest, FramingCasesOverRealSockets)
+{
+    for (const bool strict : {false, true}) {
+        CEchoServer server(strict);
+        ASSERT_TRUE(server.m_started);
+        for (const NVQTest::SFraming &c : NVQTest::c_framings) {
+            const std::string expected = withoutClose(strict ? c.strict : c.reference);
+            EXPECT_EQ(expected, server.Exchange(c.bytes)) << c.name << (strict ? " strict" : "");
+            if (strict && std::string(c.strict).find("closed") == std::string::npos) {
+                EXPECT_EQ(expected + "200 GET /next; ", server.Exchange(c.bytes + NVQTest::c_next)) << c.name;
+            }
+        }
+    }
+}
+
+// nginx in front, with an upstream keep-alive pool and request buffering off,
+// and an attacker whose chunked body holds a request, sent in two writes.
+// A server that ignores the chunked framing reads that request as the next
+// one on the pooled connection, and the next client gets its answer.
+TEST(StrictServerTest, NoRequestIsSmuggledThroughNginx)
+{
+    if (::access("/usr/sbin/nginx", X_OK) != 0)
+        GTEST_SKIP() << "nginx is not installed";
+    const std::string attackHead =
+        "POST /slow HTTP/1.1\r\nHost: a\r\nTransfer-Encoding: chunked\r\n\r\n1\r\nx\r\n";
+    const std::string attackTail =
+        "36\r\nGET /SMUGGLED HTTP/1.1\r\nHost: a\r\nContent-Length: 8\r\n\r\n\r\n0\r\n\r\n";
+    for (const bool strict : {false, true}) {
+        CEchoServer server(strict);
+        ASSERT_TRUE(server.m_started);
+        NVQTest::CNginx nginx;
+        ASSERT_TRUE(nginx.Start("upstream nvq { server 127.0.0.1:" + std::to_string(server.Port()) +
+                                "; keepalive 4; }\n"
+                                "server { listen 127.0.0.1:{port}; location / { proxy_pass http://nvq; "
+                                "proxy_http_version 1.1; proxy_set_header Connection \"\"; "
+                                "proxy_request_buffering off; } }\n"))
+            << nginx.Log();
+        const int tries = strict ? 50 : 10;
+        int poisoned = 0;
+        for (int i = 0; i < tries; ++i) {
+            CTestClient attacker;
+            ASSERT_TRUE(attacker.Connect(nginx.Port()));
+            ASSERT_TRUE(attacker.Send(attackHead));
+            std::this_thread::sleep_for(std::chrono::milliseconds(5)); // while /slow is being answered
+            ASSERT_TRUE(attacker.Send(attackTail));
+            attacker.ReceiveAnswer(2000);
+            CTestClient victim;
+            ASSERT_TRUE(victim.Connect(nginx.Port()));
+            ASSERT_TRUE(victim.Send("GET /victim HTTP/1.1\r\nHost: a\r\n\r\n"));
+            if (victim.ReceiveAnswer(2000).find("GET /victim") == std::string::npos)
+                ++poisoned;
+        }
+        if (strict) {
+            EXPECT_EQ(0, poisoned) << "of " << tries << " victims";
+        } else {
+            EXPECT_GT(poisoned, 0) << "the lenient mode is open to it: the test must see that";
+        }
+    }
+}

@@ -26,6 +26,8 @@ const long c_maxSliceSize = 16777216;
 // response itself keeps it alive while it waits for the peer).
 const long c_heldDataSize = 16384;
 
+const char c_continue[] = "HTTP/1.1 100 Continue\r\n\r\n";
+
 const unsigned long c_initialBufferSize = 1024;
 const unsigned long c_bufferGrowth = 512;
 const int c_minimumFreeSpace = 32;
@@ -36,9 +38,40 @@ const int c_minimumFreeSpace = 32;
 CNotFoundResponse s_notFoundResponse;
 CBadRequestResponse s_badRequestResponse;
 
+namespace
+{
+
+// The strict mode's answers that end the connection.
+const CHTTPResponse &closingAnswer(int status)
+{
+    static const CHTTPClosingErrorResponse s_badRequest(400, "Bad Request");
+    static const CHTTPClosingErrorResponse s_notFound(404, "Not Found");
+    static const CHTTPClosingErrorResponse s_tooLarge(413, "Payload Too Large");
+    static const CHTTPClosingErrorResponse s_expectation(417, "Expectation Failed");
+    static const CHTTPClosingErrorResponse s_notImplemented(501, "Not Implemented");
+    static const CHTTPClosingErrorResponse s_version(505, "HTTP Version Not Supported");
+    switch (status) {
+    case 404:
+        return s_notFound;
+    case 413:
+        return s_tooLarge;
+    case 417:
+        return s_expectation;
+    case 501:
+        return s_notImplemented;
+    case 505:
+        return s_version;
+    default:
+        return s_badRequest;
+    }
+}
+
+} // namespace
+
 CHTTPConnectionPoint::CHTTPConnectionPoint(INVQDataLayer &dataLayer, CHTTPLayer &layer, int connectionID)
     : m_pDataLayer(&dataLayer), m_pLayer(&layer), m_pHandler(nullptr), m_receivedSize(0),
-      m_connectionID(connectionID), m_isClosed(false), m_exchange(eNoExchange), m_detachAfterExchange(false)
+      m_connectionID(connectionID), m_isClosed(false), m_exchange(eNoExchange), m_detachAfterExchange(false),
+      m_strict(false), m_headOnly(false), m_expectHandled(false), m_consumed(0)
 {
     m_pDataLayer->RegisterNotification(*this);
     m_receiveBuffer.SetSize(c_initialBufferSize);
@@ -50,6 +83,14 @@ CHTTPConnectionPoint::~CHTTPConnectionPoint()
 {
     if (m_pDataLayer != nullptr)
         m_pDataLayer->UnregisterNotification(*this);
+}
+
+void CHTTPConnectionPoint::SetStrict(bool strict)
+{
+    m_strict = strict;
+    m_parser.SetStrict(strict);
+    // A body must fit the receive buffer with its header block.
+    m_parser.SetMaxBodySize(c_maxRequestSize);
 }
 
 void CHTTPConnectionPoint::OnDataReceived(INVQDataLayer &)
@@ -69,8 +110,11 @@ void CHTTPConnectionPoint::OnDataSent(INVQDataLayer &)
     if (m_exchange.compare_exchange_strong(parked, eRunning) && RunPulls()) {
         EndExchange();
         AfterDispatch();
-        // Bytes that came while the answer went out are read now.
-        if (m_pDataLayer != nullptr)
+        // Requests that came with this one are answered now, and the bytes
+        // that came while the answer went out are read.
+        if (m_strict && m_receivedSize > 0)
+            ProcessBuffered(false);
+        if (m_pDataLayer != nullptr && m_exchange.load() == eNoExchange)
             m_pDataLayer->ResumeReading();
     }
     UpdateIdle();
@@ -111,19 +155,108 @@ void CHTTPConnectionPoint::Receive()
             break;
         m_receivedSize += got;
     }
+    ProcessBuffered(overBound);
+}
 
-    int consumed = 0;
-    const int result = m_parser.Parse(m_receiveBuffer, m_receivedSize, consumed);
-    if (result == CHTTPRequestParser::eParseComplete) {
-        ProcessRequest(m_parser.GetRequest());
-    } else if (result == CHTTPRequestParser::eParseError) {
-        ProcessRequest(KZF::CRefCountPtr<CHTTPRequest>());
-    } else if (overBound) {
-        // The request does not fit: answer 400 and end the connection, since
-        // the rest of the request would be read as a new one.
-        m_detachAfterExchange = true;
-        ProcessRequest(KZF::CRefCountPtr<CHTTPRequest>());
+void CHTTPConnectionPoint::ProcessBuffered(bool overBound)
+{
+    while (m_pDataLayer != nullptr) {
+        int consumed = 0;
+        const int result = m_parser.Parse(m_receiveBuffer, m_receivedSize, consumed);
+        if (result == CHTTPRequestParser::eParseComplete) {
+            m_consumed = consumed;
+            const KZF::CRefCountPtr<CHTTPRequest> request = m_parser.GetRequest();
+            if (m_strict && !request.IsNull())
+                TakeConnectionOptions(*request);
+            ProcessRequest(request);
+            // Strict: the bytes after the request are the next one.
+            if (!m_strict || m_isClosed || m_exchange.load() != eNoExchange || m_receivedSize == 0)
+                return;
+        } else if (result == CHTTPRequestParser::eParseError) {
+            if (m_strict)
+                Refuse(m_parser.GetErrorStatus());
+            else
+                ProcessRequest(KZF::CRefCountPtr<CHTTPRequest>());
+            return;
+        } else {
+            if (overBound) {
+                // The request does not fit: answer 400 and end the
+                // connection, since the rest of it would be read as a new one.
+                if (m_strict) {
+                    Refuse(400);
+                } else {
+                    m_detachAfterExchange = true;
+                    ProcessRequest(KZF::CRefCountPtr<CHTTPRequest>());
+                }
+            } else if (m_strict && m_parser.IsHeaderComplete() && !m_expectHandled) {
+                HandleExpectation();
+            }
+            return;
+        }
     }
+}
+
+void CHTTPConnectionPoint::TakeConnectionOptions(const CHTTPRequest &request)
+{
+    m_headOnly = request.GetMethod() == "HEAD";
+    // HTTP/1.0 closes unless it asks to keep the connection; either version
+    // closes when it asks to.
+    if (request.HasHeaderToken("connection", "close") ||
+        (request.GetHTTPVersion() == 10 && !request.HasHeaderToken("connection", "keep-alive")))
+        m_detachAfterExchange = true;
+}
+
+void CHTTPConnectionPoint::Refuse(int status)
+{
+    AddRef();
+    m_exchange = eRunning;
+    m_consumed = m_receivedSize; // nothing after a refused request is read as a request
+    m_detachAfterExchange = true;
+    SendResponse(closingAnswer(status));
+    EndExchange();
+    AfterDispatch();
+    ReleaseRef();
+}
+
+void CHTTPConnectionPoint::HandleExpectation()
+{
+    m_expectHandled = true;
+    const KZF::CRefCountPtr<CHTTPRequest> request = m_parser.GetRequest();
+    KZF::tstring expectation;
+    if (request.IsNull() || !request->GetHeaderFieldValueByName("expect", expectation))
+        return;
+    if (!request->HasHeaderToken("expect", "100-continue") || request->GetHTTPVersion() != 11) {
+        Refuse(417);
+        return;
+    }
+    // A client that sent its body already did not wait; one without a body
+    // has nothing to wait for.
+    if (m_receivedSize > m_parser.GetBodyStart() || (request->GetBodySize() == 0 && !request->IsChunked()))
+        return;
+    // Only a request some handler takes is worth its body; for any other the
+    // final answer goes out at once and the body is never read.
+    if (m_pLayer->FindHandler(*request) == nullptr) {
+        Refuse(404);
+        return;
+    }
+    Write(c_continue, sizeof(c_continue) - 1);
+}
+
+const CHTTPResponse &CHTTPConnectionPoint::Announced(const CHTTPResponse &response)
+{
+    // A complete answer on a connection that stays open, and every
+    // send-only piece, go as they are.
+    if (!m_strict || response.SendOnlyData() || (response.IsLast() && !m_detachAfterExchange))
+        return response;
+    if (&response == &s_notFoundResponse || &response == &s_badRequestResponse)
+        return closingAnswer(response.GetCode());
+    if (response.GetRefCount() > 0) {
+        KZF::tstring value;
+        CHTTPResponse &record = const_cast<CHTTPResponse &>(response);
+        if (!record.GetHeaderFieldValueByName("Connection", value))
+            record.AddHeaderField("Connection", "close");
+    }
+    return response;
 }
 
 void CHTTPConnectionPoint::ProcessRequest(KZF::CRefCountPtr<CHTTPRequest> request)
@@ -142,6 +275,12 @@ void CHTTPConnectionPoint::ProcessRequest(KZF::CRefCountPtr<CHTTPRequest> reques
             m_piece = handler->ProcessRequest(*request, m_connectionID);
             if (m_piece.IsNull()) {
                 SendResponse(s_notFoundResponse);
+            } else if (m_headOnly) {
+                // The header block is the answer; a stream's pieces are
+                // never pulled, and with no length known the connection ends.
+                if (!m_piece->IsLast())
+                    m_detachAfterExchange = true;
+                SendResponse(*m_piece);
             } else {
                 SendResponse(*m_piece);
                 if (!RunPulls()) {
@@ -202,11 +341,22 @@ void CHTTPConnectionPoint::EndExchange()
 
 void CHTTPConnectionPoint::AfterDispatch()
 {
-    // Bytes that followed the request in the buffer go with it.
     m_parser.Reset();
-    m_receivedSize = 0;
+    if (m_strict && m_consumed < m_receivedSize) {
+        // Pipelined: what follows the request is the start of the next one.
+        unsigned char *buffer = m_receiveBuffer;
+        std::memmove(buffer, buffer + m_consumed, static_cast<size_t>(m_receivedSize - m_consumed));
+        m_receivedSize -= m_consumed;
+    } else {
+        // Bytes that followed the request in the buffer go with it.
+        m_receivedSize = 0;
+    }
+    m_consumed = 0;
+    m_headOnly = false;
+    m_expectHandled = false;
     if (m_detachAfterExchange) {
         m_detachAfterExchange = false;
+        m_receivedSize = 0;
         if (!m_isClosed)
             Detach();
     }
@@ -283,8 +433,9 @@ bool CHTTPConnectionPoint::SendData(const CHTTPResponse &response)
     }
 }
 
-void CHTTPConnectionPoint::SendResponse(const CHTTPResponse &response)
+void CHTTPConnectionPoint::SendResponse(const CHTTPResponse &given)
 {
+    const CHTTPResponse &response = Announced(given);
     if (m_isClosed) {
         IHTTPRequestHandler *handler = m_pHandler;
         if (handler != nullptr)
@@ -335,7 +486,7 @@ void CHTTPConnectionPoint::SendResponse(const CHTTPResponse &response)
     }
     if (!Write(c_lineEnd, sizeof(c_lineEnd) - 1))
         return;
-    if (response.GetDataSize() > 0)
+    if (response.GetDataSize() > 0 && !m_headOnly)
         SendData(response);
 }
 

@@ -41,6 +41,12 @@ class CHTTPConnectionPoint : private INVQDataLayerNotification, public KZF::CRef
     ~CHTTPConnectionPoint() override;
 
     void SetConnectionID(int connectionID) { m_connectionID = connectionID; }
+
+    // Strict HTTP/1.1 (set before the first bytes arrive): framing by the
+    // RFC, pipelined requests answered in order, refusals and
+    // "Connection: close" end the connection, HEAD answers carry no body,
+    // and "Expect: 100-continue" is answered.
+    void SetStrict(bool strict);
     int GetConnectionID() const { return m_connectionID; }
 
     // Dispatch of one request; a null request stands for one the parser
@@ -62,6 +68,18 @@ class CHTTPConnectionPoint : private INVQDataLayerNotification, public KZF::CRef
 
     // Reads what waits, parses, and dispatches what is complete.
     void Receive();
+    // Parses what is buffered and answers it; in strict mode request after
+    // request, until one parks or nothing complete is left.
+    void ProcessBuffered(bool overBound);
+    // Strict mode: what the request asks of the connection.
+    void TakeConnectionOptions(const CHTTPRequest &request);
+    // Strict mode: an answer of its own for a request refused before any
+    // handler saw it; the connection closes after it.
+    void Refuse(int status);
+    void HandleExpectation();
+    // The record to write in place of `response` in strict mode: one that
+    // announces the close when the connection ends after it.
+    const CHTTPResponse &Announced(const CHTTPResponse &response);
     // Pulls and writes pieces until the answer is complete; false when it
     // parked because the peer is behind.
     bool RunPulls();
@@ -93,7 +111,11 @@ class CHTTPConnectionPoint : private INVQDataLayerNotification, public KZF::CRef
     std::atomic<int> m_exchange;
     KZF::CRefCountPtr<CHTTPRequest> m_request;
     KZF::CRefCountPtr<CHTTPResponse> m_piece;
-    bool m_detachAfterExchange; // the request did not fit: close once answered
+    bool m_detachAfterExchange; // close once the answer is out
+    bool m_strict;
+    bool m_headOnly;      // strict: the header block alone is written
+    bool m_expectHandled; // strict: Expect was looked at for this request
+    int m_consumed;       // strict: bytes of the buffered request; the rest is the next one
 };
 
 } // namespace NVQ

@@ -8,12 +8,13 @@
 namespace NVQ
 {
 
-CHTTPLayer::CHTTPLayer(INVQMultiPointLayer &layer) : m_pMultiPointLayer(&layer), m_lastConnectionID(0)
+CHTTPLayer::CHTTPLayer(INVQMultiPointLayer &layer)
+    : m_pMultiPointLayer(&layer), m_lastConnectionID(0), m_strict(false)
 {
     m_pMultiPointLayer->RegisterNotification(*this);
 }
 
-CHTTPLayer::CHTTPLayer() : m_pMultiPointLayer(nullptr), m_lastConnectionID(0) {}
+CHTTPLayer::CHTTPLayer() : m_pMultiPointLayer(nullptr), m_lastConnectionID(0), m_strict(false) {}
 
 CHTTPLayer::~CHTTPLayer()
 {
@@ -56,6 +57,7 @@ bool CHTTPLayer::NewConnectionRequested(INVQMultiPointLayer &layer, const INVQCo
         new CHTTPConnectionPoint(*dataLayer.GetPtr(), *this, connectionID));
     bool result = false;
     if (!connectionPoint.IsNull()) {
+        connectionPoint->SetStrict(m_strict);
         KZF::CCriticalSection::CLock lock(m_lock);
         m_connectionPoints.insert(std::make_pair(connectionID, connectionPoint));
         result = true;

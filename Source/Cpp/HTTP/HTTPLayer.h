@@ -39,6 +39,10 @@ class CHTTPLayer : private INVQMultiPointLayerNotification
     // Removes the front-most entry of the handler; false when there is none.
     bool UnregisterHandler(const IHTTPRequestHandler &handler);
 
+    // Connections accepted from now on speak strict HTTP/1.1 (see
+    // CHTTPConnectionPoint::SetStrict). Before the server starts.
+    void SetStrict(bool strict) { m_strict = strict; }
+
     // A connection point leaves the table (its connection closed).
     void OnConnectionPointClosed(CHTTPConnectionPoint &connectionPoint);
 
@@ -57,6 +61,7 @@ class CHTTPLayer : private INVQMultiPointLayerNotification
     int m_lastConnectionID;
     std::map<int, KZF::CRefCountPtr<CHTTPConnectionPoint>> m_connectionPoints;
     KZF::CCriticalSection m_lock;
+    bool m_strict;
 };
 
 } // namespace NVQ

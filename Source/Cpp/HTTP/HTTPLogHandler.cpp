@@ -71,6 +71,36 @@ bool parseWholeNumber(const KZF::tstring &value, long &number)
     return end == begin + value.size();
 }
 
+// The characters that could start markup or end an attribute, as HTML
+// character references.
+std::string escapeMarkup(const std::string &text)
+{
+    std::string escaped;
+    escaped.reserve(text.size());
+    for (const char c : text) {
+        switch (c) {
+        case '&':
+            escaped += "&amp;";
+            break;
+        case '<':
+            escaped += "&lt;";
+            break;
+        case '>':
+            escaped += "&gt;";
+            break;
+        case '"':
+            escaped += "&quot;";
+            break;
+        case '\'':
+            escaped += "&#39;";
+            break;
+        default:
+            escaped += c;
+        }
+    }
+    return escaped;
+}
+
 void appendLine(std::string &text, const CHTTPLogHandler::SLogEntry &entry)
 {
     text += FormatTime(entry.m_time);
@@ -81,7 +111,7 @@ void appendLine(std::string &text, const CHTTPLogHandler::SLogEntry &entry)
 
 } // namespace
 
-CHTTPLogHandler::CHTTPLogHandler() : m_logBuffer(c_maxEntries)
+CHTTPLogHandler::CHTTPLogHandler() : m_logBuffer(c_maxEntries), m_escapeMarkup(false)
 {
     KZF::CLogger::GetInstance().AddOutputDevice(static_cast<KZF::ILogOutputDevice *>(this));
 }
@@ -117,6 +147,8 @@ KZF::CRefCountPtr<CHTTPResponse> CHTTPLogHandler::ProcessRequest(CHTTPRequest &r
     KZF::CRefCountPtr<CHTTPResponse> result(response);
     response->SetCode(400);
     response->SetPhrase("Bad Request");
+    if (m_escapeMarkup)
+        response->SetContentType("text/html; charset=utf-8");
     response->SetData(reinterpret_cast<const unsigned char *>(page), static_cast<long>(std::strlen(page)));
     response->AddHeaderField("Keep-Alive", "timeout=5, max=100");
     response->SetIsLast(true);
@@ -173,6 +205,12 @@ void CHTTPLogHandler::OnExchangeEnded(int connectionID)
     RemoveRequest(connectionID);
 }
 
+std::string CHTTPLogHandler::Shown(const KZF::tstring &value) const
+{
+    const std::string text = KZF::CSysUtils::TStringToAscii(value);
+    return m_escapeMarkup ? escapeMarkup(text) : text;
+}
+
 bool CHTTPLogHandler::HandleRequest(const CKeyValueMap &params, SRequestData &requestData,
                                     std::string &errorMessage)
 {
@@ -196,25 +234,25 @@ bool CHTTPLogHandler::HandleRequest(const CKeyValueMap &params, SRequestData &re
         const KZF::tstring &value = param.second;
         if (key == "from") {
             if (!ParseTime(value, &from)) {
-                errorMessage = "Invalid 'from' time specified: " + KZF::CSysUtils::TStringToAscii(value);
+                errorMessage = "Invalid 'from' time specified: " + Shown(value);
                 return false;
             }
             hasFrom = true;
         } else if (key == "to") {
             if (!ParseTime(value, &to)) {
-                errorMessage = "Invalid 'to' time specified: " + KZF::CSysUtils::TStringToAscii(value);
+                errorMessage = "Invalid 'to' time specified: " + Shown(value);
                 return false;
             }
             hasTo = true;
         } else if (key == "index") {
             if (!parseWholeNumber(value, index) || index < 0) {
-                errorMessage = "Invalid 'index' specified: " + KZF::CSysUtils::TStringToAscii(value);
+                errorMessage = "Invalid 'index' specified: " + Shown(value);
                 return false;
             }
             hasIndex = true;
         } else if (key == "count") {
             if (!parseWholeNumber(value, count) || count < 1) {
-                errorMessage = "Invalid 'count' specified: " + KZF::CSysUtils::TStringToAscii(value);
+                errorMessage = "Invalid 'count' specified: " + Shown(value);
                 return false;
             }
             hasCount = true;

@@ -56,6 +56,13 @@ class CHTTPLogHandler : public IHTTPRequestHandler,
     CHTTPLogHandler();
     ~CHTTPLogHandler() override;
 
+    // Off by default (the page shows the value as received). On, the value
+    // an invalid parameter had is shown with & < > " ' as HTML character
+    // references (the page is still cut at 2047 bytes) and the page is
+    // declared text/html: a value cannot bring markup into the device's
+    // origin. Servers in strict mode turn it on. Before serving starts.
+    void SetEscapeMarkup(bool escape) { m_escapeMarkup = escape; }
+
     bool CanProcessUri(const KZF::tstring &uri) override;
     KZF::CRefCountPtr<CHTTPResponse> ProcessRequest(CHTTPRequest &request, int connectionID) override;
     KZF::CRefCountPtr<CHTTPResponse> GetAdditionalResponseData(int connectionID) override;
@@ -77,6 +84,8 @@ class CHTTPLogHandler : public IHTTPRequestHandler,
     CHTTPLogHandler &operator=(const CHTTPLogHandler &) = delete;
 
     bool HandleRequest(const CKeyValueMap &params, SRequestData &requestData, std::string &errorMessage);
+    // A parameter's value as the 400 page shows it.
+    std::string Shown(const KZF::tstring &value) const;
     // The callers of these hold m_lock.
     void AddRequest(int connectionID, SRequestData &&requestData);
     void RemoveRequest(int connectionID);
@@ -85,6 +94,7 @@ class CHTTPLogHandler : public IHTTPRequestHandler,
     KZF::CCriticalSection m_lock; // guards m_logBuffer and m_connDataMap
     KZF::CCircularBuffer<SLogEntry, KZF::CStaticAllocator<SLogEntry, c_maxEntries>> m_logBuffer;
     std::map<int, SRequestData> m_connDataMap;
+    bool m_escapeMarkup;
 };
 
 } // namespace NVQ

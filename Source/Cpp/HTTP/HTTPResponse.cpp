@@ -1,6 +1,7 @@
 #include "HTTP/HTTPResponse.h"
 
 #include <cerrno>
+#include <cstdio>
 #include <cstring>
 #include <new>
 #include <unistd.h>
@@ -154,5 +155,23 @@ CBadRequestResponse::CBadRequestResponse()
 }
 
 CBadRequestResponse::~CBadRequestResponse() {}
+
+CHTTPClosingErrorResponse::CHTTPClosingErrorResponse(int code, const char *phrase)
+{
+    SetCode(code);
+    SetPhrase(phrase);
+    SetContentType("text/html; charset=utf-8");
+    char page[512];
+    const int length = std::snprintf(
+        page, sizeof(page),
+        "<!DOCTYPE html><html lang=\"en\"><head><meta charset=\"utf-8\"><title>Error %d (%s)</title>"
+        "</head><body><p><b>%d.</b> The request cannot be served on this server.</p></body></html>",
+        code, phrase, code);
+    SetData(reinterpret_cast<const unsigned char *>(page), length);
+    AddHeaderField("Connection", "close");
+    SetIsLast(true);
+}
+
+CHTTPClosingErrorResponse::~CHTTPClosingErrorResponse() {}
 
 } // namespace NVQ

@@ -116,6 +116,16 @@ class CBadRequestResponse : public CHTTPResponse
     ~CBadRequestResponse() override;
 };
 
+// A complete error answer after which the server closes the connection
+// ("Connection: close"), with a short HTML page of its own; the strict mode's
+// refusals.
+class CHTTPClosingErrorResponse : public CHTTPResponse
+{
+  public:
+    CHTTPClosingErrorResponse(int code, const char *phrase);
+    ~CHTTPClosingErrorResponse() override;
+};
+
 } // namespace NVQ
 
 #endif

@@ -22,6 +22,8 @@ CHTTPServer::~CHTTPServer()
 
 bool CHTTPServer::StartServer(const SHTTPServerOptions &options)
 {
+    if (m_httpLayer != nullptr)
+        m_httpLayer->SetStrict(options.m_strict);
     return CSocketServerLayer::StartServer(options.m_port, -1, false);
 }
 

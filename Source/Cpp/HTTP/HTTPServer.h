@@ -10,9 +10,17 @@ namespace NVQ
 class CHTTPLayer;
 
 struct SHTTPServerOptions {
-    SHTTPServerOptions() : m_port(7070) {}
+    SHTTPServerOptions() : m_port(7070), m_strict(false) {}
     // TCP port to listen on (IPv4 and IPv6); 0 picks a free one.
     int m_port;
+    // Strict HTTP/1.1 (RFC 9112) instead of the lenient reference parsing:
+    // for servers behind a front server or in reach of untrusted clients.
+    // Framing by the RFC (Content-Length as digits only, chunked bodies
+    // decoded, no Transfer-Encoding with Content-Length, no obs-fold, Host
+    // required), pipelined requests answered in order, "Connection: close"
+    // and HTTP/1.0 honoured, HEAD answers without body, Expect: 100-continue;
+    // every refusal closes the connection.
+    bool m_strict;
 };
 
 // The HTTP server a host creates. Use:

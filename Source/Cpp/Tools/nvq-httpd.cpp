@@ -28,17 +28,20 @@ namespace
 {
 
 const char c_usage[] =
-    "usage: nvq-httpd [--port N] [--root DIR] [--log-level N] [--help]\n"
+    "usage: nvq-httpd [--port N] [--root DIR] [--log-level N] [--strict] [--help]\n"
     "  --port N       TCP port to listen on (default 7070)\n"
     "  --root DIR     directory to serve (default: the sample site, " NVQ_DEFAULT_ROOT ")\n"
     "  --log-level N  highest log level echoed to standard error (default 4);\n"
     "                 /proxy/log always captures every level\n"
+    "  --strict       strict HTTP/1.1 (RFC 9112 framing, pipelining, keep-alive\n"
+    "                 rules), and the log's error page escapes what it shows\n"
     "  --help         this text\n";
 
 struct SSettings {
     int m_port = 7070;
     std::string m_root = NVQ_DEFAULT_ROOT;
     int m_logLevel = 4;
+    bool m_strict = false;
 };
 
 bool readInt(const char *text, int low, int high, int &value)
@@ -59,6 +62,10 @@ int parseArguments(int argc, char **argv, SSettings &settings)
         const std::string flag = argv[i];
         if (flag == "--help" || flag == "-h")
             return 1;
+        if (flag == "--strict") {
+            settings.m_strict = true;
+            continue;
+        }
         if (flag != "--port" && flag != "--root" && flag != "--log-level") {
             std::fprintf(stderr, "nvq-httpd: unknown flag '%s' (see --help)\n", flag.c_str());
             return -1;
@@ -138,6 +145,7 @@ int main(int argc, char **argv)
 
     KZF::CLogger &logger = KZF::CLogger::GetInstance();
     NVQ::CHTTPLogHandler *logHandler = new NVQ::CHTTPLogHandler();
+    logHandler->SetEscapeMarkup(settings.m_strict);
     NVQ::CHTTPDefaultHandler *fileHandler = new NVQ::CHTTPDefaultHandler(settings.m_root);
     NVQ::CHTTPServer *server = new NVQ::CHTTPServer();
     server->RegisterHandler(*logHandler, false);
@@ -145,6 +153,7 @@ int main(int argc, char **argv)
 
     NVQ::SHTTPServerOptions options;
     options.m_port = settings.m_port;
+    options.m_strict = settings.m_strict;
     CStartFailureDevice startFailure;
     logger.AddOutputDevice(&startFailure);
     const bool started = server->StartServer(options);

@@ -1,0 +1,124 @@
+#ifndef TESTS_SUPPORT_NGINX_H
+#define TESTS_SUPPORT_NGINX_H
+
+// A real nginx (the Debian package) on a free loopback port, with a
+// configuration of the test's own, run in the foreground in a scratch
+// directory and stopped with the object.
+
+#include <arpa/inet.h>
+#include <chrono>
+#include <csignal>
+#include <cstdlib>
+#include <fstream>
+#include <netinet/in.h>
+#include <spawn.h>
+#include <sstream>
+#include <string>
+#include <sys/socket.h>
+#include <sys/wait.h>
+#include <thread>
+#include <unistd.h>
+
+extern char **environ;
+
+namespace NVQTest
+{
+
+class CNginx
+{
+  public:
+    ~CNginx() { Stop(); }
+
+    // `servers` goes into the http block; "{port}" in it is the port nginx
+    // gets. True once nginx answers connections.
+    bool Start(std::string servers)
+    {
+        char pattern[] = "/tmp/nvq-nginx-XXXXXX";
+        if (mkdtemp(pattern) == nullptr)
+            return false;
+        m_directory = pattern;
+        m_port = freePort();
+        for (size_t at; (at = servers.find("{port}")) != std::string::npos;)
+            servers.replace(at, 6, std::to_string(m_port));
+        std::ofstream(m_directory + "/nginx.conf")
+            << "worker_processes 1;\npid " << m_directory << "/nginx.pid;\nerror_log " << m_directory
+            << "/error.log;\nevents { worker_connections 256; }\nhttp {\naccess_log off;\n"
+            << "client_body_temp_path " << m_directory << "/body;\nproxy_temp_path " << m_directory
+            << "/proxy;\nfastcgi_temp_path " << m_directory << "/fastcgi;\nuwsgi_temp_path " << m_directory
+            << "/uwsgi;\nscgi_temp_path " << m_directory << "/scgi;\n"
+            << servers << "}\n";
+        const std::string prefix = m_directory + "/";
+        const std::string config = m_directory + "/nginx.conf";
+        const std::string errors = m_directory + "/error.log";
+        const char *argv[] = {"nginx", "-p",           prefix.c_str(), "-c",          config.c_str(),
+                              "-e",    errors.c_str(), "-g",           "daemon off;", nullptr};
+        if (posix_spawn(&m_pid, "/usr/sbin/nginx", nullptr, nullptr, const_cast<char **>(argv), environ) != 0)
+            return false;
+        for (int i = 0; i < 500; ++i) {
+            if (answers())
+                return true;
+            std::this_thread::sleep_for(std::chrono::milliseconds(10));
+        }
+        return false;
+    }
+
+    int Port() const { return m_port; }
+
+    std::string Log() const
+    {
+        std::ifstream in(m_directory + "/error.log");
+        std::stringstream text;
+        text << in.rdbuf();
+        return text.str();
+    }
+
+    void Stop()
+    {
+        if (m_pid > 0) {
+            ::kill(m_pid, SIGQUIT);
+            int status;
+            ::waitpid(m_pid, &status, 0);
+            m_pid = -1;
+        }
+        if (!m_directory.empty()) {
+            const std::string command = "rm -rf '" + m_directory + "'";
+            if (std::system(command.c_str()) != 0)
+                m_directory.clear();
+            m_directory.clear();
+        }
+    }
+
+  private:
+    static int freePort()
+    {
+        const int fd = ::socket(AF_INET, SOCK_STREAM, 0);
+        struct sockaddr_in address = {};
+        address.sin_family = AF_INET;
+        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        socklen_t length = sizeof(address);
+        ::bind(fd, reinterpret_cast<struct sockaddr *>(&address), sizeof(address));
+        ::getsockname(fd, reinterpret_cast<struct sockaddr *>(&address), &length);
+        ::close(fd);
+        return ntohs(address.sin_port);
+    }
+
+    bool answers() const
+    {
+        const int fd = ::socket(AF_INET, SOCK_STREAM, 0);
+        struct sockaddr_in address = {};
+        address.sin_family = AF_INET;
+        address.sin_port = htons(static_cast<uint16_t>(m_port));
+        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        const bool ok = ::connect(fd, reinterpret_cast<struct sockaddr *>(&address), sizeof(address)) == 0;
+        ::close(fd);
+        return ok;
+    }
+
+    pid_t m_pid = -1;
+    int m_port = 0;
+    std::string m_directory;
+};
+
+} // namespace NVQTest
+
+#endif
