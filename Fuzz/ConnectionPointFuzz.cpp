@@ -382,8 +382,8 @@ void CheckAnswers(const std::string &out, bool ended, bool strict)
             return;
         }
         const std::string header = out.substr(pos, headerEnd + 2 - pos);
-        if (strict &&
-            (header.compare(9, 4, "100 ") == 0 || out.compare(headerEnd + 4, 9, "HTTP/1.1 ") == 0)) {
+        if (strict && (header.compare(9, 4, "100 ") == 0 || headerEnd + 4 == out.size() ||
+                       out.compare(headerEnd + 4, 9, "HTTP/1.1 ") == 0)) {
             pos = headerEnd + 4;
             continue;
         }

@@ -278,8 +278,10 @@ void CEventLoop::Run()
 void CEventLoop::HandleBatch(int64_t now)
 {
     // The index moves on before an event is handled: should its handling
-    // block, the thread that takes over starts at the next one.
-    while (m_batchIndex < m_batchCount && t_pOwnedLoop == this) {
+    // block, the thread that takes over starts at the next one. (A thread
+    // that lost the loop must not even look at the batch any more: the
+    // owner check comes first.)
+    while (t_pOwnedLoop == this && m_batchIndex < m_batchCount) {
         const struct epoll_event &event = m_events[m_batchIndex++];
         void *ptr = event.data.ptr;
         if (ptr == &m_wakeFd) {
@@ -319,7 +321,7 @@ void CEventLoop::HandleBatch(int64_t now)
 
 void CEventLoop::RunTasks(int64_t now)
 {
-    while (m_taskIndex < m_tasks.size() && t_pOwnedLoop == this) {
+    while (t_pOwnedLoop == this && m_taskIndex < m_tasks.size()) {
         const STask task = m_tasks[m_taskIndex++];
         CSocketConnection *connection = task.m_pConnection;
         switch (task.m_task) {
@@ -355,7 +357,7 @@ void CEventLoop::RunTasks(int64_t now)
         if (connection != nullptr)
             connection->ReleaseRef();
     }
-    if (m_taskIndex == m_tasks.size() && t_pOwnedLoop == this) {
+    if (t_pOwnedLoop == this && m_taskIndex == m_tasks.size()) {
         m_tasks.clear();
         m_taskIndex = 0;
     }
