@@ -279,7 +279,9 @@ if [ "$build_nvq" -eq 1 ]; then
     log "building nvq_bench_ws"
     cmake --build "$NVQ_BUILD" -j2 --target nvq_bench_ws >/dev/null || log "warning: nvq_bench_ws did not build"
   fi
-  nvq_cmd="build/bench-nvq/bin/nvq-httpd --port {port} --root {root}"
+  # Like the peers' access logs, the log's per-connection notices stay off
+  # (/proxy/log keeps levels up to 4); everything else is the default.
+  nvq_cmd="build/bench-nvq/bin/nvq-httpd --port {port} --root {root} --capture-level 4"
 fi
 
 # ---------------------------------------------------------------------------

@@ -4,6 +4,7 @@
 #include "HTTP/HTTPRequest.h"
 #include "HTTP/HTTPRequestParser.h"
 #include "HTTP/HTTPResponse.h"
+#include "HTTP/IHTTPExchangeEndNotification.h"
 #include "HTTP/IHTTPRequestHandler.h"
 #include "KZF_Base/Linux/DataBuffer.h"
 #include "KZF_Base/Linux/RefCount.h"
@@ -116,6 +117,9 @@ class CHTTPConnectionPoint : private INVQDataLayerNotification, public KZF::CRef
     bool m_headOnly;      // strict: the header block alone is written
     bool m_expectHandled; // strict: Expect was looked at for this request
     int m_consumed;       // strict: bytes of the buffered request; the rest is the next one
+    // The handler last asked for its exchange end notice, and the notice.
+    IHTTPRequestHandler *m_pCastHandler;
+    IHTTPExchangeEndNotification *m_pEndNotification;
 };
 
 } // namespace NVQ

@@ -153,7 +153,10 @@ bool isServableFile(const KZF::tstring &uri, const KZF::tstring &basePath)
 
 } // namespace
 
-CHTTPDefaultHandler::CHTTPDefaultHandler(const KZF::tstring &directory) : m_directory(directory) {}
+CHTTPDefaultHandler::CHTTPDefaultHandler(const KZF::tstring &directory)
+    : m_directory(directory), m_transfers(0)
+{
+}
 
 CHTTPDefaultHandler::~CHTTPDefaultHandler()
 {
@@ -203,8 +206,9 @@ KZF::CRefCountPtr<CHTTPResponse> CHTTPDefaultHandler::ProcessRequest(CHTTPReques
     SLookup &lookup = t_lookup;
     const bool looked = lookup.m_valid;
     lookup.m_valid = false; // good for this request only
-    {
+    if (m_transfers.load(std::memory_order_relaxed) > 0) {
         // A new request of the connection ends any transfer it still had.
+        // (Its own transfers it counted in itself, so it sees them.)
         KZF::CCriticalSection::CLock lock(m_lock);
         RemoveRequest(connectionID);
     }
@@ -292,6 +296,7 @@ KZF::CRefCountPtr<CHTTPResponse> CHTTPDefaultHandler::GetAdditionalResponseData(
         {
             KZF::CCriticalSection::CLock lock(m_lock);
             m_connDataMap.erase(it);
+            m_transfers.fetch_sub(1, std::memory_order_relaxed);
         }
         closeTransfer(ended);
     }
@@ -319,6 +324,7 @@ void CHTTPDefaultHandler::AddRequest(int connectionID, const SRequestData &reque
 {
     RemoveRequest(connectionID);
     m_connDataMap[connectionID] = requestData;
+    m_transfers.fetch_add(1, std::memory_order_relaxed);
 }
 
 void CHTTPDefaultHandler::RemoveRequest(int connectionID)
@@ -328,6 +334,7 @@ void CHTTPDefaultHandler::RemoveRequest(int connectionID)
         return;
     closeTransfer(it->second);
     m_connDataMap.erase(it);
+    m_transfers.fetch_sub(1, std::memory_order_relaxed);
 }
 
 KZF::CRefCountPtr<CHTTPResponse> CHTTPDefaultHandler::ProcessRequestData(SRequestData &data,

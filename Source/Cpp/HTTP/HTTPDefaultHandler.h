@@ -7,6 +7,7 @@
 #include "KZF_Base/Linux/CriticalSection.h"
 #include "KZF_Base/Linux/KzfTypes.h"
 
+#include <atomic>
 #include <cstdint>
 #include <cstdio>
 #include <map>
@@ -81,6 +82,7 @@ class CHTTPDefaultHandler : public IHTTPRequestHandler, public IHTTPExchangeEndN
     KZF::CCriticalSection m_lock;
     KZF::tstring m_directory;
     std::map<int, SRequestData> m_connDataMap;
+    std::atomic<int> m_transfers; // entries of m_connDataMap
     CHTTPFileCache m_fileCache;
 };
 

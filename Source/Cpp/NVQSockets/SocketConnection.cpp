@@ -24,7 +24,8 @@ namespace
 {
 
 // The writes of the delivery a thread is running, gathered so that a whole
-// answer leaves in one system call. One per thread, made when first needed.
+// answer leaves in one system call. One per thread, made when first needed
+// (the plain pointer is the cheap one to test on every write).
 struct SDeliveryContext {
     static const size_t c_gatherSize = 65536;
     CSocketConnection *m_pConnection = nullptr;
@@ -34,12 +35,15 @@ struct SDeliveryContext {
     std::vector<SOutputSegment> m_segments;
     unsigned char m_gather[c_gatherSize];
 };
-thread_local std::unique_ptr<SDeliveryContext> t_pContext;
+thread_local std::unique_ptr<SDeliveryContext> t_context;
+thread_local SDeliveryContext *t_pContext = nullptr;
 
 SDeliveryContext &deliveryContext()
 {
-    if (!t_pContext)
-        t_pContext.reset(new SDeliveryContext());
+    if (t_pContext == nullptr) {
+        t_context.reset(new SDeliveryContext());
+        t_pContext = t_context.get();
+    }
     return *t_pContext;
 }
 
@@ -110,7 +114,7 @@ CSocketConnection::~CSocketConnection()
 
 bool CSocketConnection::InOwnDelivery() const
 {
-    return t_pContext && t_pContext->m_pConnection == this;
+    return t_pContext != nullptr && t_pContext->m_pConnection == this;
 }
 
 int CSocketConnection::ReadData(void *buffer, int size)
@@ -160,8 +164,47 @@ int CSocketConnection::SendDataHeld(const void *data, int size, KZF::IRefCount *
     return Append(data, static_cast<size_t>(size), holder);
 }
 
+namespace
+{
+
+// Copies a small item into the gather buffer, after the item before it when
+// that one is gathered too.
+void gather(SDeliveryContext &context, const void *data, size_t size)
+{
+    unsigned char *target = context.m_gather + context.m_used;
+    std::memcpy(target, data, size);
+    SOutputSegment *last = context.m_segments.empty() ? nullptr : &context.m_segments.back();
+    if (last != nullptr && last->m_kind == SOutputSegment::eGather &&
+        last->m_pData + last->m_size == target) {
+        last->m_size += size;
+    } else {
+        SOutputSegment segment;
+        std::memset(&segment, 0, sizeof(segment));
+        segment.m_kind = SOutputSegment::eGather;
+        segment.m_pData = target;
+        segment.m_size = size;
+        context.m_segments.push_back(segment);
+    }
+    context.m_used += size;
+    context.m_memory += size;
+}
+
+} // namespace
+
 int CSocketConnection::Append(const void *data, size_t size, KZF::IRefCount *holder)
 {
+    // The common write first: a small item of the running delivery, while the
+    // peer keeps up, goes into the gather buffer.
+    SDeliveryContext *own = t_pContext;
+    if (own != nullptr && own->m_pConnection == this && size - 1 < c_copyLimit - 1 && m_queue.IsEmpty() &&
+        own->m_used + size <= SDeliveryContext::c_gatherSize && !m_broken.load(std::memory_order_relaxed) &&
+        !m_closedByServer.load(std::memory_order_relaxed)) {
+        m_wroteInDelivery = true;
+        gather(*own, data, size);
+        if (own->m_memory >= c_flushMemory && !FlushGathered())
+            return -1;
+        return static_cast<int>(size);
+    }
     if (IsBroken()) {
         // Broken by another thread (StopServer, a timeout) while this one was
         // busy elsewhere: the writer learns of the close now.
@@ -198,22 +241,7 @@ int CSocketConnection::Append(const void *data, size_t size, KZF::IRefCount *hol
             return -1;
         if (!m_queue.IsEmpty())
             return Append(data, size, holder);
-        unsigned char *target = context.m_gather + context.m_used;
-        std::memcpy(target, data, size);
-        SOutputSegment *last = context.m_segments.empty() ? nullptr : &context.m_segments.back();
-        if (last != nullptr && last->m_kind == SOutputSegment::eGather &&
-            last->m_pData + last->m_size == target) {
-            last->m_size += size;
-        } else {
-            SOutputSegment segment;
-            std::memset(&segment, 0, sizeof(segment));
-            segment.m_kind = SOutputSegment::eGather;
-            segment.m_pData = target;
-            segment.m_size = size;
-            context.m_segments.push_back(segment);
-        }
-        context.m_used += size;
-        context.m_memory += size;
+        gather(context, data, size);
     } else {
         SOutputSegment segment;
         std::memset(&segment, 0, sizeof(segment));
@@ -588,37 +616,38 @@ bool CSocketConnection::Linger(int64_t now)
 
 template <class TCall> void CSocketConnection::Deliver(TCall call)
 {
-    INVQDataLayerNotification *notification;
-    {
+    // No lock on this path: a delivery counts itself in before it looks at
+    // the registration, and UnregisterNotification clears the registration
+    // before it looks at the count, so one of the two always sees the other
+    // (both sequentially consistent).
+    m_activeDeliveries.fetch_add(1);
+    INVQDataLayerNotification *notification = m_pNotification.load();
+    if (notification != nullptr) {
+        // The writes of this delivery gather in the thread's context, unless
+        // an outer delivery of this connection gathers them already.
+        SDeliveryContext &context = deliveryContext();
+        const bool ownsContext = context.m_pConnection == nullptr;
+        if (ownsContext)
+            context.m_pConnection = this;
+        const bool tracked = t_depth < c_maxNesting;
+        if (tracked)
+            t_delivering[t_depth] = this;
+        ++t_depth;
+        m_loop.BeginCall(this);
+        call(*notification);
+        m_loop.EndCall();
+        --t_depth;
+        if (ownsContext) {
+            if (context.m_pConnection == this)
+                FlushGathered();
+            context.m_pConnection = nullptr;
+        }
+    }
+    m_activeDeliveries.fetch_sub(1);
+    if (m_unregisterWaiting.load() > 0) {
         std::lock_guard<std::mutex> lock(m_mutex);
-        notification = m_pNotification;
-        if (notification == nullptr)
-            return;
-        ++m_activeDeliveries;
-    }
-    // The writes of this delivery gather in the thread's context, unless an
-    // outer delivery of this connection gathers them already.
-    SDeliveryContext &context = deliveryContext();
-    const bool ownsContext = context.m_pConnection == nullptr;
-    if (ownsContext)
-        context.m_pConnection = this;
-    const bool tracked = t_depth < c_maxNesting;
-    if (tracked)
-        t_delivering[t_depth] = this;
-    ++t_depth;
-    m_loop.BeginCall(this);
-    call(*notification);
-    m_loop.EndCall();
-    --t_depth;
-    if (ownsContext) {
-        if (context.m_pConnection == this)
-            FlushGathered();
-        context.m_pConnection = nullptr;
-    }
-    std::lock_guard<std::mutex> lock(m_mutex);
-    --m_activeDeliveries;
-    if (m_unregisterWaiting)
         s_deliveryEnded.notify_all();
+    }
 }
 
 void CSocketConnection::DeliverDataReceived()
@@ -640,18 +669,17 @@ void CSocketConnection::DeliverConnectionClosed()
 
 bool CSocketConnection::IsRegistered()
 {
-    std::lock_guard<std::mutex> lock(m_mutex);
-    return m_pNotification != nullptr;
+    return m_pNotification.load() != nullptr;
 }
 
 void CSocketConnection::RegisterNotification(INVQDataLayerNotification &notification)
 {
     {
         std::lock_guard<std::mutex> lock(m_mutex);
-        INVQDataLayerNotification *previous = m_pNotification;
+        INVQDataLayerNotification *previous = m_pNotification.load();
         if (previous == &notification)
             return;
-        m_pNotification = &notification;
+        m_pNotification.store(&notification);
         notification.AddNotificationRef();
         if (previous != nullptr) {
             // The replaced registration hands its hold on the connection over.
@@ -666,15 +694,13 @@ void CSocketConnection::UnregisterNotification(INVQDataLayerNotification &notifi
 {
     {
         std::unique_lock<std::mutex> lock(m_mutex);
-        const bool registered = m_pNotification == &notification;
+        const bool registered = m_pNotification.load() == &notification;
         if (registered)
-            m_pNotification = nullptr;
+            m_pNotification.store(nullptr);
         const int own = ownDeliveries(this);
-        if (m_activeDeliveries > own) {
-            m_unregisterWaiting = true;
-            s_deliveryEnded.wait(lock, [this, own] { return m_activeDeliveries <= own; });
-            m_unregisterWaiting = false;
-        }
+        m_unregisterWaiting.fetch_add(1);
+        s_deliveryEnded.wait(lock, [this, own] { return m_activeDeliveries.load() <= own; });
+        m_unregisterWaiting.fetch_sub(1);
         if (!registered)
             return;
         notification.ReleaseNotificationRef();

@@ -157,10 +157,12 @@ class CSocketConnection : public INVQDataLayer
     uint64_t m_progress;     // bytes sent in all
     uint64_t m_lastProgress; // m_progress when the send deadline was last set
 
+    // Deliveries take no lock (see Deliver); the mutex serialises
+    // registration changes and the side buffer.
+    std::atomic<INVQDataLayerNotification *> m_pNotification;
+    std::atomic<int> m_activeDeliveries;
+    std::atomic<int> m_unregisterWaiting;
     std::mutex m_mutex; // guards the fields below
-    INVQDataLayerNotification *m_pNotification;
-    int m_activeDeliveries;
-    bool m_unregisterWaiting;
     bool m_sideScheduled;
     std::string m_sideBuffer; // bytes other threads wrote, in order
 };

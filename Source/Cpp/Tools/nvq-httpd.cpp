@@ -10,6 +10,7 @@
 #include "KZF_Utilities/Linux/Logger.h"
 #include "KZF_Utilities/Linux/SysUtils.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <climits>
 #include <csignal>
@@ -28,19 +29,22 @@ namespace
 {
 
 const char c_usage[] =
-    "usage: nvq-httpd [--port N] [--root DIR] [--log-level N] [--strict] [--help]\n"
-    "  --port N       TCP port to listen on (default 7070)\n"
-    "  --root DIR     directory to serve (default: the sample site, " NVQ_DEFAULT_ROOT ")\n"
-    "  --log-level N  highest log level echoed to standard error (default 4);\n"
-    "                 /proxy/log always captures every level\n"
-    "  --strict       strict HTTP/1.1 (RFC 9112 framing, pipelining, keep-alive\n"
-    "                 rules), and the log's error page escapes what it shows\n"
-    "  --help         this text\n";
+    "usage: nvq-httpd [options]\n"
+    "  --port N           TCP port to listen on (default 7070)\n"
+    "  --root DIR         directory to serve (default: the sample site, " NVQ_DEFAULT_ROOT ")\n"
+    "  --log-level N      highest log level echoed to standard error (default 4)\n"
+    "  --capture-level N  highest log level /proxy/log captures (default: every level)\n"
+    "  --loops N          event loops serving connections (default: one per core)\n"
+    "  --strict           strict HTTP/1.1 (RFC 9112 framing, pipelining, keep-alive\n"
+    "                     rules), and the log's error page escapes what it shows\n"
+    "  --help             this text\n";
 
 struct SSettings {
     int m_port = 7070;
     std::string m_root = NVQ_DEFAULT_ROOT;
     int m_logLevel = 4;
+    int m_captureLevel = INT_MAX;
+    int m_loops = 0;
     bool m_strict = false;
 };
 
@@ -55,38 +59,54 @@ bool readInt(const char *text, int low, int high, int &value)
     return true;
 }
 
+// One flag: a switch (no value), a number within bounds, or a text.
+struct SFlag {
+    const char *m_name;
+    bool *m_pSwitch;
+    int *m_pNumber;
+    int m_low, m_high;
+    std::string *m_pText;
+};
+
 // Returns 0 to go on, 1 for --help, -1 (after printing why) for bad flags.
 int parseArguments(int argc, char **argv, SSettings &settings)
 {
+    const SFlag flags[] = {
+        {"--port", nullptr, &settings.m_port, 0, 65535, nullptr},
+        {"--root", nullptr, nullptr, 0, 0, &settings.m_root},
+        {"--log-level", nullptr, &settings.m_logLevel, 0, INT_MAX, nullptr},
+        {"--capture-level", nullptr, &settings.m_captureLevel, 0, INT_MAX, nullptr},
+        {"--loops", nullptr, &settings.m_loops, 0, 64, nullptr},
+        {"--strict", &settings.m_strict, nullptr, 0, 0, nullptr},
+    };
     for (int i = 1; i < argc; ++i) {
-        const std::string flag = argv[i];
-        if (flag == "--help" || flag == "-h")
+        const std::string name = argv[i];
+        if (name == "--help" || name == "-h")
             return 1;
-        if (flag == "--strict") {
-            settings.m_strict = true;
-            continue;
+        const SFlag *flag = nullptr;
+        for (const SFlag &candidate : flags) {
+            if (name == candidate.m_name)
+                flag = &candidate;
         }
-        if (flag != "--port" && flag != "--root" && flag != "--log-level") {
-            std::fprintf(stderr, "nvq-httpd: unknown flag '%s' (see --help)\n", flag.c_str());
+        if (flag == nullptr) {
+            std::fprintf(stderr, "nvq-httpd: unknown flag '%s' (see --help)\n", name.c_str());
             return -1;
         }
+        if (flag->m_pSwitch != nullptr) {
+            *flag->m_pSwitch = true;
+            continue;
+        }
         if (i + 1 >= argc) {
-            std::fprintf(stderr, "nvq-httpd: %s needs a value (see --help)\n", flag.c_str());
+            std::fprintf(stderr, "nvq-httpd: %s needs a value (see --help)\n", name.c_str());
             return -1;
         }
         const char *value = argv[++i];
-        if (flag == "--port") {
-            if (!readInt(value, 0, 65535, settings.m_port)) {
-                std::fprintf(stderr, "nvq-httpd: bad port '%s' (0 to 65535)\n", value);
-                return -1;
-            }
-        } else if (flag == "--root") {
-            settings.m_root = value;
-        } else {
-            if (!readInt(value, 0, INT_MAX, settings.m_logLevel)) {
-                std::fprintf(stderr, "nvq-httpd: bad log level '%s'\n", value);
-                return -1;
-            }
+        if (flag->m_pText != nullptr) {
+            *flag->m_pText = value;
+        } else if (!readInt(value, flag->m_low, flag->m_high, *flag->m_pNumber)) {
+            std::fprintf(stderr, "nvq-httpd: bad value '%s' for %s (%d to %d)\n", value, name.c_str(),
+                         flag->m_low, flag->m_high);
+            return -1;
         }
     }
     return 0;
@@ -144,6 +164,9 @@ int main(int argc, char **argv)
     std::signal(SIGPIPE, SIG_IGN);
 
     KZF::CLogger &logger = KZF::CLogger::GetInstance();
+    // Levels neither echoed nor captured are dropped before they are
+    // formatted: a quiet server spends nothing on its notices.
+    logger.SetLevelThreshold(std::max(settings.m_logLevel, settings.m_captureLevel));
     NVQ::CHTTPLogHandler *logHandler = new NVQ::CHTTPLogHandler();
     logHandler->SetEscapeMarkup(settings.m_strict);
     NVQ::CHTTPDefaultHandler *fileHandler = new NVQ::CHTTPDefaultHandler(settings.m_root);
@@ -151,6 +174,7 @@ int main(int argc, char **argv)
     server->RegisterHandler(*logHandler, false);
     server->RegisterHandler(*fileHandler, false);
 
+    server->SetLoopCount(settings.m_loops);
     NVQ::SHTTPServerOptions options;
     options.m_port = settings.m_port;
     options.m_strict = settings.m_strict;
