@@ -37,6 +37,15 @@ class CTestConnection : public NVQ::INVQDataLayerNotification
 
     void OnDataReceived(NVQ::INVQDataLayer &layer) override;
     void OnConnectionClosed(NVQ::INVQDataLayer &layer) override;
+    void OnDataSent(NVQ::INVQDataLayer &) override { ++m_sentNotices; }
+    bool OnIdle(NVQ::INVQDataLayer &layer) override
+    {
+        // A long exchange that stays: a keep-alive byte of its own each time.
+        if (m_idleNotices++ >= m_keepIdle)
+            return false;
+        layer.SendData("k", 1);
+        return true;
+    }
 
     void Detach()
     {
@@ -49,6 +58,9 @@ class CTestConnection : public NVQ::INVQDataLayerNotification
     std::atomic<NVQ::INVQDataLayer *> m_pLayer;
     std::atomic<int> m_inside{0};
     std::atomic<int> m_closes{0};
+    std::atomic<int> m_sentNotices{0};
+    std::atomic<int> m_idleNotices{0};
+    int m_keepIdle = 0;
 };
 
 class CTestListener : public NVQ::INVQMultiPointLayerNotification
@@ -495,6 +507,49 @@ TEST_F(SocketServerLayerTest, AtTheCapTheLongestIdleMakesRoomUnlessNoneIsIdle)
         ASSERT_TRUE(client->Send("\n"));
         EXPECT_EQ("ok", client->Receive(2));
     }
+}
+
+TEST_F(SocketServerLayerTest, LongLivedConnectionsLiveOnIdleNoticesAndNeverMakeRoom)
+{
+    m_server.SetIdleTimeout(100);
+    m_server.SetMaxConnections(1);
+    m_listener.m_onData = [](CTestConnection &connection, NVQ::INVQDataLayer &layer, const std::string &) {
+        connection.m_keepIdle = 3;
+        layer.SetLongLived();
+    };
+    CTestClient client;
+    ASSERT_TRUE(client.Connect(m_port));
+    ASSERT_TRUE(client.Send("upgrade"));
+    ASSERT_TRUE(
+        waitFor([&] { return m_listener.ConnectionCount() == 1 && m_listener.m_dataNotifications > 0; }));
+    CTestClient newcomer; // at the cap, and the only other connection is not idle
+    ASSERT_TRUE(newcomer.Connect(m_port));
+    EXPECT_TRUE(newcomer.WaitClosed(2000));
+    EXPECT_EQ("kkk", client.ReceiveUntilClosed(3000)) << "three keep-alives, then silence ends it";
+    EXPECT_TRUE(client.IsClosed());
+    EXPECT_EQ(4, m_listener.Connection(0).m_idleNotices.load());
+}
+
+TEST_F(SocketServerLayerTest, OtherThreadsSeeWhatWaitsAndWakeTheWriter)
+{
+    std::atomic<NVQ::INVQDataLayer *> layerSeen{nullptr};
+    m_listener.m_onData = [&](CTestConnection &, NVQ::INVQDataLayer &layer, const std::string &) {
+        layerSeen = &layer;
+    };
+    CTestClient client;
+    ASSERT_TRUE(client.Connect(m_port));
+    ASSERT_TRUE(client.Send("go"));
+    ASSERT_TRUE(waitFor([&] { return layerSeen.load() != nullptr; }));
+    NVQ::INVQDataLayer &layer = *layerSeen.load();
+    // More than both sockets' buffers hold while the peer reads nothing.
+    const std::string piece(32 * 1024 * 1024, 'p');
+    std::thread producer([&] { layer.SendData(piece.data(), static_cast<int>(piece.size())); });
+    producer.join();
+    EXPECT_TRUE(waitFor([&] { return layer.GetPendingOutput() > 0; })) << "the peer reads nothing yet";
+    EXPECT_EQ(piece.size(), client.Receive(piece.size()).size());
+    EXPECT_TRUE(waitFor([&] { return layer.GetPendingOutput() == 0; }));
+    std::thread([&] { layer.NotifyWhenWritable(); }).join();
+    EXPECT_TRUE(waitFor([&] { return m_listener.Connection(0).m_sentNotices.load() == 1; }));
 }
 
 TEST_F(SocketServerLayerTest, StopServerWakesABlockedSendAndDeliversEveryClose)

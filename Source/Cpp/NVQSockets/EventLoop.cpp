@@ -438,7 +438,7 @@ void CEventLoop::Settle(CSocketConnection &connection, int64_t now)
     connection.Settle(now, m_core.m_idleTimeoutMs.load(std::memory_order_relaxed),
                       m_core.m_requestTimeoutMs.load(std::memory_order_relaxed),
                       m_core.m_sendTimeoutMs.load(std::memory_order_relaxed));
-    if (connection.GetWait() == CSocketConnection::eWaitIdle)
+    if (connection.GetWait() == CSocketConnection::eWaitIdle && !connection.IsLongLived())
         LinkIdle(connection);
     else
         UnlinkIdle(connection);
@@ -566,6 +566,11 @@ void CEventLoop::Expire(int64_t now)
             connection->AddRef();
             Finish(*connection);
             connection->ReleaseRef();
+        } else if (connection->GetWait() == CSocketConnection::eWaitIdle &&
+                   connection->DeliverIdle(now, m_core.m_idleTimeoutMs.load(std::memory_order_relaxed))) {
+            // Kept (a long exchange sent a keep-alive of its own): whatever it
+            // wrote goes out now.
+            Handle(*connection, now);
         } else {
             // Idle too long, a request too slow, or a peer that takes nothing:
             // closed as if the peer had gone.

@@ -95,10 +95,11 @@ CSocketConnection::CSocketConnection(CEventLoop &loop, int fd, const struct sock
       m_pIdleNext(nullptr), m_inIdleList(false), m_finished(false), m_loop(loop), m_fd(fd),
       m_pTransport(&CSocketTransport::Plain()), m_localAddress(*this), m_broken(false),
       m_closedByServer(false), m_closeDelivered(false), m_readable(false), m_endSeen(false),
-      m_peerClosed(false), m_hangUp(false), m_readPaused(false), m_wantSent(false), m_lingering(false),
-      m_readInDelivery(false), m_wroteInDelivery(false), m_readCalled(false), m_idleHint(-1),
-      m_wait(eWaitNone), m_deadline(0), m_waitSince(0), m_progress(0), m_lastProgress(0),
-      m_pNotification(nullptr), m_activeDeliveries(0), m_unregisterWaiting(false), m_sideScheduled(false)
+      m_peerClosed(false), m_hangUp(false), m_readPaused(false), m_wantSent(false), m_longLived(false),
+      m_wakeRequested(false), m_pendingBytes(0), m_lingering(false), m_readInDelivery(false),
+      m_wroteInDelivery(false), m_readCalled(false), m_idleHint(-1), m_wait(eWaitNone), m_deadline(0),
+      m_waitSince(0), m_progress(0), m_lastProgress(0), m_pNotification(nullptr), m_activeDeliveries(0),
+      m_unregisterWaiting(false), m_sideScheduled(false)
 {
     m_remoteAddress.Set(remote, remoteLength);
 }
@@ -323,6 +324,7 @@ int CSocketConnection::AppendFromOtherThread(const void *data, size_t size)
         if (IsBroken() || IsClosedByServer())
             return -1;
         m_sideBuffer.append(static_cast<const char *>(data), size);
+        m_pendingBytes.fetch_add(size, std::memory_order_relaxed);
         schedule = !m_sideScheduled;
         m_sideScheduled = true;
     }
@@ -386,6 +388,8 @@ bool CSocketConnection::FlushGathered()
     context.m_fileBytes = 0;
     if (!ok)
         Fail();
+    if (!m_queue.IsEmpty() || m_pendingBytes.load(std::memory_order_relaxed) != 0)
+        CountPending();
     return ok;
 }
 
@@ -424,6 +428,27 @@ void CSocketConnection::ResumeReading()
 void CSocketConnection::SetIdle(bool idle)
 {
     m_idleHint = idle ? 1 : 0;
+}
+
+size_t CSocketConnection::GetPendingOutput() const
+{
+    return m_pendingBytes.load(std::memory_order_relaxed);
+}
+
+void CSocketConnection::CountPending()
+{
+    size_t side;
+    {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        side = m_sideBuffer.size();
+    }
+    m_pendingBytes.store(m_queue.GetBufferedBytes() + side, std::memory_order_relaxed);
+}
+
+void CSocketConnection::NotifyWhenWritable()
+{
+    m_wakeRequested.store(true);
+    m_loop.Post(CEventLoop::eTaskService, this);
 }
 
 void CSocketConnection::Fail()
@@ -468,6 +493,7 @@ void CSocketConnection::TakeSideBuffer()
     s_sideTaken.notify_all();
     if (!bytes.empty() && !IsBroken())
         m_queue.AppendCopy(bytes.data(), bytes.size());
+    CountPending();
 }
 
 void CSocketConnection::ShutdownSocket()
@@ -486,12 +512,15 @@ CSocketConnection::EServiceResult CSocketConnection::Service(int64_t now)
         uint64_t moved = 0;
         const int result = m_queue.Send(*m_pTransport, GetFd(), moved);
         m_progress += moved;
-        if (result < 0) {
+        if (result < 0)
             Fail();
-        } else if (result == 1 && m_wantSent && !IsClosedByServer()) {
-            m_wantSent = false;
-            DeliverDataSent();
-        }
+        CountPending();
+    }
+    if (m_wakeRequested.exchange(false))
+        m_wantSent = true;
+    if (m_wantSent && m_queue.IsEmpty() && !IsBroken() && !IsClosedByServer()) {
+        m_wantSent = false;
+        DeliverDataSent();
     }
     // Input, as long as the notification takes it (a few rounds at most, so
     // one busy connection cannot hold the loop).
@@ -530,6 +559,11 @@ bool CSocketConnection::Settle(int64_t now, int idleTimeoutMs, int requestTimeou
         wait = eWaitLinger;
     } else if (!m_queue.IsEmpty()) {
         wait = eWaitSending;
+    } else if (m_longLived) {
+        // Traffic keeps a long exchange alive; only silence ends it.
+        wait = eWaitIdle;
+        if (m_readInDelivery || m_wroteInDelivery)
+            m_deadline = now + idleTimeoutMs;
     } else {
         bool idle;
         if (m_idleHint >= 0)
@@ -665,6 +699,15 @@ void CSocketConnection::DeliverConnectionClosed()
     if (m_closeDelivered.exchange(true))
         return;
     Deliver([this](INVQDataLayerNotification &notification) { notification.OnConnectionClosed(*this); });
+}
+
+bool CSocketConnection::DeliverIdle(int64_t now, int idleTimeoutMs)
+{
+    bool keep = false;
+    Deliver([this, &keep](INVQDataLayerNotification &notification) { keep = notification.OnIdle(*this); });
+    if (keep)
+        m_deadline = now + idleTimeoutMs;
+    return keep;
 }
 
 bool CSocketConnection::IsRegistered()

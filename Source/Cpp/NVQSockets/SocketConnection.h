@@ -47,6 +47,9 @@ class CSocketConnection : public INVQDataLayer
     void PauseReading() override;
     void ResumeReading() override;
     void SetIdle(bool idle) override;
+    void SetLongLived() override { m_longLived = true; }
+    size_t GetPendingOutput() const override;
+    void NotifyWhenWritable() override;
     const INVQConnectionAddress *GetRemoteAddress() const override { return &m_remoteAddress; }
     void RegisterNotification(INVQDataLayerNotification &notification) override;
     void UnregisterNotification(INVQDataLayerNotification &notification) override;
@@ -68,6 +71,8 @@ class CSocketConnection : public INVQDataLayer
     EServiceResult Service(int64_t now);
     // Moves bytes other threads wrote into the queue.
     void TakeSideBuffer();
+    // Publishes what waits, for GetPendingOutput.
+    void CountPending();
     // Forces the connection closed (stop, timeout, room at the cap): the
     // close notification follows at the next Service.
     void Break() { m_broken.store(true, std::memory_order_release); }
@@ -86,6 +91,10 @@ class CSocketConnection : public INVQDataLayer
     // Delivers the close notification unless it was delivered already. Safe
     // while a delivery of this connection blocks on another thread.
     void DeliverConnectionClosed();
+    // The idle timeout passed: true when the notification keeps the
+    // connection (its deadline is then renewed).
+    bool DeliverIdle(int64_t now, int idleTimeoutMs);
+    bool IsLongLived() const { return m_longLived; }
     // The server's close, accepted from any thread.
     bool IsClosedByServer() const { return m_closedByServer.load(std::memory_order_acquire); }
     bool IsBroken() const { return m_broken.load(std::memory_order_acquire); }
@@ -146,6 +155,9 @@ class CSocketConnection : public INVQDataLayer
     bool m_hangUp;     // the socket reported an error or a hang-up
     bool m_readPaused;
     bool m_wantSent; // IsWritable answered false: OnDataSent is owed
+    bool m_longLived;
+    std::atomic<bool> m_wakeRequested;  // NotifyWhenWritable from another thread
+    std::atomic<size_t> m_pendingBytes; // queue and side buffer, for GetPendingOutput
     bool m_lingering;
     bool m_readInDelivery;  // since the last Settle
     bool m_wroteInDelivery; // since the last Settle

@@ -49,6 +49,14 @@ class INVQDataLayerNotification : public INVQConnectionClosedNotification
     // The bytes that made the connection report itself not writable are
     // gone: a writer that stopped there goes on.
     virtual void OnDataSent(INVQDataLayer &connection) { (void)connection; }
+    // The connection has been idle for the idle timeout. True keeps it open
+    // for another period (a long-lived connection that sent a keep-alive of
+    // its own); false, the default, closes it as a peer that left.
+    virtual bool OnIdle(INVQDataLayer &connection)
+    {
+        (void)connection;
+        return false;
+    }
 };
 
 class INVQMultiPointLayerNotification : public INVQNotification

@@ -78,8 +78,24 @@ class INVQDataLayer : public KZF::CRefCount_Base
     // holds part of a request (the request timeout applies).
     virtual void SetIdle(bool idle) { (void)idle; }
 
+    // From now on the connection carries one long exchange (an upgraded
+    // protocol, an event stream) instead of requests: only the idle timeout
+    // applies, renewed by traffic and by OnIdle, and it is never closed to
+    // make room for a newcomer.
+    virtual void SetLongLived() {}
+
     // The peer's address, when the connection knows it.
     virtual const INVQConnectionAddress *GetRemoteAddress() const { return nullptr; }
+
+    // Bytes written and not yet handed to the kernel (copies and held bytes;
+    // file ranges are not counted). Safe from any thread: a sender that must
+    // not fall behind a slow peer bounds its queue with it.
+    virtual size_t GetPendingOutput() const { return 0; }
+
+    // Asks for OnDataSent once everything written so far is in the kernel's
+    // hands (soon, when nothing waits). Safe from any thread: a producer on
+    // another thread wakes the connection's writer this way.
+    virtual void NotifyWhenWritable() {}
 };
 
 } // namespace NVQ
