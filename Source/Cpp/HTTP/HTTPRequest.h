@@ -65,6 +65,14 @@ class CHTTPRequest : public KZF::CRefCount_Base
     void SetChunked(bool chunked) { m_chunked = chunked; }
     bool IsChunked() const { return m_chunked; }
 
+    // The client's address as the connection knows it ("192.0.2.7:51234",
+    // "[2001:db8::1]:51234"; empty when unknown), and whether the request
+    // came over TLS. Access rules key on them.
+    void SetRemoteAddress(const KZF::tstring &address) { m_remoteAddress = address; }
+    const KZF::tstring &GetRemoteAddress() const { return m_remoteAddress; }
+    void SetSecure(bool secure) { m_secure = secure; }
+    bool IsSecure() const { return m_secure; }
+
     // Rebuilds the parameters from the query part of the URI.
     void ProcessRequestParamsFromUri();
     // Adds the parameters of an application/x-www-form-urlencoded body (a
@@ -92,6 +100,8 @@ class CHTTPRequest : public KZF::CRefCount_Base
     bool m_bodyParamsProcessed;
     int m_httpVersion;
     bool m_chunked;
+    bool m_secure;
+    KZF::tstring m_remoteAddress;
 };
 
 } // namespace NVQ

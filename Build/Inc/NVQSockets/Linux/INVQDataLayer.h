@@ -84,6 +84,9 @@ class INVQDataLayer : public KZF::CRefCount_Base
     // make room for a newcomer.
     virtual void SetLongLived() {}
 
+    // True when the bytes travel encrypted (TLS below this layer).
+    virtual bool IsSecure() const { return false; }
+
     // The peer's address, when the connection knows it.
     virtual const INVQConnectionAddress *GetRemoteAddress() const { return nullptr; }
 
