@@ -53,6 +53,23 @@ size_t formatNumber(char *out, long value)
     return length;
 }
 
+// The value of a "Content-Length" field of a handler's own: digits only (18
+// at most, so no sum overflows); -1 for anything else.
+int64_t declaredLength(const CHTTPResponse &response)
+{
+    const CKeyValueMap &fields = response.GetAdditionalHeaders();
+    const CKeyValueMap::const_iterator it = fields.find("Content-Length");
+    if (it == fields.end() || it->second.empty() || it->second.size() > 18)
+        return -1;
+    int64_t value = 0;
+    for (const char c : it->second) {
+        if (c < '0' || c > '9')
+            return -1;
+        value = value * 10 + (c - '0');
+    }
+    return value;
+}
+
 } // namespace
 
 // Shared by every connection point; never changed after construction.
@@ -92,8 +109,8 @@ const CHTTPResponse &closingAnswer(int status)
 CHTTPConnectionPoint::CHTTPConnectionPoint(INVQDataLayer &dataLayer, CHTTPLayer &layer, int connectionID)
     : m_pDataLayer(&dataLayer), m_pLayer(&layer), m_pHandler(nullptr), m_receivedSize(0),
       m_connectionID(connectionID), m_isClosed(false), m_exchange(eNoExchange), m_detachAfterExchange(false),
-      m_strict(false), m_headOnly(false), m_expectHandled(false), m_consumed(0), m_pCastHandler(nullptr),
-      m_pEndNotification(nullptr)
+      m_strict(false), m_headOnly(false), m_expectHandled(false), m_consumed(0), m_keepAfterStream(false),
+      m_streamDeclared(-1), m_streamSent(0), m_pCastHandler(nullptr), m_pEndNotification(nullptr)
 {
     m_pDataLayer->RegisterNotification(*this);
     m_receiveBuffer.SetSize(c_initialBufferSize);
@@ -268,7 +285,8 @@ const CHTTPResponse &CHTTPConnectionPoint::Announced(const CHTTPResponse &respon
 {
     // A complete answer on a connection that stays open, and every
     // send-only piece, go as they are.
-    if (!m_strict || response.SendOnlyData() || (response.IsLast() && !m_detachAfterExchange))
+    if (!m_strict || response.SendOnlyData() ||
+        ((response.IsLast() || KeepsAfterStream(response)) && !m_detachAfterExchange))
         return response;
     if (&response == &s_notFoundResponse || &response == &s_badRequestResponse)
         return closingAnswer(response.GetCode());
@@ -279,6 +297,12 @@ const CHTTPResponse &CHTTPConnectionPoint::Announced(const CHTTPResponse &respon
             record.AddHeaderField("Connection", "close");
     }
     return response;
+}
+
+bool CHTTPConnectionPoint::KeepsAfterStream(const CHTTPResponse &response) const
+{
+    return m_keepAfterStream && !response.SendOnlyData() && !response.IsLast() &&
+           declaredLength(response) >= 0;
 }
 
 void CHTTPConnectionPoint::ProcessRequest(KZF::CRefCountPtr<CHTTPRequest> request)
@@ -353,6 +377,7 @@ void CHTTPConnectionPoint::EndExchange()
     IHTTPRequestHandler *handler = m_pHandler.exchange(nullptr);
     m_piece = static_cast<CHTTPResponse *>(nullptr);
     m_request = static_cast<CHTTPRequest *>(nullptr);
+    m_streamDeclared = -1;
     m_exchange = eNoExchange;
     if (handler != nullptr) {
         // Handlers are few and a connection mostly asks the same one: the
@@ -473,9 +498,17 @@ void CHTTPConnectionPoint::SendResponse(const CHTTPResponse &given)
         return;
 
     if (response.SendOnlyData()) {
-        if (SendData(response) && response.IsLast())
+        m_streamSent += response.GetDataSize();
+        // A stream of unknown or unmatched length is delimited by the close.
+        if (SendData(response) && response.IsLast() &&
+            (m_streamDeclared < 0 || m_streamSent != m_streamDeclared))
             Detach();
         return;
+    }
+    const bool headersOnly = response.IsHeadersOnly() || m_headOnly;
+    if (!response.IsLast()) {
+        m_streamDeclared = KeepsAfterStream(response) ? declaredLength(response) : -1;
+        m_streamSent = headersOnly ? 0 : response.GetDataSize();
     }
 
     // Wire form: status line; Content-Type when set; the computed length on
@@ -496,7 +529,7 @@ void CHTTPConnectionPoint::SendResponse(const CHTTPResponse &given)
             !Write(c_lineEnd, sizeof(c_lineEnd) - 1))
             return;
     }
-    if (response.IsLast()) {
+    if (response.IsLast() && !response.IsHeadersOnly()) {
         length = formatNumber(buffer, response.GetDataSize());
         if (!Write(c_contentLengthStart, sizeof(c_contentLengthStart) - 1) || !Write(buffer, length) ||
             !Write(c_lineEnd, sizeof(c_lineEnd) - 1))
@@ -511,7 +544,7 @@ void CHTTPConnectionPoint::SendResponse(const CHTTPResponse &given)
     }
     if (!Write(c_lineEnd, sizeof(c_lineEnd) - 1))
         return;
-    if (response.GetDataSize() > 0 && !m_headOnly)
+    if (response.GetDataSize() > 0 && !headersOnly)
         SendData(response);
 }
 

@@ -13,6 +13,7 @@
 #include "NVQSockets/Linux/INVQDataLayer.h"
 
 #include <atomic>
+#include <cstdint>
 
 namespace NVQ
 {
@@ -48,6 +49,11 @@ class CHTTPConnectionPoint : private INVQDataLayerNotification, public KZF::CRef
     // "Connection: close" end the connection, HEAD answers carry no body,
     // and "Expect: 100-continue" is answered.
     void SetStrict(bool strict);
+    // Keep the connection after a streamed answer whose first piece declared
+    // a "Content-Length" field that its pieces then matched exactly (set
+    // before the first bytes arrive). Off: every streamed answer ends the
+    // connection.
+    void SetKeepAfterStream(bool keep) { m_keepAfterStream = keep; }
     int GetConnectionID() const { return m_connectionID; }
 
     // Dispatch of one request; a null request stands for one the parser
@@ -81,6 +87,9 @@ class CHTTPConnectionPoint : private INVQDataLayerNotification, public KZF::CRef
     // The record to write in place of `response` in strict mode: one that
     // announces the close when the connection ends after it.
     const CHTTPResponse &Announced(const CHTTPResponse &response);
+    // The first piece of a streamed answer whose declared length, once
+    // matched, keeps the connection.
+    bool KeepsAfterStream(const CHTTPResponse &response) const;
     // Pulls and writes pieces until the answer is complete; false when it
     // parked because the peer is behind.
     bool RunPulls();
@@ -117,6 +126,9 @@ class CHTTPConnectionPoint : private INVQDataLayerNotification, public KZF::CRef
     bool m_headOnly;      // strict: the header block alone is written
     bool m_expectHandled; // strict: Expect was looked at for this request
     int m_consumed;       // strict: bytes of the buffered request; the rest is the next one
+    bool m_keepAfterStream;
+    int64_t m_streamDeclared; // the running stream's declared length, or -1
+    int64_t m_streamSent;     // and the bytes its pieces carried so far
     // The handler last asked for its exchange end notice, and the notice.
     IHTTPRequestHandler *m_pCastHandler;
     IHTTPExchangeEndNotification *m_pEndNotification;

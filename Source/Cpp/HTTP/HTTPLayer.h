@@ -42,6 +42,9 @@ class CHTTPLayer : private INVQMultiPointLayerNotification
     // Connections accepted from now on speak strict HTTP/1.1 (see
     // CHTTPConnectionPoint::SetStrict). Before the server starts.
     void SetStrict(bool strict) { m_strict = strict; }
+    // Connections accepted from now on keep a streamed answer's connection
+    // when its length held (see CHTTPConnectionPoint::SetKeepAfterStream).
+    void SetKeepAfterStream(bool keep) { m_keepAfterStream = keep; }
 
     // A connection point leaves the table (its connection closed).
     void OnConnectionPointClosed(CHTTPConnectionPoint &connectionPoint);
@@ -62,6 +65,7 @@ class CHTTPLayer : private INVQMultiPointLayerNotification
     std::map<int, KZF::CRefCountPtr<CHTTPConnectionPoint>> m_connectionPoints;
     KZF::CCriticalSection m_lock;
     bool m_strict;
+    bool m_keepAfterStream;
 };
 
 } // namespace NVQ

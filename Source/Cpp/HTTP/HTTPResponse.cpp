@@ -40,8 +40,8 @@ CHTTPFileBody::~CHTTPFileBody()
 }
 
 CHTTPResponse::CHTTPResponse()
-    : m_code(0), m_pData(nullptr), m_dataSize(0), m_isLast(false), m_sendOnlyData(false), m_pFile(nullptr),
-      m_fileOffset(0)
+    : m_code(0), m_pData(nullptr), m_dataSize(0), m_isLast(false), m_sendOnlyData(false),
+      m_headersOnly(false), m_pFile(nullptr), m_fileOffset(0)
 {
 }
 

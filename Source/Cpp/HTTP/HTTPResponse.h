@@ -76,6 +76,13 @@ class CHTTPResponse : public KZF::CRefCount_Base
     void SetSendOnlyData(bool sendOnlyData) { m_sendOnlyData = sendOnlyData; }
     bool SendOnlyData() const { return m_sendOnlyData; }
 
+    // The header block alone goes out, with no computed length and no data,
+    // for an answer that is complete (IsLast) without a body: HEAD, 304. A
+    // "Content-Length" field of the handler's own may tell what a GET would
+    // carry.
+    void SetHeadersOnly(bool headersOnly) { m_headersOnly = headersOnly; }
+    bool IsHeadersOnly() const { return m_headersOnly; }
+
     // Names are exact and case-sensitive. True when the name is new; false
     // when an earlier value of that name was replaced.
     bool AddHeaderField(const KZF::tstring &name, const KZF::tstring &value);
@@ -95,6 +102,7 @@ class CHTTPResponse : public KZF::CRefCount_Base
     long m_dataSize;
     bool m_isLast;
     bool m_sendOnlyData;
+    bool m_headersOnly;
     CKeyValueMap m_additionalHeaders;
     CHTTPFileBody *m_pFile; // one reference, or null
     int64_t m_fileOffset;

@@ -10,7 +10,7 @@ namespace NVQ
 class CHTTPLayer;
 
 struct SHTTPServerOptions {
-    SHTTPServerOptions() : m_port(7070), m_strict(false) {}
+    SHTTPServerOptions() : m_port(7070), m_strict(false), m_keepAfterStream(false) {}
     // TCP port to listen on (IPv4 and IPv6); 0 picks a free one.
     int m_port;
     // Strict HTTP/1.1 (RFC 9112) instead of the lenient reference parsing:
@@ -21,6 +21,12 @@ struct SHTTPServerOptions {
     // and HTTP/1.0 honoured, HEAD answers without body, Expect: 100-continue;
     // every refusal closes the connection.
     bool m_strict;
+    // A streamed answer (pieces pulled from the handler) whose first piece
+    // declared a "Content-Length" field and whose pieces carried exactly that
+    // many bytes leaves the connection open for the next request, as a
+    // complete answer does; otherwise, and by default, the connection closes
+    // after it.
+    bool m_keepAfterStream;
 };
 
 // The HTTP server a host creates. Use:
