@@ -1,6 +1,7 @@
 #ifndef NVQ_HTTP_HTTPDEFAULTHANDLER_H
 #define NVQ_HTTP_HTTPDEFAULTHANDLER_H
 
+#include "HTTP/HTTPContentTypes.h"
 #include "HTTP/HTTPFileCache.h"
 #include "HTTP/IHTTPExchangeEndNotification.h"
 #include "HTTP/IHTTPRequestHandler.h"
@@ -28,14 +29,53 @@ namespace NVQ
 // The pieces of a larger file carry a range of the open file rather than a
 // copy, so the connection sends them straight from it (sendfile); the file
 // closes when the transfer ends, also when its connection drops.
+//
+// SetOptions turns on what browsers and caches expect of a web server
+// (content types, HEAD, validators, ranges, precompressed variants,
+// Cache-Control); with every option off the answers are the ones above.
 class CHTTPDefaultHandler : public IHTTPRequestHandler, public IHTTPExchangeEndNotification
 {
   public:
     // One transfer under way on one connection.
     struct SRequestData {
         CHTTPFileBody *m_pFile; // one reference, held by the entry
-        int64_t m_size;         // measured once, when the request starts
-        int64_t m_offset;       // bytes handed out so far
+        int64_t m_end;          // where the answer ends, measured once
+        int64_t m_offset;       // where the next piece starts
+    };
+
+    // Each field is off (or empty) by default.
+    struct SFileOptions {
+        // Content-Type from the file name's extension: the built-in table of
+        // the web's common types, with m_extraTypes (extension without the
+        // dot -> type; an empty type removes one) added or overriding.
+        bool m_contentTypes = false;
+        std::map<KZF::tstring, KZF::tstring> m_extraTypes;
+        // HEAD gets the header block of the GET answer, and no body.
+        bool m_head = false;
+        // ETag (inode, size, modification time) and Last-Modified;
+        // If-None-Match and If-Modified-Since give 304 Not Modified.
+        bool m_validators = false;
+        // One "bytes=" range gives 206 (If-Range honoured), an unsatisfiable
+        // one 416; several ranges get the whole file.
+        bool m_ranges = false;
+        // "name.br" or "name.gz", when the client accepts that coding and the
+        // file exists, served with Content-Encoding; every answer then
+        // carries "Vary: Accept-Encoding".
+        bool m_precompressed = false;
+        // A Cache-Control value for every answer (empty: none)...
+        KZF::tstring m_cacheControl;
+        // ...and a year's immutable max-age instead for names that carry a
+        // content hash ("app.3f9a1c2e.js", "index-B2x9KqZ1.css": 8 or more
+        // letters, digits or '_', at least one of each kind, between '.' or
+        // '-' and the extension).
+        bool m_hashedImmutable = false;
+        // Bytes per piece of a larger file; a file (or range) up to this size
+        // is one complete answer sent from the file. 8194 when 0.
+        int64_t m_pieceSize = 0;
+
+        // Everything on: Cache-Control "no-cache" (stored, revalidated each
+        // time), hashed names immutable, 1 MiB pieces.
+        static SFileOptions Web();
     };
 
     explicit CHTTPDefaultHandler(const KZF::tstring &directory);
@@ -44,6 +84,8 @@ class CHTTPDefaultHandler : public IHTTPRequestHandler, public IHTTPExchangeEndN
 
     // Before serving starts: the directory is read without a lock.
     void SetDirectory(const KZF::tstring &directory);
+    // Before serving starts, like SetDirectory.
+    void SetOptions(const SFileOptions &options);
 
     bool CanProcessUri(const KZF::tstring &uri) override;
     KZF::CRefCountPtr<CHTTPResponse> ProcessRequest(CHTTPRequest &request, int connectionID) override;
@@ -73,6 +115,12 @@ class CHTTPDefaultHandler : public IHTTPRequestHandler, public IHTTPExchangeEndN
     KZF::CRefCountPtr<CHTTPResponse> ProcessRequestData(SRequestData &data, bool isFirstPiece, bool &last);
     // The one-piece answer for a file of `size` bytes.
     KZF::CRefCountPtr<CHTTPResponse> MakeCompleteResponse(const unsigned char *data, size_t size);
+    // The answer with any option on. `looked`: `path` is final and `status`
+    // its stat; otherwise `path` is the mapped URI, opened here.
+    KZF::CRefCountPtr<CHTTPResponse> ProcessWithOptions(const CHTTPRequest &request, int connectionID,
+                                                        KZF::tstring &path, struct stat &status, bool looked);
+    // Starts a transfer of [offset, end) of an open file; the first piece.
+    KZF::CRefCountPtr<CHTTPResponse> StartTransfer(int connectionID, int fd, int64_t offset, int64_t end);
     // The caller holds m_lock for these two.
     void AddRequest(int connectionID, const SRequestData &requestData);
     void RemoveRequest(int connectionID);
@@ -84,6 +132,10 @@ class CHTTPDefaultHandler : public IHTTPRequestHandler, public IHTTPExchangeEndN
     std::map<int, SRequestData> m_connDataMap;
     std::atomic<int> m_transfers; // entries of m_connDataMap
     CHTTPFileCache m_fileCache;
+    SFileOptions m_options;
+    bool m_anyOption;    // any web option on: the reference path is left
+    int64_t m_pieceSize; // m_options.m_pieceSize, or 8194
+    CHTTPContentTypes m_types;
 };
 
 } // namespace NVQ
