@@ -37,6 +37,10 @@ const char c_usage[] =
     "  --loops N          event loops serving connections (default: one per core)\n"
     "  --strict           strict HTTP/1.1 (RFC 9112 framing, pipelining, keep-alive\n"
     "                     rules), and the log's error page escapes what it shows\n"
+    "  --web              web-ready file serving (content types, HEAD, ETag and\n"
+    "                     Last-Modified with 304, ranges, precompressed .br/.gz,\n"
+    "                     Cache-Control, kept connections after large files),\n"
+    "                     with --strict\n"
     "  --help             this text\n";
 
 struct SSettings {
@@ -46,6 +50,7 @@ struct SSettings {
     int m_captureLevel = INT_MAX;
     int m_loops = 0;
     bool m_strict = false;
+    bool m_web = false;
 };
 
 bool readInt(const char *text, int low, int high, int &value)
@@ -78,6 +83,7 @@ int parseArguments(int argc, char **argv, SSettings &settings)
         {"--capture-level", nullptr, &settings.m_captureLevel, 0, INT_MAX, nullptr},
         {"--loops", nullptr, &settings.m_loops, 0, 64, nullptr},
         {"--strict", &settings.m_strict, nullptr, 0, 0, nullptr},
+        {"--web", &settings.m_web, nullptr, 0, 0, nullptr},
     };
     for (int i = 1; i < argc; ++i) {
         const std::string name = argv[i];
@@ -148,6 +154,7 @@ int main(int argc, char **argv)
             std::fputs(c_usage, stdout);
         return parsed > 0 ? 0 : 2;
     }
+    settings.m_strict = settings.m_strict || settings.m_web;
     if (!KZF::CSysUtils::DirectoryExists(settings.m_root)) {
         std::fprintf(stderr, "nvq-httpd: '%s' is not a directory\n", settings.m_root.c_str());
         return 2;
@@ -170,6 +177,8 @@ int main(int argc, char **argv)
     NVQ::CHTTPLogHandler *logHandler = new NVQ::CHTTPLogHandler();
     logHandler->SetEscapeMarkup(settings.m_strict);
     NVQ::CHTTPDefaultHandler *fileHandler = new NVQ::CHTTPDefaultHandler(settings.m_root);
+    if (settings.m_web)
+        fileHandler->SetOptions(NVQ::CHTTPDefaultHandler::SFileOptions::Web());
     NVQ::CHTTPServer *server = new NVQ::CHTTPServer();
     server->RegisterHandler(*logHandler, false);
     server->RegisterHandler(*fileHandler, false);
@@ -178,6 +187,7 @@ int main(int argc, char **argv)
     NVQ::SHTTPServerOptions options;
     options.m_port = settings.m_port;
     options.m_strict = settings.m_strict;
+    options.m_keepAfterStream = settings.m_web;
     CStartFailureDevice startFailure;
     logger.AddOutputDevice(&startFailure);
     const bool started = server->StartServer(options);
