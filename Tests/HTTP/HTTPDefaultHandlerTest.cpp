@@ -1,4 +1,5 @@
 #include "HTTP/HTTPDefaultHandler.h"
+#include "HTTP/HTTPDate.h"
 #include "HTTP/HTTPServer.h"
 #include "KZF_Utilities/Linux/KzfTime.h"
 
@@ -501,3 +502,260 @@ TEST_F(DefaultHandlerServerTest, SparseFileBeyondFourGiBArrivesExactly)
 }
 
 } // namespace
+
+// ---- With every web option, as nvq-httpd --web serves
+
+class WebFilesServerTest : public DefaultHandlerServerTest
+{
+  protected:
+    void SetUp() override
+    {
+        m_site.Write(m_site.m_root + "/app.3f9a1c2e.js", "js");
+        m_site.Write(m_site.m_root + "/style.css", "body{}");
+        m_site.Write(m_site.m_root + "/style.css.gz", "GZ");
+        m_site.Write(m_site.m_root + "/style.css.br", "BR");
+        mkdir((m_site.m_root + "/a.gz").c_str(), 0755); // a variant that is no file
+        mkfifo((m_site.m_root + "/sub/index.html.gz").c_str(), 0644); // nor is a FIFO
+        m_handler.SetOptions(NVQ::CHTTPDefaultHandler::SFileOptions::Web());
+        m_server.RegisterHandler(m_handler, false);
+        NVQ::SHTTPServerOptions options;
+        options.m_port = 0;
+        options.m_strict = true;
+        options.m_keepAfterStream = true;
+        ASSERT_TRUE(m_server.StartServer(options));
+        ASSERT_TRUE(m_client.Connect(m_server.GetPort()));
+    }
+    // Header block and body of one answer on the kept connection.
+    std::pair<std::string, std::string> Exchange(const std::string &method, const std::string &uri,
+                                                 const std::string &fields = "")
+    {
+        m_client.Send(method + " " + uri + " HTTP/1.1\r\nHost: t\r\n" + fields + "\r\n");
+        if (method != "HEAD") {
+            const std::string answer = m_client.ReceiveAnswer(20000);
+            const size_t end = answer.find("\r\n\r\n") + 4;
+            return {answer.substr(0, end), answer.substr(end)};
+        }
+        std::string head;
+        while (head.find("\r\n\r\n") == std::string::npos && !m_client.IsClosed())
+            head += m_client.Receive(1);
+        return {head, ""};
+    }
+    std::string Tag(const std::string &uri)
+    {
+        const std::string head = Exchange("GET", uri).first;
+        const size_t at = head.find("ETag: ") + 6;
+        return head.substr(at, head.find("\r\n", at) - at);
+    }
+
+    CTestClient m_client;
+};
+
+TEST_F(WebFilesServerTest, AnswersOnOneKeptConnection)
+{
+    char now[NVQ::CHTTPDate::c_length + 1];
+    ASSERT_TRUE(NVQ::CHTTPDate::Format(::time(nullptr), now));
+    const std::string tagA = Tag("/a"), tagF = Tag("/f20000");
+    const std::string f20000 = m_site.Read("f20000"), large = m_site.Read("large");
+    struct SCase {
+        const char *name, *method, *uri;
+        std::string fields;
+        const char *status;
+        std::vector<std::string> present, absent;
+        std::string body;
+    };
+    const SCase cases[] = {
+        {"hashed name, typed",
+         "GET",
+         "/app.3f9a1c2e.js",
+         "",
+         "200 OK",
+         {"Content-Type: text/javascript; charset=utf-8\r\n", "Content-Length: 2 \r\n",
+          "Cache-Control: public, max-age=31536000, immutable\r\n", "ETag: \"",
+          "Last-Modified: ", "Accept-Ranges: bytes\r\n", "Vary: Accept-Encoding\r\n"},
+         {},
+         "js"},
+        {"unknown type",
+         "GET",
+         "/a",
+         "",
+         "200 OK",
+         {"Cache-Control: no-cache\r\n"},
+         {"Content-Type"},
+         "just a"},
+        {"HEAD of a stream", "HEAD", "/large", "", "200 OK", {"Content-Length: 3145745\r\n"}, {}, ""},
+        {"HEAD of an index",
+         "HEAD",
+         "/sub/",
+         "",
+         "200 OK",
+         {"Content-Type: text/html", "Content-Length: 10\r\n"},
+         {},
+         ""},
+        {"tag matches",
+         "GET",
+         "/a",
+         "If-None-Match: " + tagA + "\r\n",
+         "304 Not Modified",
+         {"ETag: " + tagA + "\r\n", "Cache-Control: no-cache"},
+         {"Content-Length", "Content-Type"},
+         ""},
+        {"weak tag in a list", "GET", "/a", "If-None-Match: \"x\", W/" + tagA + "\r\n", "304", {}, {}, ""},
+        {"tags win over dates",
+         "GET",
+         "/a",
+         "If-None-Match: \"x\"\r\nIf-Modified-Since: " + std::string(now) + "\r\n",
+         "200",
+         {},
+         {},
+         "just a"},
+        {"not modified since",
+         "GET",
+         "/a",
+         "If-Modified-Since: " + std::string(now) + "\r\n",
+         "304",
+         {},
+         {},
+         ""},
+        {"modified since",
+         "GET",
+         "/a",
+         "If-Modified-Since: Thu, 01 Jan 1970 00:00:00 GMT\r\n",
+         "200",
+         {},
+         {},
+         "just a"},
+        {"date ahead of the clock",
+         "GET",
+         "/a",
+         "If-Modified-Since: Sun, 01 Jan 2999 00:00:00 GMT\r\n",
+         "200",
+         {},
+         {},
+         "just a"},
+        {"range",
+         "GET",
+         "/f20000",
+         "Range: bytes=100-199\r\n",
+         "206 Partial Content",
+         {"Content-Range: bytes 100-199/20000\r\n"},
+         {},
+         f20000.substr(100, 100)},
+        {"suffix",
+         "GET",
+         "/f20000",
+         "Range: bytes=-5\r\n",
+         "206",
+         {"bytes 19995-19999/20000"},
+         {},
+         f20000.substr(19995)},
+        {"open end", "GET", "/f20000", "Range: bytes=19990-\r\n", "206", {}, {}, f20000.substr(19990)},
+        {"several ranges",
+         "GET",
+         "/f20000",
+         "Range: bytes=0-0,5-6\r\n",
+         "200",
+         {},
+         {"Content-Range"},
+         f20000},
+        {"unsatisfiable",
+         "GET",
+         "/f20000",
+         "Range: bytes=20000-\r\n",
+         "416",
+         {"Content-Range: bytes */20000\r\n", "Content-Length: 0 \r\n"},
+         {},
+         ""},
+        {"other unit", "GET", "/f20000", "Range: items=0-1\r\n", "200", {}, {}, f20000},
+        {"backwards", "GET", "/f20000", "Range: bytes=5-1\r\n", "200", {}, {}, f20000},
+        {"stale If-Range",
+         "GET",
+         "/f20000",
+         "Range: bytes=1-2\r\nIf-Range: \"old\"\r\n",
+         "200",
+         {},
+         {},
+         f20000},
+        {"current If-Range",
+         "GET",
+         "/f20000",
+         "Range: bytes=1-2\r\nIf-Range: " + tagF + "\r\n",
+         "206",
+         {},
+         {},
+         f20000.substr(1, 2)},
+        {"gzip",
+         "GET",
+         "/style.css",
+         "Accept-Encoding: br;q=0, gzip\r\n",
+         "200",
+         {"Content-Encoding: gzip\r\n", "Content-Type: text/css"},
+         {},
+         "GZ"},
+        {"br first",
+         "GET",
+         "/style.css",
+         "Accept-Encoding: *\r\n",
+         "200",
+         {"Content-Encoding: br\r\n"},
+         {},
+         "BR"},
+        {"refused codings",
+         "GET",
+         "/style.css",
+         "Accept-Encoding: gzip;q=0, br;q=0.0\r\n",
+         "200",
+         {},
+         {"Content-Encoding"},
+         "body{}"},
+        {"variant no file",
+         "GET",
+         "/a",
+         "Accept-Encoding: gzip\r\n",
+         "200",
+         {},
+         {"Content-Encoding"},
+         "just a"},
+        {"variant a FIFO", "GET", "/sub/", "Accept-Encoding: gzip\r\n", "200", {}, {}, "<p>sub</p>"},
+        {"streamed range",
+         "GET",
+         "/large",
+         "Range: bytes=1-\r\n",
+         "206",
+         {"Content-Length: 3145744\r\n"},
+         {"Connection"},
+         large.substr(1)},
+        {"streamed whole",
+         "GET",
+         "/large",
+         "",
+         "200",
+         {"Content-Length: 3145745\r\n"},
+         {"Connection"},
+         large},
+        {"after the streams", "GET", "/a", "", "200", {}, {}, "just a"},
+    };
+    for (const SCase &c : cases) {
+        const std::pair<std::string, std::string> answer = Exchange(c.method, c.uri, c.fields);
+        EXPECT_EQ(0u, answer.first.find(std::string("HTTP/1.1 ") + c.status))
+            << c.name << ": " << answer.first;
+        for (const std::string &field : c.present)
+            EXPECT_NE(std::string::npos, answer.first.find(field)) << c.name << ": " << field;
+        for (const std::string &field : c.absent)
+            EXPECT_EQ(std::string::npos, answer.first.find(field)) << c.name << ": " << field;
+        EXPECT_TRUE(c.body == answer.second) << c.name << ": " << answer.second.size() << " bytes";
+        ASSERT_FALSE(m_client.IsClosed()) << c.name;
+    }
+}
+
+TEST_F(WebFilesServerTest, AStreamCutShortEndsTheConnection)
+{
+    const std::string huge = m_site.m_root + "/huge";
+    std::ofstream(huge).close();
+    ASSERT_EQ(0, truncate(huge.c_str(), 256 << 20));
+    m_client.Send("GET /huge HTTP/1.1\r\nHost: t\r\n\r\n");
+    const std::string start = m_client.Receive(100000);
+    ASSERT_EQ(0, truncate(huge.c_str(), 1 << 20));
+    const std::string rest = m_client.ReceiveUntilClosed(20000);
+    EXPECT_TRUE(m_client.IsClosed()) << "fewer bytes than announced, then the end";
+    EXPECT_LT(start.size() + rest.size(), static_cast<size_t>(256 << 20));
+}
