@@ -2,12 +2,14 @@
 """End-to-end tests of the demo server with real clients.
 
 Usage: e2e_nvq_httpd.py NVQ_HTTPD SITE_DIR GROUP [EMULATOR [ARG...]]
-GROUP is one of: curl, http_client, chromium, sigterm, cap. A cross-compiled
+GROUP is one of: curl, http_client, chromium, sigterm, cap, web, web_chromium. A cross-compiled
 NVQ_HTTPD is started through EMULATOR (with its arguments); the clients run
 natively.
 Exit status 0 passed, 1 failed, 77 skipped (ctest's SKIP_RETURN_CODE).
 """
 
+import glob
+import gzip
 import hashlib
 import http.client
 import os
@@ -30,14 +32,14 @@ EMULATOR = []
 class Server:
     """nvq-httpd on a free port, serving a copy of the sample site plus test files."""
 
-    def __init__(self, extra_files=None):
+    def __init__(self, extra_files=None, flags=()):
         self.root = tempfile.mkdtemp(prefix="nvq-e2e-")
         shutil.copytree(SITE_DIR, self.root, dirs_exist_ok=True)
         for name, data in (extra_files or {}).items():
             with open(os.path.join(self.root, name), "wb") as f:
                 f.write(data)
         self.process = subprocess.Popen(
-            EMULATOR + [NVQ_HTTPD, "--port", "0", "--root", self.root, "--log-level", "4"],
+            EMULATOR + [NVQ_HTTPD, "--port", "0", "--root", self.root, "--log-level", "4"] + list(flags),
             stderr=subprocess.PIPE, text=True)
         self.port = None
         deadline = time.time() + 10
@@ -199,6 +201,15 @@ def find_chromium():
     return None
 
 
+def dump_dom(browser, profile, url):
+    command = [browser, "--headless", "--no-sandbox", "--disable-gpu", "--disable-quic", "--no-first-run",
+               "--disable-background-networking", "--disable-component-update", "--disable-sync",
+               "--disable-dev-shm-usage", "--user-data-dir=" + profile, "--virtual-time-budget=5000",
+               "--dump-dom", url]
+    result = subprocess.run(command, capture_output=True, text=True, timeout=120, check=False)
+    return result.stdout
+
+
 class ChromiumTest(unittest.TestCase):
     def setUp(self):
         self.browser = find_chromium()
@@ -210,12 +221,7 @@ class ChromiumTest(unittest.TestCase):
         self.assertEqual(0, self.server.stop())
 
     def dump_dom(self, path):
-        command = [self.browser, "--headless", "--no-sandbox", "--disable-gpu", "--disable-quic", "--no-first-run",
-                   "--disable-background-networking", "--disable-component-update", "--disable-sync",
-                   "--disable-dev-shm-usage", "--user-data-dir=" + self.profile, "--virtual-time-budget=5000",
-                   "--dump-dom", self.server.url(path)]
-        result = subprocess.run(command, capture_output=True, text=True, timeout=120, check=False)
-        return result.stdout
+        return dump_dom(self.browser, self.profile, self.server.url(path))
 
     def test_index_page_loads_stylesheet_script_and_image(self):
         dom = self.dump_dom("/index.html")
@@ -227,6 +233,172 @@ class ChromiumTest(unittest.TestCase):
         dom = self.dump_dom("/log.html")
         self.assertRegex(dom, r"\d{4}-\d\d-\d\dT\d\d:\d\d:\d\d - ")
         self.assertIn("create connection point", dom)
+
+
+# A page that needs what --web brings: a module script (refused without a
+# JavaScript type), WebAssembly through instantiateStreaming (refused without
+# application/wasm) and a web font.
+# The module: magic and version; type () -> i32; one function of it; exported
+# as "answer"; its body i32.const 42.
+WASM_ANSWER = bytes.fromhex("0061736d01000000" "0105016000017f" "03020100" "070a0106616e737765720000"
+                            "0a06010400412a0b")
+WEB_FILES = {
+    "web.html": b"<!DOCTYPE html><html><head><meta charset='utf-8'><style>@font-face{font-family:T;"
+                b"src:url(font.ttf)}</style><script type='module' src='web.mjs'></script></head>"
+                b"<body><p id='out'>pending</p></body></html>",
+    "web.mjs": b"const parts = [];\n"
+               b"try { const { instance } = await WebAssembly.instantiateStreaming(fetch('answer.wasm'));\n"
+               b"  parts.push('wasm ' + instance.exports.answer()); } catch (e) { parts.push('wasm failed'); }\n"
+               b"const faces = await document.fonts.load('16px T').catch(() => []);\n"
+               b"parts.push('font ' + (faces.length > 0 ? 'loaded' : 'failed'));\n"
+               b"document.getElementById('out').textContent = parts.join(', ');\n",
+    "answer.wasm": WASM_ANSWER,
+    "big.bin": BIG,
+    "small.txt": SMALL,
+    "small.txt.gz": gzip.compress(SMALL),
+}
+WEB_WORKS = "wasm 42, font loaded"
+
+
+def web_files():
+    fonts = sorted(glob.glob("/usr/share/fonts/truetype/*/*.ttf"))
+    with open(fonts[0], "rb") as f:
+        return dict(WEB_FILES, **{"font.ttf": f.read()})
+
+
+class WebTest(unittest.TestCase):
+    """nvq-httpd --web with curl and http.client."""
+
+    def setUp(self):
+        self.server = Server(WEB_FILES, ["--web"])
+
+    def tearDown(self):
+        self.assertEqual(0, self.server.stop())
+
+    def test_curl_ranges_resume_compressed_and_head(self):
+        url = self.server.url("/big.bin")
+        self.assertEqual(BIG[1000:2001], curl("-r", "1000-2000", url).stdout)
+        self.assertEqual(BIG[-300:], curl("-r", "-300", url).stdout)
+        partial = os.path.join(self.server.root, "partial")
+        with open(partial, "wb") as f:
+            f.write(BIG[:1234567])
+        self.assertEqual(0, curl("-C", "-", "-o", partial, url).returncode)
+        with open(partial, "rb") as f:
+            self.assertEqual(BIG, f.read())
+        compressed = curl("--compressed", "--include", self.server.url("/small.txt")).stdout
+        self.assertIn(b"Content-Encoding: gzip", compressed)
+        self.assertTrue(compressed.endswith(b"\r\n\r\n" + SMALL))
+        head = curl("-I", url).stdout
+        self.assertTrue(head.startswith(b"HTTP/1.1 200 OK"))
+        self.assertIn(b"Content-Length: %d\r\n" % len(BIG), head)
+
+    def test_conditional_get_and_large_files_on_one_connection(self):
+        connection = http.client.HTTPConnection("127.0.0.1", self.server.port, timeout=30)
+        connection.request("GET", "/small.txt")
+        response = connection.getresponse()
+        response.read()
+        tag, modified = response.getheader("ETag"), response.getheader("Last-Modified")
+        for field, value in (("If-None-Match", tag), ("If-Modified-Since", modified)):
+            connection.request("GET", "/small.txt", headers={field: value})
+            response = connection.getresponse()
+            self.assertEqual((304, b""), (response.status, response.read()), field)
+        with open(os.path.join(self.server.root, "small.txt"), "wb") as f:
+            f.write(b"changed\n")
+        connection.request("GET", "/small.txt", headers={"If-None-Match": tag})
+        response = connection.getresponse()
+        self.assertEqual((200, b"changed\n"), (response.status, response.read()))
+        first_socket = connection.sock
+        for _ in range(3):
+            connection.request("GET", "/big.bin")
+            self.assertEqual(BIG, connection.getresponse().read())
+            self.assertIs(first_socket, connection.sock, "the connection was not kept after a large file")
+        connection.close()
+
+
+def start_nginx(upstream_port):
+    """nginx in front of upstream_port, with a keep-alive pool; (process, port, directory)."""
+    directory = tempfile.mkdtemp(prefix="nvq-nginx-")
+    probe = socket.socket()
+    probe.bind(("127.0.0.1", 0))
+    port = probe.getsockname()[1]
+    probe.close()
+    with open(os.path.join(directory, "nginx.conf"), "w") as f:
+        f.write(NGINX_CONF.replace("{dir}", directory).replace("{port}", str(port))
+                .replace("{upstream}", str(upstream_port)))
+    process = subprocess.Popen(["/usr/sbin/nginx", "-p", directory + "/", "-c", directory + "/nginx.conf",
+                                "-e", directory + "/error.log", "-g", "daemon off;"])
+    deadline = time.time() + 10
+    while time.time() < deadline:
+        try:
+            socket.create_connection(("127.0.0.1", port), timeout=1).close()
+            break
+        except OSError:
+            time.sleep(0.05)
+    return process, port, directory
+
+
+# The configuration the README shows, around the test's own paths.
+NGINX_CONF = """worker_processes 1; pid {dir}/nginx.pid; error_log {dir}/error.log;
+events { worker_connections 256; }
+http {
+  access_log off; client_body_temp_path {dir}/body; proxy_temp_path {dir}/proxy;
+  fastcgi_temp_path {dir}/fastcgi; uwsgi_temp_path {dir}/uwsgi; scgi_temp_path {dir}/scgi;
+  upstream nvq { server 127.0.0.1:{upstream}; keepalive 16; }
+  server {
+    listen 127.0.0.1:{port};
+    location / {
+      proxy_pass http://nvq;
+      proxy_http_version 1.1;
+      proxy_set_header Connection "";
+      proxy_set_header Host $host;
+      proxy_max_temp_file_size 0;
+    }
+  }
+}
+"""
+
+
+class WebChromiumTest(unittest.TestCase):
+    """The page works with --web and not without; also behind nginx."""
+
+    def setUp(self):
+        self.browser = find_chromium()
+        self.profile = tempfile.mkdtemp(prefix="nvq-chromium-")
+
+    def tearDown(self):
+        shutil.rmtree(self.profile, ignore_errors=True)
+
+    def page(self, flags, through_nginx=False):
+        self.server = Server(web_files(), flags)
+        nginx = None
+        try:
+            port = self.server.port
+            if through_nginx:
+                nginx = start_nginx(self.server.port)
+                port = nginx[1]
+                url = "http://127.0.0.1:%d/big.bin" % port
+                self.assertTrue(curl(url, url).stdout == BIG + BIG)
+                self.assertEqual(BIG[5:10], curl("-r", "5-9", url).stdout)
+                sample = dump_dom(self.browser, self.profile, "http://127.0.0.1:%d/index.html" % port)
+                self.assertIn("script: ran", sample)
+                self.assertIn("image: loaded 96px", sample)
+            dom = dump_dom(self.browser, self.profile, "http://127.0.0.1:%d/web.html" % port)
+            return re.sub(r"\s+", " ", dom)
+        finally:
+            if nginx:
+                nginx[0].send_signal(signal.SIGQUIT)
+                nginx[0].wait(10)
+                shutil.rmtree(nginx[2], ignore_errors=True)
+            self.assertEqual(0, self.server.stop())
+
+    def test_page_needs_web(self):
+        self.assertNotIn(WEB_WORKS, self.page([]))
+        self.assertIn(WEB_WORKS, self.page(["--web"]))
+
+    def test_behind_nginx(self):
+        if not os.access("/usr/sbin/nginx", os.X_OK):
+            self.skipTest("nginx is not installed")
+        self.assertIn(WEB_WORKS, self.page(["--web"], through_nginx=True))
 
 
 class SigtermTest(unittest.TestCase):
@@ -260,7 +432,7 @@ class SigtermTest(unittest.TestCase):
 
 
 GROUPS = {"curl": CurlTest, "http_client": HttpClientTest, "chromium": ChromiumTest, "sigterm": SigtermTest,
-          "cap": CapTest}
+          "cap": CapTest, "web": WebTest, "web_chromium": WebChromiumTest}
 
 
 def main():
@@ -273,7 +445,10 @@ def main():
     if group == "curl" and not shutil.which("curl"):
         print("SKIPPED: curl is not installed")
         return SKIPPED
-    if group == "chromium" and not find_chromium():
+    if group in ("web", "web_chromium") and not shutil.which("curl"):
+        print("SKIPPED: curl is not installed")
+        return SKIPPED
+    if group in ("chromium", "web_chromium") and not find_chromium():
         print("SKIPPED: Chromium is not installed")
         return SKIPPED
     suite = unittest.defaultTestLoader.loadTestsFromTestCase(GROUPS[group])
