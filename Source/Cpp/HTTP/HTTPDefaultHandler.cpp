@@ -591,7 +591,7 @@ KZF::CRefCountPtr<CHTTPResponse> CHTTPDefaultHandler::ProcessWithOptions(const C
     char modified[CHTTPDate::c_length + 1];
     if (!CHTTPDate::Format(status.st_mtim.tv_sec, modified))
         modified[0] = '\0';
-    KZF::tstring cacheControl = options.m_cacheControl;
+    const char *cacheControl = options.m_cacheControl.empty() ? nullptr : options.m_cacheControl.c_str();
     if (options.m_hashedImmutable && carriesContentHash(path))
         cacheControl = c_immutable;
     // What a cache needs to reuse or revalidate the answer: the only fields
@@ -602,7 +602,7 @@ KZF::CRefCountPtr<CHTTPResponse> CHTTPDefaultHandler::ProcessWithOptions(const C
             if (modified[0] != '\0')
                 response.AddHeaderField("Last-Modified", modified);
         }
-        if (!cacheControl.empty())
+        if (cacheControl != nullptr)
             response.AddHeaderField("Cache-Control", cacheControl);
         if (options.m_precompressed)
             response.AddHeaderField("Vary", "Accept-Encoding");
