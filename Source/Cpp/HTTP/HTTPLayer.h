@@ -42,6 +42,12 @@ class CHTTPLayer : private INVQMultiPointLayerNotification
     // Connections accepted from now on speak strict HTTP/1.1 (see
     // CHTTPConnectionPoint::SetStrict). Before the server starts.
     void SetStrict(bool strict) { m_strict = strict; }
+    // The buffering bounds of new connections (CHTTPConnectionPoint::SetLimits).
+    void SetLimits(long maxHeaderBytes, long maxBodyBytes)
+    {
+        m_maxHeaderBytes = maxHeaderBytes;
+        m_maxBodyBytes = maxBodyBytes;
+    }
 
     // A connection point leaves the table (its connection closed).
     void OnConnectionPointClosed(CHTTPConnectionPoint &connectionPoint);
@@ -62,6 +68,8 @@ class CHTTPLayer : private INVQMultiPointLayerNotification
     std::map<int, KZF::CRefCountPtr<CHTTPConnectionPoint>> m_connectionPoints;
     KZF::CCriticalSection m_lock;
     bool m_strict;
+    long m_maxHeaderBytes;
+    long m_maxBodyBytes;
 };
 
 } // namespace NVQ
