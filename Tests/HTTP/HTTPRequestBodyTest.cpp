@@ -32,7 +32,8 @@ class CBodyHandler : public NVQTest::CScriptedHandler, public IHTTPRequestBodyHa
     }
     SBodyDecision OnRequestHeaders(NVQ::CHTTPRequest &request, int) override
     {
-        m_headers.push_back(request.GetMethod() + " " + request.GetUri());
+        m_headers.push_back(request.GetMethod() + " " + request.GetUri() + " from " +
+                            request.GetRemoteAddress() + (request.IsSecure() ? " secure" : ""));
         SBodyDecision decision;
         decision.m_choice = m_choice;
         decision.m_maxBodyBytes = m_limit;
@@ -218,6 +219,7 @@ TEST_F(RequestBodyTest, CloseMidBodyEndsItIncompleteWithoutAnAnswer)
 {
     Run(false, {std::string(c_post) + "Content-Length: 10\r\n\r\n01234"});
     m_data->DeliverClose();
+    EXPECT_EQ(std::vector<std::string>({"POST /u from 192.0.2.7:51234"}), m_handler.m_headers);
     EXPECT_EQ("01234", m_handler.m_body);
     EXPECT_EQ(std::vector<bool>({false}), m_handler.m_ends);
     EXPECT_TRUE(m_handler.ProcessIDs().empty());

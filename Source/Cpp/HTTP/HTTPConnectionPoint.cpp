@@ -3,6 +3,7 @@
 #include "HTTP/HTTPLayer.h"
 #include "HTTP/IHTTPExchangeEndNotification.h"
 #include "KZF_Base/Linux/KzfAssert.h"
+#include "NVQSockets/Linux/INVQConnectionAddress.h"
 
 #include <algorithm>
 #include <climits>
@@ -105,7 +106,7 @@ CHTTPConnectionPoint::CHTTPConnectionPoint(INVQDataLayer &dataLayer, CHTTPLayer 
       m_maxBodyBytes(c_defaultMaxBodyBytes), m_pDecidedHandler(nullptr), m_pBodyHandler(nullptr),
       m_bodyState(eBodyMore), m_chunkedBody(false), m_bodyRemaining(0), m_bodyTaken(0), m_bodyLimit(0),
       m_consumed(0), m_pCastHandler(nullptr), m_pEndNotification(nullptr), m_pBodyCastHandler(nullptr),
-      m_pBodyCast(nullptr)
+      m_pBodyCast(nullptr), m_secure(false)
 {
     m_pDataLayer->RegisterNotification(*this);
     m_receiveBuffer.SetSize(c_initialBufferSize);
@@ -305,6 +306,16 @@ bool CHTTPConnectionPoint::DecideBody(bool complete)
         return true;
     if (m_strict)
         TakeConnectionOptions(*request);
+    // Who asks, for handlers that keep strangers out: made once per
+    // connection, copied into each request.
+    if (m_remoteAddress.empty() && m_pDataLayer != nullptr) {
+        const INVQConnectionAddress *address = m_pDataLayer->GetRemoteAddress();
+        if (address != nullptr)
+            m_remoteAddress = address->ToString();
+        m_secure = m_pDataLayer->IsSecure();
+    }
+    request->SetRemoteAddress(m_remoteAddress);
+    request->SetSecure(m_secure);
     IHTTPRequestHandler *handler = m_pLayer->FindHandler(*request);
     m_pDecidedHandler = handler;
     if (handler != m_pBodyCastHandler) {

@@ -155,6 +155,8 @@ class CHTTPConnectionPoint : private INVQDataLayerNotification, public KZF::CRef
     IHTTPExchangeEndNotification *m_pEndNotification;
     IHTTPRequestHandler *m_pBodyCastHandler;
     IHTTPRequestBodyHandler *m_pBodyCast;
+    KZF::tstring m_remoteAddress;
+    bool m_secure;
 };
 
 } // namespace NVQ
