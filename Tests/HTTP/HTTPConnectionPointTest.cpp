@@ -321,7 +321,7 @@ TEST_F(ConnectionPointTest, NotificationWithNothingToReadAnswersNothing)
 TEST_F(ConnectionPointTest, RequestBeyondTheBoundGets400AndTheConnectionCloses)
 {
     std::string huge =
-        "GET /huge HTTP/1.1\r\nX: " + std::string(NVQ::CHTTPConnectionPoint::c_maxRequestSize, 'h');
+        "GET /huge HTTP/1.1\r\nX: " + std::string(NVQ::CHTTPConnectionPoint::c_defaultMaxHeaderBytes, 'h');
     Request(huge);
     EXPECT_EQ(0u, Data().WrittenBytes().find("HTTP/1.1 400 Bad Request\r\n"));
     EXPECT_EQ(1, Data().m_closes);
@@ -330,13 +330,13 @@ TEST_F(ConnectionPointTest, RequestBeyondTheBoundGets400AndTheConnectionCloses)
     int largest = 0;
     for (int size : Data().m_readSizes)
         largest = std::max(largest, size);
-    EXPECT_LE(largest, NVQ::CHTTPConnectionPoint::c_maxRequestSize);
+    EXPECT_LE(largest, NVQ::CHTTPConnectionPoint::c_defaultMaxHeaderBytes);
 }
 
 TEST_F(ConnectionPointTest, RequestJustUnderTheBoundIsServed)
 {
     const std::string head = "POST /upload HTTP/1.1\r\nContent-Length: ";
-    const int body = NVQ::CHTTPConnectionPoint::c_maxRequestSize - 100;
+    const int body = static_cast<int>(NVQ::CHTTPConnectionPoint::c_defaultMaxBodyBytes) - 100;
     const std::string request =
         head + std::to_string(body) + "\r\n\r\n" + std::string(static_cast<size_t>(body), 'b');
     Request(request);

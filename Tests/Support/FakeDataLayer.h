@@ -5,6 +5,7 @@
 // and serves scripted reads, for driving a connection point without sockets.
 
 #include "NVQCommon/Linux/INVQNotification.h"
+#include "NVQSockets/Linux/INVQConnectionAddress.h"
 #include "NVQSockets/Linux/INVQDataLayer.h"
 
 #include <deque>
@@ -77,6 +78,14 @@ class CFakeDataLayer : public NVQ::INVQDataLayer
         m_trace.push_back("unregister");
     }
 
+    class CAddress : public NVQ::INVQConnectionAddress
+    {
+      public:
+        KZF::tstring ToString() const override { return "192.0.2.7:51234"; }
+    };
+    const NVQ::INVQConnectionAddress *GetRemoteAddress() const override { return &m_address; }
+    bool IsSecure() const override { return m_secure; }
+
     void Close() override
     {
         ++m_closes;
@@ -124,6 +133,8 @@ class CFakeDataLayer : public NVQ::INVQDataLayer
     std::vector<SWrite> m_writes;
     std::vector<std::string> m_trace;
     int m_closes = 0;
+    CAddress m_address;
+    bool m_secure = false;
     // Writes from this index on fail (-1 leaves it off).
     int m_failFromWrite = -1;
     int m_failedWrites = 0;

@@ -3,8 +3,10 @@
 #include "HTTP/HTTPLayer.h"
 #include "HTTP/IHTTPExchangeEndNotification.h"
 #include "KZF_Base/Linux/KzfAssert.h"
+#include "NVQSockets/Linux/INVQConnectionAddress.h"
 
 #include <algorithm>
+#include <climits>
 #include <cstdio>
 #include <cstring>
 
@@ -27,6 +29,14 @@ const long c_maxSliceSize = 16777216;
 const long c_heldDataSize = 16384;
 
 const char c_continue[] = "HTTP/1.1 100 Continue\r\n\r\n";
+
+// A body taken in pieces is read in helpings of this size, and at most this
+// many of them per notification: one upload neither holds much memory nor
+// keeps its loop from the other connections.
+const unsigned long c_bodyPieceSize = 65536;
+const int c_bodyHelpings = 16;
+
+enum EReadResult { eReadDrained, eReadHeaderEnd, eReadOverBound, eReadFailed };
 
 const unsigned long c_initialBufferSize = 1024;
 const unsigned long c_bufferGrowth = 512;
@@ -109,8 +119,11 @@ const CHTTPResponse &closingAnswer(int status)
 CHTTPConnectionPoint::CHTTPConnectionPoint(INVQDataLayer &dataLayer, CHTTPLayer &layer, int connectionID)
     : m_pDataLayer(&dataLayer), m_pLayer(&layer), m_pHandler(nullptr), m_receivedSize(0),
       m_connectionID(connectionID), m_isClosed(false), m_exchange(eNoExchange), m_detachAfterExchange(false),
-      m_strict(false), m_headOnly(false), m_expectHandled(false), m_consumed(0), m_keepAfterStream(false),
-      m_streamDeclared(-1), m_streamSent(0), m_pCastHandler(nullptr), m_pEndNotification(nullptr)
+      m_strict(false), m_headOnly(false), m_bodyDecided(false), m_maxHeaderBytes(c_defaultMaxHeaderBytes),
+      m_maxBodyBytes(c_defaultMaxBodyBytes), m_pDecidedHandler(nullptr), m_pBodyHandler(nullptr),
+      m_bodyState(eBodyMore), m_chunkedBody(false), m_bodyRemaining(0), m_bodyTaken(0), m_bodyLimit(0),
+      m_consumed(0), m_keepAfterStream(false), m_streamDeclared(-1), m_streamSent(0), m_pCastHandler(nullptr),
+      m_pEndNotification(nullptr), m_pBodyCastHandler(nullptr), m_pBodyCast(nullptr), m_secure(false)
 {
     m_pDataLayer->RegisterNotification(*this);
     m_receiveBuffer.SetSize(c_initialBufferSize);
@@ -128,15 +141,23 @@ void CHTTPConnectionPoint::SetStrict(bool strict)
 {
     m_strict = strict;
     m_parser.SetStrict(strict);
-    // A body must fit the receive buffer with its header block.
-    m_parser.SetMaxBodySize(c_maxRequestSize);
+    // The body's bound is set once its handler has chosen how to take it.
+    m_parser.SetMaxBodySize(LONG_MAX);
+}
+
+void CHTTPConnectionPoint::SetLimits(long maxHeaderBytes, long maxBodyBytes)
+{
+    m_maxHeaderBytes = std::max(maxHeaderBytes, static_cast<long>(c_initialBufferSize));
+    m_maxBodyBytes = std::max(maxBodyBytes, 0L);
 }
 
 void CHTTPConnectionPoint::OnDataReceived(INVQDataLayer &)
 {
     AddRef(); // survives the layer dropping it meanwhile
-    // A parked exchange has the connection; reading waits for its end.
-    if (m_exchange.load() == eNoExchange)
+    // A parked exchange has the connection; reading waits for its end. A
+    // body taken in pieces is read on.
+    int body = eBody;
+    if (m_exchange.compare_exchange_strong(body, eRunning) || m_exchange.load() == eNoExchange)
         Receive();
     UpdateIdle();
     ReleaseRef(); // may destroy this object: nothing may follow
@@ -162,17 +183,40 @@ void CHTTPConnectionPoint::OnDataSent(INVQDataLayer &)
 
 void CHTTPConnectionPoint::Receive()
 {
+    for (;;) {
+        if (m_pBodyHandler != nullptr) {
+            ReceiveBody();
+            // Past the body, what follows is the next request.
+            if (m_exchange.load() != eNoExchange || m_isClosed || m_pDataLayer == nullptr)
+                return;
+            continue;
+        }
+        const int read = ReadWaiting();
+        if (read == eReadFailed)
+            return;
+        ProcessBuffered(read == eReadOverBound);
+        if (m_pBodyHandler != nullptr && m_exchange.load() == eRunning)
+            continue;
+        // A header block that ended with input left: its body is read now
+        // as its handler chose.
+        if (read != eReadHeaderEnd || m_pDataLayer == nullptr || m_isClosed ||
+            m_exchange.load() != eNoExchange)
+            return;
+    }
+}
+
+int CHTTPConnectionPoint::ReadWaiting()
+{
     // Read everything waiting, growing the buffer in steps while fewer than
-    // 32 bytes are free, but never beyond the request bound.
-    bool overBound = false;
+    // 32 bytes are free, but never beyond the bound: the header block's until
+    // it has ended, then that and the body's.
     for (;;) {
         const unsigned long size = m_receiveBuffer.GetSize();
         if (size - static_cast<unsigned long>(m_receivedSize) <
             static_cast<unsigned long>(c_minimumFreeSpace)) {
-            if (size + c_bufferGrowth > static_cast<unsigned long>(c_maxRequestSize)) {
-                overBound = true;
-                break;
-            }
+            const long bound = m_bodyDecided ? m_maxHeaderBytes + m_maxBodyBytes : m_maxHeaderBytes;
+            if (static_cast<long>(size + c_bufferGrowth) > bound)
+                return eReadOverBound;
             if (!m_receiveBuffer.SetSize(size + c_bufferGrowth)) {
                 // Out of memory. A failed resize leaves the buffer empty, so
                 // the request's first bytes are gone: the connection cannot
@@ -182,19 +226,27 @@ void CHTTPConnectionPoint::Receive()
                 m_receiveBuffer.SetSize(c_initialBufferSize);
                 if (!m_isClosed)
                     Detach();
-                return;
+                return eReadFailed;
             }
         }
         if (m_pDataLayer == nullptr)
-            break;
+            return eReadDrained;
         unsigned char *free = static_cast<unsigned char *>(m_receiveBuffer) + m_receivedSize;
-        const int got =
-            m_pDataLayer->ReadData(free, static_cast<int>(m_receiveBuffer.GetSize()) - m_receivedSize);
+        const int room = static_cast<int>(m_receiveBuffer.GetSize()) - m_receivedSize;
+        const int got = m_pDataLayer->ReadData(free, room);
         if (got <= 0)
-            break;
+            return eReadDrained;
         m_receivedSize += got;
+        if (got == room && !m_bodyDecided && !m_parser.IsHeaderComplete()) {
+            // More may wait. Where the header block ends, its handler decides
+            // how the body is read before any of it is.
+            int consumed = 0;
+            if (m_parser.Parse(m_receiveBuffer, m_receivedSize, consumed) ==
+                    CHTTPRequestParser::eParseIncomplete &&
+                m_parser.IsHeaderComplete())
+                return eReadHeaderEnd;
+        }
     }
-    ProcessBuffered(overBound);
 }
 
 void CHTTPConnectionPoint::ProcessBuffered(bool overBound)
@@ -207,7 +259,9 @@ void CHTTPConnectionPoint::ProcessBuffered(bool overBound)
             const KZF::CRefCountPtr<CHTTPRequest> request = m_parser.GetRequest();
             if (m_strict && !request.IsNull())
                 TakeConnectionOptions(*request);
-            ProcessRequest(request);
+            // A request its body handler took was answered already.
+            if (request.IsNull() || m_bodyDecided || DecideBody(true))
+                ProcessRequest(request);
             // Strict: the bytes after the request are the next one.
             if (!m_strict || m_isClosed || m_exchange.load() != eNoExchange || m_receivedSize == 0)
                 return;
@@ -218,7 +272,11 @@ void CHTTPConnectionPoint::ProcessBuffered(bool overBound)
                 ProcessRequest(KZF::CRefCountPtr<CHTTPRequest>());
             return;
         } else {
-            if (overBound) {
+            if (overBound && m_parser.IsHeaderComplete()) {
+                // The body does not fit (its length was not known, or its
+                // coding takes more room than its bytes).
+                Refuse(413);
+            } else if (overBound) {
                 // The request does not fit: answer 400 and end the
                 // connection, since the rest of it would be read as a new one.
                 if (m_strict) {
@@ -227,8 +285,8 @@ void CHTTPConnectionPoint::ProcessBuffered(bool overBound)
                     m_detachAfterExchange = true;
                     ProcessRequest(KZF::CRefCountPtr<CHTTPRequest>());
                 }
-            } else if (m_strict && m_parser.IsHeaderComplete() && !m_expectHandled) {
-                HandleExpectation();
+            } else if (m_parser.IsHeaderComplete() && !m_bodyDecided) {
+                DecideBody(false);
             }
             return;
         }
@@ -257,28 +315,254 @@ void CHTTPConnectionPoint::Refuse(int status)
     ReleaseRef();
 }
 
-void CHTTPConnectionPoint::HandleExpectation()
+bool CHTTPConnectionPoint::DecideBody(bool complete)
 {
-    m_expectHandled = true;
+    m_bodyDecided = true;
     const KZF::CRefCountPtr<CHTTPRequest> request = m_parser.GetRequest();
+    if (request.IsNull())
+        return true;
+    if (m_strict)
+        TakeConnectionOptions(*request);
+    // Who asks, for handlers that keep strangers out: made once per
+    // connection, copied into each request.
+    if (m_remoteAddress.empty() && m_pDataLayer != nullptr) {
+        const INVQConnectionAddress *address = m_pDataLayer->GetRemoteAddress();
+        if (address != nullptr)
+            m_remoteAddress = address->ToString();
+        m_secure = m_pDataLayer->IsSecure();
+    }
+    request->SetRemoteAddress(m_remoteAddress);
+    request->SetSecure(m_secure);
+    IHTTPRequestHandler *handler = m_pLayer->FindHandler(*request);
+    m_pDecidedHandler = handler;
+    if (handler != m_pBodyCastHandler) {
+        m_pBodyCastHandler = handler;
+        m_pBodyCast = dynamic_cast<IHTTPRequestBodyHandler *>(handler);
+    }
+    IHTTPRequestBodyHandler *bodyHandler = handler != nullptr ? m_pBodyCast : nullptr;
+    IHTTPRequestBodyHandler::SBodyDecision decision;
+    if (bodyHandler != nullptr)
+        decision = bodyHandler->OnRequestHeaders(*request, m_connectionID);
+    const long declared = request->IsChunked() ? 0 : std::max(request->GetBodySize(), 0L);
+    if (decision.m_choice == IHTTPRequestBodyHandler::eAnswerNow) {
+        AnswerNow(decision.m_answer);
+        return false;
+    }
+    if (decision.m_choice == IHTTPRequestBodyHandler::eTakeBody) {
+        m_bodyLimit = decision.m_maxBodyBytes;
+        if (m_bodyLimit != 0 && static_cast<uint64_t>(declared) > m_bodyLimit) {
+            bodyHandler->OnRequestBodyEnd(false, m_connectionID);
+            Refuse(413);
+            return false;
+        }
+        if (!complete && !HandleExpectation(*request, handler)) {
+            bodyHandler->OnRequestBodyEnd(false, m_connectionID);
+            return false;
+        }
+        m_pBodyHandler = bodyHandler;
+        StartBody(*request, complete);
+        return false;
+    }
+    if (declared > m_maxBodyBytes) {
+        Refuse(413);
+        return false;
+    }
+    m_parser.SetMaxBodySize(m_maxBodyBytes);
+    return !m_strict || complete || HandleExpectation(*request, handler);
+}
+
+bool CHTTPConnectionPoint::HandleExpectation(const CHTTPRequest &request, IHTTPRequestHandler *handler)
+{
+    const char *name = "expect";
     KZF::tstring expectation;
-    if (request.IsNull() || !request->GetHeaderFieldValueByName("expect", expectation))
-        return;
-    if (!request->HasHeaderToken("expect", "100-continue") || request->GetHTTPVersion() != 11) {
+    if (!request.GetHeaderFieldValueByName(name, expectation))
+        return true;
+    const bool wantsContinue = request.HasHeaderToken(name, "100-continue");
+    if (m_strict && (!wantsContinue || request.GetHTTPVersion() != 11)) {
         Refuse(417);
-        return;
+        return false;
     }
     // A client that sent its body already did not wait; one without a body
     // has nothing to wait for.
-    if (m_receivedSize > m_parser.GetBodyStart() || (request->GetBodySize() == 0 && !request->IsChunked()))
-        return;
+    if (!wantsContinue || m_receivedSize > m_parser.GetBodyStart() ||
+        (request.GetBodySize() == 0 && !request.IsChunked()))
+        return true;
     // Only a request some handler takes is worth its body; for any other the
     // final answer goes out at once and the body is never read.
-    if (m_pLayer->FindHandler(*request) == nullptr) {
+    if (handler == nullptr) {
+        if (!m_strict)
+            return true;
         Refuse(404);
-        return;
+        return false;
     }
     Write(c_continue, sizeof(c_continue) - 1);
+    return true;
+}
+
+void CHTTPConnectionPoint::AnswerNow(const KZF::CRefCountPtr<CHTTPResponse> &answer)
+{
+    AddRef();
+    m_exchange = eRunning;
+    m_consumed = m_receivedSize; // the body is not read: nothing after it is a request
+    m_detachAfterExchange = true;
+    m_piece = answer;
+    if (answer.IsNull())
+        SendResponse(m_strict ? closingAnswer(404) : s_notFoundResponse);
+    else
+        SendResponse(*answer);
+    EndExchange();
+    AfterDispatch();
+    ReleaseRef();
+}
+
+void CHTTPConnectionPoint::StartBody(CHTTPRequest &request, bool complete)
+{
+    m_exchange = eRunning;
+    m_request = &request;
+    m_bodyState = eBodyMore;
+    m_bodyTaken = 0;
+    if (complete) {
+        // It all came with the header block, decoded by the parser already.
+        const long size = request.GetBodySize();
+        if (m_bodyLimit != 0 && static_cast<uint64_t>(size) > m_bodyLimit)
+            m_bodyState = eBodyTooLarge;
+        else if (size > 0 && !m_pBodyHandler->OnRequestBodyData(request.GetBody(), static_cast<size_t>(size),
+                                                                m_connectionID))
+            m_bodyState = eBodyStopped;
+        else
+            m_bodyState = eBodyDone;
+        request.SetBody(nullptr, 0);
+        FinishBody();
+        return;
+    }
+    m_chunkedBody = request.IsChunked();
+    if (m_chunkedBody) {
+        m_chunkDecoder.Reset();
+        m_chunkDecoder.SetMaxBodySize(
+            m_bodyLimit != 0 ? static_cast<long>(std::min<uint64_t>(m_bodyLimit, LONG_MAX)) : LONG_MAX);
+    } else {
+        m_bodyRemaining = static_cast<uint64_t>(std::max(request.GetBodySize(), 0L));
+    }
+    if (m_pDataLayer != nullptr)
+        m_pDataLayer->SetReceivingBody(true);
+    // The body bytes that came with the header block go first; the buffer
+    // then serves as the helping for the rest.
+    const int start = m_parser.GetBodyStart();
+    unsigned char *buffer = m_receiveBuffer;
+    const int used = FeedBody(buffer + start, m_receivedSize - start);
+    const int rest = m_receivedSize - start - used;
+    std::memmove(buffer, buffer + start + used, static_cast<size_t>(rest));
+    m_receivedSize = rest;
+    m_consumed = 0;
+    if (m_bodyState == eBodyMore && m_receiveBuffer.GetSize() < c_bodyPieceSize &&
+        !m_receiveBuffer.SetSize(c_bodyPieceSize)) {
+        m_receivedSize = 0;
+        m_bodyState = eBodyCut;
+        Detach();
+    }
+    if (m_bodyState != eBodyMore)
+        FinishBody();
+}
+
+void CHTTPConnectionPoint::ReceiveBody()
+{
+    unsigned char *buffer = m_receiveBuffer;
+    const int size = static_cast<int>(m_receiveBuffer.GetSize());
+    for (int helping = 0; helping < c_bodyHelpings && m_bodyState == eBodyMore; ++helping) {
+        if (m_isClosed || m_pDataLayer == nullptr)
+            break;
+        const int got = m_pDataLayer->ReadData(buffer, size);
+        if (got <= 0)
+            break;
+        const int used = FeedBody(buffer, got);
+        // What follows the body is kept for the next request.
+        std::memmove(buffer, buffer + used, static_cast<size_t>(got - used));
+        m_receivedSize = got - used;
+    }
+    if (m_bodyState == eBodyMore && (m_isClosed || m_pDataLayer == nullptr))
+        m_bodyState = eBodyCut;
+    if (m_bodyState != eBodyMore) {
+        FinishBody();
+        return;
+    }
+    m_exchange = eBody;
+    // A close that came meanwhile found the body running: whoever takes it
+    // back from waiting ends it.
+    int body = eBody;
+    if (m_isClosed && m_exchange.compare_exchange_strong(body, eRunning)) {
+        m_bodyState = eBodyCut;
+        FinishBody();
+    }
+}
+
+int CHTTPConnectionPoint::FeedBody(const unsigned char *data, int size)
+{
+    int used = 0;
+    while (m_bodyState == eBodyMore && (used < size || (!m_chunkedBody && m_bodyRemaining == 0))) {
+        const unsigned char *piece = data + used;
+        size_t pieceSize = 0;
+        if (m_chunkedBody) {
+            size_t consumed = 0;
+            const int result = m_chunkDecoder.Decode(data + used, static_cast<size_t>(size - used), consumed,
+                                                     piece, pieceSize);
+            used += static_cast<int>(consumed);
+            if (result == CHTTPChunkedDecoder::eResultDone)
+                m_bodyState = eBodyDone;
+            else if (result == CHTTPChunkedDecoder::eResultError)
+                m_bodyState = m_chunkDecoder.GetError() == CHTTPChunkedDecoder::eErrorTooLarge
+                                  ? eBodyTooLarge
+                                  : eBodyMalformed;
+        } else {
+            pieceSize =
+                static_cast<size_t>(std::min<uint64_t>(m_bodyRemaining, static_cast<uint64_t>(size - used)));
+            used += static_cast<int>(pieceSize);
+            m_bodyRemaining -= pieceSize;
+            if (m_bodyRemaining == 0)
+                m_bodyState = eBodyDone;
+        }
+        if (pieceSize > 0) {
+            m_bodyTaken += pieceSize;
+            // A refusal of the last piece still fails the body.
+            if (!m_pBodyHandler->OnRequestBodyData(piece, pieceSize, m_connectionID))
+                m_bodyState = eBodyStopped;
+        }
+    }
+    return used;
+}
+
+void CHTTPConnectionPoint::FinishBody()
+{
+    IHTTPRequestBodyHandler *bodyHandler = m_pBodyHandler;
+    m_pBodyHandler = nullptr;
+    const int state = m_bodyState;
+    m_bodyState = eBodyMore;
+    if (m_pDataLayer != nullptr)
+        m_pDataLayer->SetReceivingBody(false);
+    bodyHandler->OnRequestBodyEnd(state == eBodyDone, m_connectionID);
+    const KZF::CRefCountPtr<CHTTPRequest> request = m_request;
+    switch (state) {
+    case eBodyDone:
+        ProcessRequest(request);
+        break;
+    case eBodyStopped:
+        // The rest of the body is never read: nothing after it can be.
+        m_detachAfterExchange = true;
+        m_receivedSize = 0;
+        ProcessRequest(request);
+        break;
+    case eBodyTooLarge:
+        Refuse(413);
+        break;
+    case eBodyMalformed:
+        Refuse(400);
+        break;
+    default: // the connection is gone
+        AddRef();
+        EndExchange();
+        AfterDispatch();
+        ReleaseRef();
+        break;
+    }
 }
 
 const CHTTPResponse &CHTTPConnectionPoint::Announced(const CHTTPResponse &response)
@@ -313,7 +597,7 @@ void CHTTPConnectionPoint::ProcessRequest(KZF::CRefCountPtr<CHTTPRequest> reques
     if (request.IsNull()) {
         SendResponse(s_badRequestResponse);
     } else {
-        IHTTPRequestHandler *handler = m_pLayer->FindHandler(*request);
+        IHTTPRequestHandler *handler = m_bodyDecided ? m_pDecidedHandler : m_pLayer->FindHandler(*request);
         m_pHandler = handler;
         if (handler == nullptr) {
             SendResponse(s_notFoundResponse);
@@ -405,7 +689,9 @@ void CHTTPConnectionPoint::AfterDispatch()
     }
     m_consumed = 0;
     m_headOnly = false;
-    m_expectHandled = false;
+    m_bodyDecided = false;
+    m_pDecidedHandler = nullptr;
+    m_parser.SetMaxBodySize(LONG_MAX);
     if (m_detachAfterExchange) {
         m_detachAfterExchange = false;
         m_receivedSize = 0;
@@ -429,6 +715,12 @@ void CHTTPConnectionPoint::OnConnectionClosed(INVQDataLayer &connection)
     IHTTPRequestHandler *handler = m_pHandler;
     if (handler != nullptr)
         handler->InterruptProcessing();
+    // A body waiting for more bytes will not get them.
+    int body = eBody;
+    if (m_exchange.compare_exchange_strong(body, eRunning)) {
+        m_bodyState = eBodyCut;
+        FinishBody();
+    }
     // A parked exchange will not be resumed: it ends here. One that runs on
     // another thread sees the flag and ends itself.
     int parked = eParked;

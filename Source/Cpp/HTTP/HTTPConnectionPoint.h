@@ -1,10 +1,12 @@
 #ifndef NVQ_HTTP_HTTPCONNECTIONPOINT_H
 #define NVQ_HTTP_HTTPCONNECTIONPOINT_H
 
+#include "HTTP/HTTPChunkedDecoder.h"
 #include "HTTP/HTTPRequest.h"
 #include "HTTP/HTTPRequestParser.h"
 #include "HTTP/HTTPResponse.h"
 #include "HTTP/IHTTPExchangeEndNotification.h"
+#include "HTTP/IHTTPRequestBodyHandler.h"
 #include "HTTP/IHTTPRequestHandler.h"
 #include "KZF_Base/Linux/DataBuffer.h"
 #include "KZF_Base/Linux/RefCount.h"
@@ -33,10 +35,13 @@ class CHTTPLayer;
 class CHTTPConnectionPoint : private INVQDataLayerNotification, public KZF::CRefCount_Base
 {
   public:
-    // Requests that do not fit in this many buffered bytes get the 400 answer
-    // and the connection is closed: a client cannot make the buffer grow
-    // without bound.
-    static constexpr int c_maxRequestSize = 1024 * 1024;
+    // Default bounds of what is buffered. A header block that does not end
+    // within its bound gets the 400 answer, a body above its bound "413
+    // Payload Too Large"; either closes the connection, so a client cannot
+    // make the buffer grow without bound. Bodies a handler takes in pieces
+    // have the handler's own bound instead.
+    static constexpr long c_defaultMaxHeaderBytes = 1024 * 1024;
+    static constexpr long c_defaultMaxBodyBytes = 1024 * 1024;
 
     // Registers with the data layer for its data and close notifications.
     CHTTPConnectionPoint(INVQDataLayer &dataLayer, CHTTPLayer &layer, int connectionID);
@@ -54,6 +59,8 @@ class CHTTPConnectionPoint : private INVQDataLayerNotification, public KZF::CRef
     // before the first bytes arrive). Off: every streamed answer ends the
     // connection.
     void SetKeepAfterStream(bool keep) { m_keepAfterStream = keep; }
+    // The bounds above (set before the first bytes arrive).
+    void SetLimits(long maxHeaderBytes, long maxBodyBytes);
     int GetConnectionID() const { return m_connectionID; }
 
     // Dispatch of one request; a null request stands for one the parser
@@ -71,19 +78,34 @@ class CHTTPConnectionPoint : private INVQDataLayerNotification, public KZF::CRef
     CHTTPConnectionPoint(const CHTTPConnectionPoint &) = delete;
     CHTTPConnectionPoint &operator=(const CHTTPConnectionPoint &) = delete;
 
-    enum EExchange { eNoExchange, eRunning, eParked };
+    // eBody: a body is being taken in pieces and no delivery runs.
+    enum EExchange { eNoExchange, eRunning, eParked, eBody };
+    enum EBodyState { eBodyMore, eBodyDone, eBodyStopped, eBodyTooLarge, eBodyMalformed, eBodyCut };
 
     // Reads what waits, parses, and dispatches what is complete.
     void Receive();
     // Parses what is buffered and answers it; in strict mode request after
     // request, until one parks or nothing complete is left.
     void ProcessBuffered(bool overBound);
+    // Reads what waits up to the bound, stopping early where a header block
+    // ends with more input left; answers an EReadResult.
+    int ReadWaiting();
     // Strict mode: what the request asks of the connection.
     void TakeConnectionOptions(const CHTTPRequest &request);
+    // The header block is complete: its handler chooses what happens to the
+    // body. False when the request was answered already.
+    bool DecideBody(bool complete);
+    // The body in pieces: reading, feeding, and the end of it.
+    void StartBody(CHTTPRequest &request, bool complete);
+    void ReceiveBody();
+    int FeedBody(const unsigned char *data, int size);
+    void FinishBody();
+    // The answer of a handler that refused the body.
+    void AnswerNow(const KZF::CRefCountPtr<CHTTPResponse> &answer);
     // Strict mode: an answer of its own for a request refused before any
     // handler saw it; the connection closes after it.
     void Refuse(int status);
-    void HandleExpectation();
+    bool HandleExpectation(const CHTTPRequest &request, IHTTPRequestHandler *handler);
     // The record to write in place of `response` in strict mode: one that
     // announces the close when the connection ends after it.
     const CHTTPResponse &Announced(const CHTTPResponse &response);
@@ -123,15 +145,30 @@ class CHTTPConnectionPoint : private INVQDataLayerNotification, public KZF::CRef
     KZF::CRefCountPtr<CHTTPResponse> m_piece;
     bool m_detachAfterExchange; // close once the answer is out
     bool m_strict;
-    bool m_headOnly;      // strict: the header block alone is written
-    bool m_expectHandled; // strict: Expect was looked at for this request
-    int m_consumed;       // strict: bytes of the buffered request; the rest is the next one
+    bool m_headOnly;    // strict: the header block alone is written
+    bool m_bodyDecided; // the handler of this request has been chosen
+    long m_maxHeaderBytes;
+    long m_maxBodyBytes;
+    IHTTPRequestHandler *m_pDecidedHandler;
+    // The body taken in pieces.
+    IHTTPRequestBodyHandler *m_pBodyHandler;
+    int m_bodyState;
+    bool m_chunkedBody;
+    uint64_t m_bodyRemaining; // with a Content-Length
+    uint64_t m_bodyTaken;
+    uint64_t m_bodyLimit; // 0: none
+    CHTTPChunkedDecoder m_chunkDecoder;
+    int m_consumed; // strict: bytes of the buffered request; the rest is the next one
     bool m_keepAfterStream;
     int64_t m_streamDeclared; // the running stream's declared length, or -1
     int64_t m_streamSent;     // and the bytes its pieces carried so far
     // The handler last asked for its exchange end notice, and the notice.
     IHTTPRequestHandler *m_pCastHandler;
     IHTTPExchangeEndNotification *m_pEndNotification;
+    IHTTPRequestHandler *m_pBodyCastHandler;
+    IHTTPRequestBodyHandler *m_pBodyCast;
+    KZF::tstring m_remoteAddress;
+    bool m_secure;
 };
 
 } // namespace NVQ

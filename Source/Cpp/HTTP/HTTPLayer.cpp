@@ -9,13 +9,17 @@ namespace NVQ
 {
 
 CHTTPLayer::CHTTPLayer(INVQMultiPointLayer &layer)
-    : m_pMultiPointLayer(&layer), m_lastConnectionID(0), m_strict(false), m_keepAfterStream(false)
+    : m_pMultiPointLayer(&layer), m_lastConnectionID(0), m_strict(false),
+      m_maxHeaderBytes(CHTTPConnectionPoint::c_defaultMaxHeaderBytes),
+      m_maxBodyBytes(CHTTPConnectionPoint::c_defaultMaxBodyBytes), m_keepAfterStream(false)
 {
     m_pMultiPointLayer->RegisterNotification(*this);
 }
 
 CHTTPLayer::CHTTPLayer()
-    : m_pMultiPointLayer(nullptr), m_lastConnectionID(0), m_strict(false), m_keepAfterStream(false)
+    : m_pMultiPointLayer(nullptr), m_lastConnectionID(0), m_strict(false),
+      m_maxHeaderBytes(CHTTPConnectionPoint::c_defaultMaxHeaderBytes),
+      m_maxBodyBytes(CHTTPConnectionPoint::c_defaultMaxBodyBytes), m_keepAfterStream(false)
 {
 }
 
@@ -62,6 +66,7 @@ bool CHTTPLayer::NewConnectionRequested(INVQMultiPointLayer &layer, const INVQCo
     if (!connectionPoint.IsNull()) {
         connectionPoint->SetStrict(m_strict);
         connectionPoint->SetKeepAfterStream(m_keepAfterStream);
+        connectionPoint->SetLimits(m_maxHeaderBytes, m_maxBodyBytes);
         KZF::CCriticalSection::CLock lock(m_lock);
         m_connectionPoints.insert(std::make_pair(connectionID, connectionPoint));
         result = true;

@@ -45,6 +45,12 @@ class CHTTPLayer : private INVQMultiPointLayerNotification
     // Connections accepted from now on keep a streamed answer's connection
     // when its length held (see CHTTPConnectionPoint::SetKeepAfterStream).
     void SetKeepAfterStream(bool keep) { m_keepAfterStream = keep; }
+    // The buffering bounds of new connections (CHTTPConnectionPoint::SetLimits).
+    void SetLimits(long maxHeaderBytes, long maxBodyBytes)
+    {
+        m_maxHeaderBytes = maxHeaderBytes;
+        m_maxBodyBytes = maxBodyBytes;
+    }
 
     // A connection point leaves the table (its connection closed).
     void OnConnectionPointClosed(CHTTPConnectionPoint &connectionPoint);
@@ -65,6 +71,8 @@ class CHTTPLayer : private INVQMultiPointLayerNotification
     std::map<int, KZF::CRefCountPtr<CHTTPConnectionPoint>> m_connectionPoints;
     KZF::CCriticalSection m_lock;
     bool m_strict;
+    long m_maxHeaderBytes;
+    long m_maxBodyBytes;
     bool m_keepAfterStream;
 };
 

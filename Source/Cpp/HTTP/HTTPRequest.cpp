@@ -52,7 +52,8 @@ namespace NVQ
 {
 
 CHTTPRequest::CHTTPRequest()
-    : m_bodySize(0), m_pBody(nullptr), m_bodyParamsProcessed(false), m_httpVersion(0), m_chunked(false), m_secure(false)
+    : m_bodySize(0), m_pBody(nullptr), m_bodyParamsProcessed(false), m_httpVersion(0), m_chunked(false),
+      m_secure(false)
 {
 }
 

@@ -134,8 +134,12 @@ class CHTTPRequestParser
     bool IsStrict() const { return m_strictNext; }
     // Strict mode: a body above this many bytes (Content-Length, or the
     // chunked total while it is decoded) fails with 413. Read where each
-    // header block ends; default LONG_MAX.
-    void SetMaxBodySize(long bytes) { m_maxBodySize = bytes < 0 ? 0 : bytes; }
+    // header block ends, and by a chunked body being decoded; default LONG_MAX.
+    void SetMaxBodySize(long bytes)
+    {
+        m_maxBodySize = bytes < 0 ? 0 : bytes;
+        m_chunkedDecoder.SetMaxBodySize(m_maxBodySize);
+    }
 
     // True once the header block has ended, and then the index of the first
     // body byte (raw, before any chunked decoding).

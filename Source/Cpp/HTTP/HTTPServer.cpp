@@ -25,6 +25,7 @@ bool CHTTPServer::StartServer(const SHTTPServerOptions &options)
     if (m_httpLayer != nullptr) {
         m_httpLayer->SetStrict(options.m_strict);
         m_httpLayer->SetKeepAfterStream(options.m_keepAfterStream);
+        m_httpLayer->SetLimits(options.m_maxHeaderBytes, options.m_maxBodyBytes);
     }
     return CSocketServerLayer::StartServer(options.m_port, -1, false);
 }

@@ -10,7 +10,11 @@ namespace NVQ
 class CHTTPLayer;
 
 struct SHTTPServerOptions {
-    SHTTPServerOptions() : m_port(7070), m_strict(false), m_keepAfterStream(false) {}
+    SHTTPServerOptions()
+        : m_port(7070), m_strict(false), m_maxHeaderBytes(1024 * 1024), m_maxBodyBytes(1024 * 1024),
+          m_keepAfterStream(false)
+    {
+    }
     // TCP port to listen on (IPv4 and IPv6); 0 picks a free one.
     int m_port;
     // Strict HTTP/1.1 (RFC 9112) instead of the lenient reference parsing:
@@ -21,6 +25,11 @@ struct SHTTPServerOptions {
     // and HTTP/1.0 honoured, HEAD answers without body, Expect: 100-continue;
     // every refusal closes the connection.
     bool m_strict;
+    // Bounds of what a connection buffers: the header block (beyond it, 400)
+    // and a body its handler does not take in pieces (beyond it, "413
+    // Payload Too Large"); both close the connection. 1 MiB each.
+    long m_maxHeaderBytes;
+    long m_maxBodyBytes;
     // A streamed answer (pieces pulled from the handler) whose first piece
     // declared a "Content-Length" field and whose pieces carried exactly that
     // many bytes leaves the connection open for the next request, as a

@@ -86,6 +86,9 @@ constexpr size_t c_lingerDrainLimit = 65536;
 // A connection closed by the server reads and drops the peer's bytes for at
 // most this long before its socket is closed anyway.
 constexpr int c_lingerTimeoutMs = 5000;
+// Deliveries of input per service: enough for a reader that drains in one,
+// few enough that one busy connection cannot hold the loop.
+constexpr int c_inputRounds = 4;
 
 } // namespace
 
@@ -524,7 +527,8 @@ CSocketConnection::EServiceResult CSocketConnection::Service(int64_t now)
     }
     // Input, as long as the notification takes it (a few rounds at most, so
     // one busy connection cannot hold the loop).
-    for (int round = 0; round < 4; ++round) {
+    int round = 0;
+    for (; round < c_inputRounds; ++round) {
         if (!m_readable || m_readPaused || m_wantSent || m_peerClosed || IsBroken() || IsClosedByServer())
             break;
         m_readCalled = false;
@@ -532,6 +536,11 @@ CSocketConnection::EServiceResult CSocketConnection::Service(int64_t now)
         if (!m_readCalled)
             break; // it does not want input now
     }
+    // A reader that takes input in bounded helpings (a streamed upload) is
+    // served again after the other connections had their turn: no new event
+    // would come for bytes already waiting.
+    if (round == c_inputRounds && m_readable && !m_readPaused && !m_peerClosed && !IsBroken())
+        m_loop.Post(CEventLoop::eTaskService, this);
     if (IsClosedByServer()) {
         if (IsBroken())
             return eFinish;
@@ -559,6 +568,11 @@ bool CSocketConnection::Settle(int64_t now, int idleTimeoutMs, int requestTimeou
         wait = eWaitLinger;
     } else if (!m_queue.IsEmpty()) {
         wait = eWaitSending;
+    } else if (m_receivingBody) {
+        // A long body: the request timeout counts from the last byte read.
+        wait = eWaitRequest;
+        if (m_readInDelivery && m_wait == eWaitRequest)
+            m_deadline = now + requestTimeoutMs;
     } else if (m_longLived) {
         // Traffic keeps a long exchange alive; only silence ends it.
         wait = eWaitIdle;

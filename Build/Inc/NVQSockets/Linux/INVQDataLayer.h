@@ -78,6 +78,11 @@ class INVQDataLayer : public KZF::CRefCount_Base
     // holds part of a request (the request timeout applies).
     virtual void SetIdle(bool idle) { (void)idle; }
 
+    // While set, the request takes its time to arrive (a large upload): the
+    // request timeout counts from the last byte read instead of from its
+    // first.
+    virtual void SetReceivingBody(bool receiving) { (void)receiving; }
+
     // From now on the connection carries one long exchange (an upgraded
     // protocol, an event stream) instead of requests: only the idle timeout
     // applies, renewed by traffic and by OnIdle, and it is never closed to
