@@ -656,7 +656,7 @@ KZF::CRefCountPtr<CHTTPResponse> CHTTPDefaultHandler::ProcessWithOptions(const C
     }
     const int64_t length = last - first + 1;
 
-    if (request.GetMethod() != c_getMethod || length <= c_pieceSize || length <= m_pieceSize) {
+    if (request.GetMethod() != c_getMethod || length <= m_pieceSize) {
         CHTTPResponse *response = new (std::nothrow) CHTTPResponse();
         result = response;
         if (response == nullptr)
@@ -671,6 +671,10 @@ KZF::CRefCountPtr<CHTTPResponse> CHTTPDefaultHandler::ProcessWithOptions(const C
         } else if (length <= c_pieceSize) {
             unsigned char buffer[c_pieceSize];
             const size_t n = readAt(file.Get(), buffer, static_cast<size_t>(length), first);
+            // A range cut by a file that shrank meanwhile would contradict
+            // its Content-Range; a whole file goes short, as without options.
+            if (partial && n != static_cast<size_t>(length))
+                return KZF::CRefCountPtr<CHTTPResponse>();
             response->SetData(buffer, static_cast<long>(n));
             if (encoding == nullptr && !partial && n == static_cast<size_t>(size))
                 m_fileCache.Put(path, status, buffer, n, KZF::time());
