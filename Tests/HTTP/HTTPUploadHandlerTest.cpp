@@ -188,12 +188,18 @@ TEST(HTTPUploadHandlerTest, CutUploadsLeaveNothing)
     }
     EXPECT_EQ("", dir.List());
 
+    // No body announced and no body end reported: an empty file.
+    handler.OnRequestHeaders(*request, 5);
+    EXPECT_EQ("{\"stored\":[{\"name\":\"a\",\"size\":0}]}", Text(handler.ProcessRequest(*request, 5)));
+    handler.OnExchangeEnded(5);
+    EXPECT_EQ("a=;", dir.List());
+
     // A declared length above the limit is refused before any byte.
     request->AddHeaderField("Content-Length", "101");
     decision = handler.OnRequestHeaders(*request, 4);
     EXPECT_EQ(IHTTPRequestBodyHandler::eAnswerNow, decision.m_choice);
     EXPECT_EQ(413, decision.m_answer->GetCode());
-    EXPECT_EQ("", dir.List());
+    EXPECT_EQ("a=;", dir.List());
 }
 
 TEST(HTTPUploadHandlerTest, ExistingNamesLinksAndBufferedBodies)

@@ -136,6 +136,17 @@ std::string rawBodyName(const KZF::tstring &uri, const KZF::tstring &prefix)
     return randomHex(8, random) ? "upload-" + random + ".bin" : std::string();
 }
 
+// Whether the request announces body bytes; without any, no body end may
+// be reported before ProcessRequest.
+bool hasDeclaredBody(const CHTTPRequest &request)
+{
+    KZF::tstring value;
+    if (request.GetHeaderFieldValueByName("transfer-encoding", value))
+        return true;
+    return request.GetHeaderFieldValueByName("content-length", value) &&
+           std::strtoull(value.c_str(), nullptr, 10) > 0;
+}
+
 bool isDiskFull(int error)
 {
     return error == ENOSPC || error == EDQUOT;
@@ -489,6 +500,8 @@ KZF::CRefCountPtr<CHTTPResponse> CHTTPUploadHandler::ProcessRequest(CHTTPRequest
     if (!isUploadMethod(request.GetMethod()))
         return jsonAnswer(405, "{\"error\":\"method not allowed\"}");
     std::unique_ptr<CUpload> upload = Take(connectionID);
+    if (upload != nullptr && upload->GetStatus() == 0 && !hasDeclaredBody(request))
+        upload->End(true);
     if (upload == nullptr) {
         // The server buffered the body instead of handing it over in pieces.
         upload.reset(new (std::nothrow) CUpload(m_options));

@@ -50,8 +50,6 @@ class CHTTPUploadHandler : public IHTTPRequestHandler,
         bool m_replaceExisting;   // true: a new file replaces one of its name
     };
 
-    class CUpload; // one request's upload, defined in the .cpp
-
     explicit CHTTPUploadHandler(const SOptions &options);
     // Removes the temporaries of uploads still under way.
     ~CHTTPUploadHandler() override;
@@ -72,6 +70,8 @@ class CHTTPUploadHandler : public IHTTPRequestHandler,
     static bool IsSafeFileName(const std::string &name);
 
   private:
+    class CUpload; // one request's files
+
     CHTTPUploadHandler(const CHTTPUploadHandler &) = delete;
     CHTTPUploadHandler &operator=(const CHTTPUploadHandler &) = delete;
 
