@@ -30,14 +30,14 @@ EMULATOR = []
 class Server:
     """nvq-httpd on a free port, serving a copy of the sample site plus test files."""
 
-    def __init__(self, extra_files=None):
+    def __init__(self, extra_files=None, flags=()):
         self.root = tempfile.mkdtemp(prefix="nvq-e2e-")
         shutil.copytree(SITE_DIR, self.root, dirs_exist_ok=True)
         for name, data in (extra_files or {}).items():
             with open(os.path.join(self.root, name), "wb") as f:
                 f.write(data)
         self.process = subprocess.Popen(
-            EMULATOR + [NVQ_HTTPD, "--port", "0", "--root", self.root, "--log-level", "4"],
+            EMULATOR + [NVQ_HTTPD, "--port", "0", "--root", self.root, "--log-level", "4"] + list(flags),
             stderr=subprocess.PIPE, text=True)
         self.port = None
         deadline = time.time() + 10

@@ -40,6 +40,8 @@ const char *phraseOf(int code)
         return "Method Not Allowed";
     case 409:
         return "Conflict";
+    case 411:
+        return "Length Required";
     case 413:
         return "Payload Too Large";
     case 507:
@@ -459,6 +461,14 @@ IHTTPRequestBodyHandler::SBodyDecision CHTTPUploadHandler::OnRequestHeaders(CHTT
     // that stays open.
     if (!isUploadMethod(request.GetMethod()))
         return decision;
+    // Only the strict parser decodes chunked bodies; the lenient one would
+    // store an empty file and read the chunks as requests.
+    KZF::tstring coding;
+    if (request.GetHeaderFieldValueByName("transfer-encoding", coding) && !request.IsChunked()) {
+        decision.m_choice = eAnswerNow;
+        decision.m_answer = jsonAnswer(411, "{\"error\":\"a chunked body needs the strict HTTP/1.1 mode\"}");
+        return decision;
+    }
     std::unique_ptr<CUpload> upload(new (std::nothrow) CUpload(m_options));
     if (upload == nullptr || !upload->Start(request)) {
         decision.m_choice = eAnswerNow;
