@@ -8,6 +8,8 @@
 #include "HTTP/HTTPDefaultHandler.h"
 #include "HTTP/HTTPLayer.h"
 #include "HTTP/HTTPLogHandler.h"
+#include "HTTP/IHTTPExchangeEndNotification.h"
+#include "HTTP/IHTTPRequestBodyHandler.h"
 #include "KZF_Utilities/Linux/Logger.h"
 #include "NVQSockets/Linux/INVQMultiPointLayer.h"
 
@@ -269,6 +271,99 @@ class COneConnectionLayer : public NVQ::INVQMultiPointLayer
     KZF::CRefCountPtr<NVQ::INVQDataLayer> m_next;
 };
 
+// Takes bodies under /up as its URI says (take, answer, buffer, limit: at
+// most 100 bytes, stop: refuses the body after 10 bytes) and checks the
+// order of the calls it gets: headers, pieces, one end, then the answer.
+class CBodyHandler : public NVQ::IHTTPRequestHandler,
+                     public NVQ::IHTTPRequestBodyHandler,
+                     public NVQ::IHTTPExchangeEndNotification
+{
+  public:
+    enum EState { eIdle, eHeaders, eBody, eEnded, eAnswering };
+
+    bool CanProcessUri(const KZF::tstring &uri) override { return uri.compare(0, 3, "/up") == 0; }
+
+    SBodyDecision OnRequestHeaders(NVQ::CHTTPRequest &request, int) override
+    {
+        NVQ_FUZZ_CHECK(m_state == eIdle);
+        const KZF::tstring &uri = request.GetUri();
+        SBodyDecision decision;
+        m_limit = 0;
+        m_stopAfter = 0;
+        m_taken = 0;
+        if (uri.find("answer") != KZF::tstring::npos) {
+            decision.m_choice = eAnswerNow;
+            decision.m_answer = Answer(403);
+            return decision;
+        }
+        if (uri.find("buffer") != KZF::tstring::npos) {
+            m_state = eEnded; // the answer follows once the whole body is in
+            return decision;
+        }
+        decision.m_choice = eTakeBody;
+        if (uri.find("limit") != KZF::tstring::npos)
+            m_limit = 100;
+        if (uri.find("stop") != KZF::tstring::npos)
+            m_stopAfter = 10;
+        decision.m_maxBodyBytes = m_limit;
+        m_state = eBody;
+        return decision;
+    }
+    bool OnRequestBodyData(const unsigned char *data, size_t size, int) override
+    {
+        NVQ_FUZZ_CHECK(m_state == eBody && data != nullptr && size > 0);
+        m_taken += size;
+        NVQ_FUZZ_CHECK(m_limit == 0 || m_taken <= m_limit);
+        return m_stopAfter == 0 || m_taken < m_stopAfter;
+    }
+    void OnRequestBodyEnd(bool complete, int) override
+    {
+        NVQ_FUZZ_CHECK(m_state == eBody);
+        NVQ_FUZZ_CHECK(!complete || m_limit == 0 || m_taken <= m_limit);
+        m_state = eEnded;
+    }
+    KZF::CRefCountPtr<NVQ::CHTTPResponse> ProcessRequest(NVQ::CHTTPRequest &, int) override
+    {
+        NVQ_FUZZ_CHECK(m_state == eEnded);
+        m_state = eAnswering;
+        return Answer(200);
+    }
+    KZF::CRefCountPtr<NVQ::CHTTPResponse> GetAdditionalResponseData(int) override
+    {
+        return KZF::CRefCountPtr<NVQ::CHTTPResponse>();
+    }
+    bool InterruptProcessing() override { return true; }
+    void OnExchangeEnded(int) override
+    {
+        NVQ_FUZZ_CHECK(m_state == eAnswering);
+        m_state = eIdle;
+    }
+
+    // Between connections: a body cut short ended, a refused one was never
+    // answered.
+    void CheckIdle()
+    {
+        NVQ_FUZZ_CHECK(m_state == eIdle || m_state == eEnded);
+        m_state = eIdle;
+    }
+
+  private:
+    static KZF::CRefCountPtr<NVQ::CHTTPResponse> Answer(int code)
+    {
+        KZF::CRefCountPtr<NVQ::CHTTPResponse> answer(new NVQ::CHTTPResponse());
+        answer->SetCode(code);
+        answer->SetPhrase("Body");
+        answer->SetData(reinterpret_cast<const unsigned char *>("{}"), 2);
+        answer->SetIsLast(true);
+        return answer;
+    }
+
+    EState m_state = eIdle;
+    uint64_t m_limit = 0;
+    uint64_t m_stopAfter = 0;
+    uint64_t m_taken = 0;
+};
+
 void WriteFile(const std::string &path, size_t size)
 {
     const int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
@@ -288,6 +383,7 @@ struct SServer {
     NVQ::CHTTPLayer layer{framework};
     NVQ::CHTTPDefaultHandler *fileHandler = nullptr;
     NVQ::CHTTPLogHandler logHandler;
+    CBodyHandler bodyHandler;
     int firstFreeDescriptor = -1;
 
     SServer()
@@ -302,6 +398,7 @@ struct SServer {
         WriteFile(directory + "/empty", 0);
         NVQ_FUZZ_CHECK(mkfifo((directory + "/fifo").c_str(), 0644) == 0);
         fileHandler = new NVQ::CHTTPDefaultHandler(directory + "/");
+        layer.RegisterHandler(bodyHandler, false);
         layer.RegisterHandler(logHandler, false);
         layer.RegisterHandler(*fileHandler, false);
         KZF::CLogger::GetInstance().AddOutputDevice(&logHandler);
@@ -361,9 +458,10 @@ struct SServer {
 
 // Every answer starts with a status line and a header block; complete
 // answers carry their length, and the one without a length runs to the end
-// of the output, after which the connection must be over. In strict mode an
-// interim 100 has no body, and neither has an answer to HEAD (the next
-// answer follows its header block at once).
+// of the output, after which the connection must be over. An interim 100
+// has no body (a handler that takes bodies gets one in either mode), and in
+// strict mode neither has an answer to HEAD (the next answer follows its
+// header block at once).
 void CheckAnswers(const std::string &out, bool ended, bool strict)
 {
     size_t pos = 0;
@@ -382,8 +480,8 @@ void CheckAnswers(const std::string &out, bool ended, bool strict)
             return;
         }
         const std::string header = out.substr(pos, headerEnd + 2 - pos);
-        if (strict && (header.compare(9, 4, "100 ") == 0 || headerEnd + 4 == out.size() ||
-                       out.compare(headerEnd + 4, 9, "HTTP/1.1 ") == 0)) {
+        if (header.compare(9, 4, "100 ") == 0 ||
+            (strict && (headerEnd + 4 == out.size() || out.compare(headerEnd + 4, 9, "HTTP/1.1 ") == 0))) {
             pos = headerEnd + 4;
             continue;
         }
@@ -468,6 +566,7 @@ int FuzzConnectionPoint(const uint8_t *data, size_t size)
     connection->DropQueue();
 
     NVQ_FUZZ_CHECK(server.layer.GetConnectionPointCount() == 0);
+    server.bodyHandler.CheckIdle();
     CheckAnswers(connection->m_output, ended, (data[0] / 3) % 2 == 1);
     // Every file a transfer opened has been closed again.
     server.CheckNoFileOpen();

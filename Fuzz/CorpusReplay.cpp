@@ -31,9 +31,10 @@ bool ListFiles(const std::string &directory, std::vector<std::string> &files)
 int main(int argc, char **argv)
 {
     if (argc < 3) {
-        std::fprintf(stderr,
-                     "usage: %s request_parser|url_params|connection_point|websocket_frames corpus-dir...\n",
-                     argv[0]);
+        std::fprintf(
+            stderr,
+            "usage: %s request_parser|url_params|connection_point|websocket_frames|multipart corpus-dir...\n",
+            argv[0]);
         return 2;
     }
     int (*target)(const uint8_t *, size_t) = nullptr;
@@ -45,6 +46,8 @@ int main(int argc, char **argv)
         target = FuzzConnectionPoint;
     else if (std::strcmp(argv[1], "websocket_frames") == 0)
         target = FuzzWebSocketFrames;
+    else if (std::strcmp(argv[1], "multipart") == 0)
+        target = FuzzMultipart;
     if (target == nullptr) {
         std::fprintf(stderr, "unknown fuzz target %s\n", argv[1]);
         return 2;

@@ -25,6 +25,10 @@ int FuzzConnectionPoint(const uint8_t *data, size_t size);
 // limits, the second seeds the slicing and the pauses; the rest is the wire.
 int FuzzWebSocketFrames(const uint8_t *data, size_t size);
 
+// A multipart/form-data body (boundary "b"), parsed whole and in slices. The
+// first byte picks small or default limits, the second seeds the slicing.
+int FuzzMultipart(const uint8_t *data, size_t size);
+
 #define NVQ_FUZZ_CHECK(condition)                                                                            \
     do {                                                                                                     \
         if (!(condition)) {                                                                                  \

@@ -73,6 +73,19 @@ SEEDS = {
                                      DRAIN, DRAIN], STRICT),
     "strict_refused": script([arrive(b"POST / HTTP/1.1\r\nHost: a\r\nContent-Length: 1\r\n"
                                      b"Transfer-Encoding: chunked\r\n\r\n"), DELIVER], STRICT + BROKEN_WRITE, 2),
+    "body_taken": script([arrive(b"POST /up/take HTTP/1.1\r\nContent-Length: 600\r\n\r\n" + b"u" * 300), DELIVER,
+                          arrive(b"u" * 300 + get(b"/index.html")), DELIVER]),
+    "body_over_limit": script([arrive(b"POST /up/limit HTTP/1.1\r\nContent-Length: 101\r\n\r\n"), DELIVER]),
+    "body_answered_at_once": script([arrive(b"POST /up/answer HTTP/1.1\r\nContent-Length: 9\r\n"
+                                            b"Expect: 100-continue\r\n\r\n"), DELIVER]),
+    "body_stopped": script([arrive(b"PUT /up/stop HTTP/1.1\r\nContent-Length: 40\r\n\r\n" + b"s" * 40), DELIVER]),
+    "body_cut": script([arrive(b"POST /up/take HTTP/1.1\r\nContent-Length: 40\r\n\r\nab"), DELIVER, CLOSE]),
+    "strict_body_chunked": script([read_limit(5), arrive(b"POST /up/limit HTTP/1.1\r\nHost: a\r\n"
+                                                         b"Transfer-Encoding: chunked\r\nExpect: 100-continue\r\n\r\n"),
+                                   DELIVER, arrive(b"20;x\r\n" + b"c" * 32 + b"\r\n50\r\n" + b"d" * 80 +
+                                                   b"\r\n0\r\n\r\n"), DELIVER, DELIVER], STRICT),
+    "strict_body_buffered": script([arrive(b"POST /up/buffer HTTP/1.1\r\nHost: a\r\nContent-Length: 4\r\n\r\n"
+                                           b"abcd" + get(b"/up/take")), DELIVER], STRICT),
 }
 
 

@@ -1,5 +1,6 @@
 #include "HTTP/HTTPConnectionPoint.h"
 #include "HTTP/HTTPLayer.h"
+#include "HTTP/IHTTPConnectionTaker.h"
 #include "HTTP/IHTTPRequestBodyHandler.h"
 
 #include "Support/FakeDataLayer.h"
@@ -224,6 +225,51 @@ TEST_F(RequestBodyTest, CloseMidBodyEndsItIncompleteWithoutAnAnswer)
     EXPECT_EQ(std::vector<bool>({false}), m_handler.m_ends);
     EXPECT_TRUE(m_handler.ProcessIDs().empty());
     EXPECT_EQ("", m_data->WrittenBytes());
+}
+
+} // namespace
+
+namespace
+{
+
+class CTaker : public NVQ::IHTTPConnectionTaker
+{
+  public:
+    void TakeConnection(NVQ::INVQDataLayer &connection, const unsigned char *buffered, size_t size,
+                        int connectionID) override
+    {
+        m_pConnection = &connection;
+        m_buffered.assign(reinterpret_cast<const char *>(buffered), size);
+        m_connectionID = connectionID;
+    }
+    NVQ::INVQDataLayer *m_pConnection = nullptr;
+    std::string m_buffered;
+    int m_connectionID = 0;
+};
+
+TEST_F(RequestBodyTest, AnAnswerWithATakerHandsTheConnectionOverAfterItsHeaderBlock)
+{
+    KZF::CRefCountPtr<CTaker> taker(new CTaker());
+    m_handler.m_choice = IHTTPRequestBodyHandler::eBufferBody;
+    m_handler.m_onProcess = [&](NVQ::CHTTPRequest &, int) {
+        KZF::CRefCountPtr<NVQ::CHTTPResponse> answer =
+            makeResponse(101, "Switching Protocols", "", false, false);
+        answer->AddHeaderField("Upgrade", "websocket");
+        answer->SetConnectionTaker(taker.GetPtr());
+        return answer;
+    };
+    for (bool strict : {false, true}) {
+        taker->m_pConnection = nullptr;
+        Run(strict, {"GET /ws HTTP/1.1\r\nHost: a\r\n\r\nframe"});
+        EXPECT_EQ("HTTP/1.1 101 Switching Protocols\r\nUpgrade: websocket\r\n\r\n", m_data->WrittenBytes())
+            << strict;
+        EXPECT_EQ(m_data.GetPtr(), taker->m_pConnection) << strict;
+        EXPECT_EQ(strict ? "frame" : "", taker->m_buffered)
+            << "only strict parsing knows where the request ended";
+        EXPECT_EQ(3, taker->m_connectionID);
+        EXPECT_EQ(0, m_data->m_closes) << strict;
+        EXPECT_TRUE(m_handler.PullIDs().empty());
+    }
 }
 
 } // namespace

@@ -567,10 +567,12 @@ void CHTTPConnectionPoint::FinishBody()
 
 const CHTTPResponse &CHTTPConnectionPoint::Announced(const CHTTPResponse &response)
 {
-    // A complete answer on a connection that stays open, and every
-    // send-only piece, go as they are.
+    // A complete answer on a connection that stays open (or a stream that
+    // keeps it), every send-only piece, and an answer that hands the
+    // connection over go as they are.
     if (!m_strict || response.SendOnlyData() ||
-        ((response.IsLast() || KeepsAfterStream(response)) && !m_detachAfterExchange))
+        ((response.IsLast() || KeepsAfterStream(response)) && !m_detachAfterExchange) ||
+        response.GetConnectionTaker() != nullptr)
         return response;
     if (&response == &s_notFoundResponse || &response == &s_badRequestResponse)
         return closingAnswer(response.GetCode());
@@ -611,6 +613,11 @@ void CHTTPConnectionPoint::ProcessRequest(KZF::CRefCountPtr<CHTTPRequest> reques
                 if (!m_piece->IsLast())
                     m_detachAfterExchange = true;
                 SendResponse(*m_piece);
+            } else if (m_piece->GetConnectionTaker() != nullptr && !m_piece->IsLast()) {
+                SendResponse(*m_piece);
+                HandOver();
+                ReleaseRef();
+                return;
             } else {
                 SendResponse(*m_piece);
                 if (!RunPulls()) {
@@ -838,6 +845,35 @@ void CHTTPConnectionPoint::SendResponse(const CHTTPResponse &given)
         return;
     if (response.GetDataSize() > 0 && !headersOnly)
         SendData(response);
+}
+
+void CHTTPConnectionPoint::HandOver()
+{
+    const KZF::CRefCountPtr<IHTTPConnectionTaker> taker(m_piece->GetConnectionTaker());
+    INVQDataLayer *dataLayer = m_pDataLayer;
+    // What the client sent after the request is the taker's (strict parsing
+    // knows where the request ended; the lenient one drops the rest).
+    std::string rest;
+    if (m_strict && m_consumed < m_receivedSize)
+        rest.assign(reinterpret_cast<const char *>(static_cast<unsigned char *>(m_receiveBuffer)) +
+                        m_consumed,
+                    static_cast<size_t>(m_receivedSize - m_consumed));
+    m_detachAfterExchange = false;
+    EndExchange();
+    AfterDispatch();
+    m_receivedSize = 0;
+    if (m_isClosed || dataLayer == nullptr || m_pDataLayer == nullptr)
+        return;
+    // Until the taker registers, a close still comes here and is handled as
+    // any other.
+    dataLayer->AddRef();
+    taker->TakeConnection(*dataLayer, reinterpret_cast<const unsigned char *>(rest.data()), rest.size(),
+                          m_connectionID);
+    m_pDataLayer = nullptr;
+    dataLayer->ReleaseRef();
+    // No notification of this connection reaches this point any more: leave
+    // the table as a closed one would.
+    m_pLayer->OnConnectionPointClosed(*this);
 }
 
 void CHTTPConnectionPoint::Detach()

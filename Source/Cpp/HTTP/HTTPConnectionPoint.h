@@ -125,6 +125,8 @@ class CHTTPConnectionPoint : private INVQDataLayerNotification, public KZF::CRef
     bool Write(const void *data, size_t length);
     bool SendText(const char *text, size_t length, char (&buffer)[256]);
     bool SendData(const CHTTPResponse &response);
+    // Gives the connection to the taker of the response just written.
+    void HandOver();
     // Ends this side of the connection: no notification arrives any more, the
     // connection is closed, and the layer's table lets go of this point.
     void Detach();

@@ -1,9 +1,11 @@
 #ifndef NVQ_HTTP_HTTPRESPONSE_H
 #define NVQ_HTTP_HTTPRESPONSE_H
 
+#include "HTTP/IHTTPConnectionTaker.h"
 #include "HTTP/KeyValueMap.h"
 #include "KZF_Base/Linux/KzfTypes.h"
 #include "KZF_Base/Linux/RefCount.h"
+#include "KZF_Base/Linux/RefCountPtr.h"
 
 #include <cstdint>
 
@@ -91,6 +93,12 @@ class CHTTPResponse : public KZF::CRefCount_Base
     // Iterates in ascending byte order of the names: the order on the wire.
     const CKeyValueMap &GetAdditionalHeaders() const { return m_additionalHeaders; }
 
+    // On the first response of an exchange, not marked last: after its
+    // header block the connection goes to `taker` (see IHTTPConnectionTaker)
+    // and no piece is pulled.
+    void SetConnectionTaker(IHTTPConnectionTaker *taker) { m_pTaker = taker; }
+    IHTTPConnectionTaker *GetConnectionTaker() const { return m_pTaker.GetPtr(); }
+
   private:
     CHTTPResponse(const CHTTPResponse &) = delete;
     CHTTPResponse &operator=(const CHTTPResponse &) = delete;
@@ -106,6 +114,7 @@ class CHTTPResponse : public KZF::CRefCount_Base
     CKeyValueMap m_additionalHeaders;
     CHTTPFileBody *m_pFile; // one reference, or null
     int64_t m_fileOffset;
+    KZF::CRefCountPtr<IHTTPConnectionTaker> m_pTaker;
 };
 
 // The complete 404 answer ("Not found") with its fixed HTML page.

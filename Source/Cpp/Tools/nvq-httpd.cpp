@@ -4,9 +4,12 @@
 // /proxy/log, echoing log lines up to a level to standard error. Stops
 // cleanly on SIGINT or SIGTERM, also while clients are downloading.
 
+#include "HTTP/HTTPAccessGuard.h"
 #include "HTTP/HTTPDefaultHandler.h"
 #include "HTTP/HTTPLogHandler.h"
 #include "HTTP/HTTPServer.h"
+#include "HTTP/HTTPUploadHandler.h"
+#include "HTTP/IHTTPExchangeEndNotification.h"
 #include "KZF_Utilities/Linux/Logger.h"
 #include "KZF_Utilities/Linux/SysUtils.h"
 
@@ -17,9 +20,12 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <fstream>
+#include <memory>
 #include <pthread.h>
 #include <string>
 #include <sys/resource.h>
+#include <vector>
 
 #ifndef NVQ_DEFAULT_ROOT
 #define NVQ_DEFAULT_ROOT "www"
@@ -41,6 +47,10 @@ const char c_usage[] =
     "                     Last-Modified with 304, ranges, precompressed .br/.gz,\n"
     "                     Cache-Control, kept connections after large files),\n"
     "                     with --strict\n"
+    "  --upload-dir DIR   store files POSTed or PUT to /upload in DIR\n"
+    "  --auth-file FILE   ask for credentials (Digest; users as htdigest writes them,\n"
+    "                     realm of the first line) everywhere but the front page\n"
+    "  --auth-basic       also accept Basic credentials, even over plain HTTP\n"
     "  --help             this text\n";
 
 struct SSettings {
@@ -51,6 +61,9 @@ struct SSettings {
     int m_loops = 0;
     bool m_strict = false;
     bool m_web = false;
+    std::string m_uploadDir;
+    std::string m_authFile;
+    bool m_authBasic = false;
 };
 
 bool readInt(const char *text, int low, int high, int &value)
@@ -84,6 +97,9 @@ int parseArguments(int argc, char **argv, SSettings &settings)
         {"--loops", nullptr, &settings.m_loops, 0, 64, nullptr},
         {"--strict", &settings.m_strict, nullptr, 0, 0, nullptr},
         {"--web", &settings.m_web, nullptr, 0, 0, nullptr},
+        {"--upload-dir", nullptr, nullptr, 0, 0, &settings.m_uploadDir},
+        {"--auth-file", nullptr, nullptr, 0, 0, &settings.m_authFile},
+        {"--auth-basic", &settings.m_authBasic, nullptr, 0, 0, nullptr},
     };
     for (int i = 1; i < argc; ++i) {
         const std::string name = argv[i];
@@ -143,6 +159,51 @@ class CStartFailureDevice : public KZF::ILogOutputDevice
     std::string m_text;
 };
 
+// The sample site's front page and what it loads stay open to everyone when
+// the rest asks for credentials.
+class CPublicPages : public NVQ::IHTTPRequestHandler, public NVQ::IHTTPExchangeEndNotification
+{
+  public:
+    explicit CPublicPages(NVQ::CHTTPDefaultHandler &files) : m_files(files) {}
+    bool CanProcessUri(const KZF::tstring &uri) override
+    {
+        const KZF::tstring path = uri.substr(0, uri.find('?'));
+        for (const char *page : {"/", "/index.html", "/style.css", "/app.js", "/logo.png"}) {
+            if (path == page)
+                return m_files.CanProcessUri(uri);
+        }
+        return false;
+    }
+    KZF::CRefCountPtr<NVQ::CHTTPResponse> ProcessRequest(NVQ::CHTTPRequest &request,
+                                                         int connectionID) override
+    {
+        return m_files.ProcessRequest(request, connectionID);
+    }
+    KZF::CRefCountPtr<NVQ::CHTTPResponse> GetAdditionalResponseData(int connectionID) override
+    {
+        return m_files.GetAdditionalResponseData(connectionID);
+    }
+    bool InterruptProcessing() override { return m_files.InterruptProcessing(); }
+    void OnExchangeEnded(int connectionID) override { m_files.OnExchangeEnded(connectionID); }
+
+  private:
+    NVQ::CHTTPDefaultHandler &m_files;
+};
+
+// The realm of the first user line of an htdigest file ("" when none).
+std::string realmOf(const std::string &path)
+{
+    std::ifstream in(path);
+    std::string line;
+    while (std::getline(in, line)) {
+        const size_t user = line.find(':');
+        const size_t realm = user == std::string::npos ? user : line.find(':', user + 1);
+        if (!line.empty() && line[0] != '#' && realm != std::string::npos)
+            return line.substr(user + 1, realm - user - 1);
+    }
+    return std::string();
+}
+
 } // namespace
 
 int main(int argc, char **argv)
@@ -157,6 +218,15 @@ int main(int argc, char **argv)
     settings.m_strict = settings.m_strict || settings.m_web;
     if (!KZF::CSysUtils::DirectoryExists(settings.m_root)) {
         std::fprintf(stderr, "nvq-httpd: '%s' is not a directory\n", settings.m_root.c_str());
+        return 2;
+    }
+    if (!settings.m_uploadDir.empty() && !KZF::CSysUtils::DirectoryExists(settings.m_uploadDir)) {
+        std::fprintf(stderr, "nvq-httpd: '%s' is not a directory\n", settings.m_uploadDir.c_str());
+        return 2;
+    }
+    if (!settings.m_authFile.empty() && realmOf(settings.m_authFile).empty()) {
+        std::fprintf(stderr, "nvq-httpd: '%s' is not a users file (user:realm:hash lines)\n",
+                     settings.m_authFile.c_str());
         return 2;
     }
     raiseOpenFileLimit();
@@ -180,8 +250,35 @@ int main(int argc, char **argv)
     if (settings.m_web)
         fileHandler->SetOptions(NVQ::CHTTPDefaultHandler::SFileOptions::Web());
     NVQ::CHTTPServer *server = new NVQ::CHTTPServer();
-    server->RegisterHandler(*logHandler, false);
-    server->RegisterHandler(*fileHandler, false);
+    std::unique_ptr<NVQ::CHTTPUploadHandler> uploadHandler;
+    if (!settings.m_uploadDir.empty()) {
+        NVQ::CHTTPUploadHandler::SOptions uploads;
+        uploads.m_directory = settings.m_uploadDir;
+        uploadHandler.reset(new NVQ::CHTTPUploadHandler(uploads));
+    }
+    std::vector<NVQ::IHTTPRequestHandler *> handlers;
+    if (uploadHandler)
+        handlers.push_back(uploadHandler.get());
+    handlers.push_back(logHandler);
+    handlers.push_back(fileHandler);
+    std::unique_ptr<CPublicPages> publicPages;
+    std::vector<std::unique_ptr<NVQ::CHTTPAccessGuard>> guards;
+    bool usersLoaded = true;
+    if (!settings.m_authFile.empty()) {
+        NVQ::CHTTPAccessGuard::SOptions access;
+        access.m_realm = realmOf(settings.m_authFile);
+        access.m_allowBasic = settings.m_authBasic;
+        access.m_allowBasicWithoutTls = settings.m_authBasic;
+        for (NVQ::IHTTPRequestHandler *&handler : handlers) {
+            guards.emplace_back(new NVQ::CHTTPAccessGuard(*handler, access));
+            usersLoaded = usersLoaded && guards.back()->LoadUsersFile(settings.m_authFile);
+            handler = guards.back().get();
+        }
+        publicPages.reset(new CPublicPages(*fileHandler));
+        handlers.insert(handlers.begin(), publicPages.get());
+    }
+    for (NVQ::IHTTPRequestHandler *handler : handlers)
+        server->RegisterHandler(*handler, false);
 
     server->SetLoopCount(settings.m_loops);
     NVQ::SHTTPServerOptions options;
@@ -190,11 +287,15 @@ int main(int argc, char **argv)
     options.m_keepAfterStream = settings.m_web;
     CStartFailureDevice startFailure;
     logger.AddOutputDevice(&startFailure);
-    const bool started = server->StartServer(options);
+    const bool started = usersLoaded && server->StartServer(options);
     logger.RemoveOutputDevice(&startFailure);
 
     int exitCode = 0;
-    if (!started) {
+    if (!usersLoaded) {
+        std::fprintf(stderr, "nvq-httpd: '%s' is not a users file (user:realm:hash lines)\n",
+                     settings.m_authFile.c_str());
+        exitCode = 2;
+    } else if (!started) {
         std::fprintf(stderr, "nvq-httpd: %s\n",
                      startFailure.m_text.empty() ? "cannot start the server" : startFailure.m_text.c_str());
         exitCode = 1;
@@ -212,8 +313,9 @@ int main(int argc, char **argv)
         logger.RemoveOutputDevice(&echo);
     }
 
-    server->UnregisterHandler(*fileHandler);
-    server->UnregisterHandler(*logHandler);
+    for (NVQ::IHTTPRequestHandler *handler : handlers)
+        server->UnregisterHandler(*handler);
+    guards.clear();
     delete fileHandler;
     delete logHandler;
     delete server;

@@ -1,0 +1,198 @@
+#!/usr/bin/env python3
+"""End-to-end tests of uploads and access control in the demo server.
+
+Usage: e2e_uploads.py NVQ_HTTPD SITE_DIR [EMULATOR [ARG...]]
+Memory is checked only for a native build without sanitizers
+(NVQ_E2E_PLAIN=1 in the environment). Exit status 0 passed, 1 failed,
+77 skipped.
+"""
+
+import hashlib
+import http.client
+import os
+import re
+import shutil
+import socket
+import subprocess
+import sys
+import tempfile
+import time
+import unittest
+
+import e2e_nvq_httpd as e2e
+
+BIG = 64 * 1024 * 1024
+
+
+def digest_of(path):
+    with open(path, "rb") as f:
+        return hashlib.file_digest(f, "sha256").hexdigest()
+
+
+class UploadTest(unittest.TestCase):
+    @classmethod
+    def setUpClass(cls):
+        cls.work = tempfile.mkdtemp(prefix="nvq-uploads-")
+        cls.source = os.path.join(cls.work, "source.bin")
+        with open(cls.source, "wb") as f:
+            for _ in range(BIG // (1 << 20)):
+                f.write(os.urandom(1 << 20))
+        cls.source_digest = digest_of(cls.source)
+
+    @classmethod
+    def tearDownClass(cls):
+        shutil.rmtree(cls.work, ignore_errors=True)
+
+    def setUp(self):
+        self.store = tempfile.mkdtemp(prefix="nvq-store-", dir=self.work)
+        self.server = e2e.Server(flags=["--strict", "--upload-dir", self.store])
+
+    def tearDown(self):
+        self.assertEqual(0, self.server.stop())
+
+    def curl(self, *args):
+        result = subprocess.run(["curl", "--silent", "--show-error", "--max-time", "120"] + list(args),
+                                capture_output=True, check=False)
+        return result.stdout.decode(errors="replace")
+
+    def peak_memory_kib(self):
+        with open("/proc/%d/status" % self.server.process.pid) as f:
+            return int(re.search(r"VmHWM:\s+(\d+)", f.read()).group(1))
+
+    def test_large_uploads_arrive_byte_exact_in_bounded_memory(self):
+        url = self.server.url("/upload")
+        before = self.peak_memory_kib()
+        for name, args in [("plain.bin", ["--data-binary", "@" + self.source, url + "?name=plain.bin"]),
+                           ("chunked.bin", ["-T", self.source, "-H", "Transfer-Encoding: chunked",
+                                            url + "/chunked.bin"]),
+                           ("form.bin", ["-F", "file=@%s;filename=form.bin" % self.source, url])]:
+            answer = self.curl(*args)
+            self.assertIn('"name":"%s","size":%d' % (name, BIG), answer)
+            self.assertEqual(self.source_digest, digest_of(os.path.join(self.store, name)), name)
+        growth = self.peak_memory_kib() - before
+        if os.environ.get("NVQ_E2E_PLAIN") == "1" and not e2e.EMULATOR:
+            self.assertLess(growth, 4096, "resident memory grew by %d KiB" % growth)
+
+    def test_cut_upload_leaves_nothing(self):
+        client = socket.create_connection(("127.0.0.1", self.server.port))
+        client.sendall(b"POST /upload?name=cut.bin HTTP/1.1\r\nHost: x\r\nContent-Length: 10000000\r\n\r\n")
+        client.sendall(b"x" * 1000000)
+        time.sleep(0.2)
+        client.close()
+        deadline = time.time() + 10
+        while os.listdir(self.store) and time.time() < deadline:
+            time.sleep(0.05)
+        self.assertEqual([], os.listdir(self.store), "temporaries included")
+
+    def test_refusals_come_before_the_body(self):
+        # Only headers are sent: each answer must come without the body.
+        for head, status in [(b"POST /index.html HTTP/1.1\r\nHost: x\r\nContent-Length: 100000000\r\n\r\n", b"413"),
+                             (b"POST /upload?name=a/b HTTP/1.1\r\nHost: x\r\nContent-Length: 5\r\n"
+                              b"Expect: 100-continue\r\n\r\n", b"400"),
+                             (b"POST /upload?name=ok.bin HTTP/1.1\r\nHost: x\r\nContent-Length: 5\r\n"
+                              b"Expect: 100-continue\r\n\r\n", b"100")]:
+            client = socket.create_connection(("127.0.0.1", self.server.port), timeout=10)
+            client.sendall(head)
+            self.assertTrue(client.recv(4096).startswith(b"HTTP/1.1 " + status), head)
+            client.close()
+
+    def test_chunked_body_with_extensions_and_trailers(self):
+        connection = http.client.HTTPConnection("127.0.0.1", self.server.port, timeout=30)
+        connection.putrequest("POST", "/upload?name=chunks.txt")
+        connection.putheader("Transfer-Encoding", "chunked")
+        connection.endheaders()
+        connection.send(b"5;note=first\r\nhello\r\n1\r\n \r\n5;x=\"q\"\r\nworld\r\n0\r\nX-Check: 1\r\n\r\n")
+        response = connection.getresponse()
+        self.assertEqual(200, response.status, response.read())
+        response.read()
+        with open(os.path.join(self.store, "chunks.txt"), "rb") as f:
+            self.assertEqual(b"hello world", f.read())
+        connection.close()
+
+
+class AccessTest(unittest.TestCase):
+    REALM = "device"
+
+    def setUp(self):
+        self.users = tempfile.NamedTemporaryFile("w", suffix=".htdigest", delete=False)
+        hashed = hashlib.md5(("admin:%s:secret" % self.REALM).encode()).hexdigest()
+        self.users.write("admin:%s:%s\n" % (self.REALM, hashed))
+        self.users.close()
+        self.servers = []
+
+    def tearDown(self):
+        for server in self.servers:
+            self.assertEqual(0, server.stop())
+        os.unlink(self.users.name)
+
+    def start(self, *flags):
+        self.servers.append(e2e.Server(flags=["--auth-file", self.users.name] + list(flags)))
+        return self.servers[-1]
+
+    def status(self, server, *args):
+        result = subprocess.run(["curl", "--silent", "--output", "/dev/null", "--write-out", "%{http_code}",
+                                 "--max-time", "30"] + list(args) + [server.url("/proxy/log")],
+                                capture_output=True, check=False)
+        return result.stdout.decode()
+
+    def test_credentials_by_scheme(self):
+        digest_only = self.start()
+        with_basic = self.start("--auth-basic")
+        cases = [(digest_only, ["--digest", "-u", "admin:secret"], "200"),
+                 (digest_only, ["--digest", "-u", "admin:wrong"], "401"),
+                 (digest_only, ["--digest", "-u", "intruder:secret"], "401"),
+                 (digest_only, ["--basic", "-u", "admin:secret"], "401"),  # Basic over plain HTTP: refused
+                 (digest_only, [], "401"),
+                 (with_basic, ["--basic", "-u", "admin:secret"], "200"),
+                 (with_basic, ["--basic", "-u", "admin:wrong"], "401")]
+        for server, args, expected in cases:
+            self.assertEqual(expected, self.status(server, *args), args)
+        page = subprocess.run(["curl", "--silent", "--write-out", "%{http_code}", digest_only.url("/index.html")],
+                              capture_output=True, check=False).stdout.decode()
+        self.assertTrue(page.endswith("200"), "the front page stays public")
+
+    def test_replayed_digest_is_refused(self):
+        server = self.start()
+        connection = http.client.HTTPConnection("127.0.0.1", server.port, timeout=10)
+        connection.request("GET", "/proxy/log")
+        challenge = connection.getresponse()
+        challenge.read()
+        fields = [value for name, value in challenge.getheaders()
+                  if name.lower() == "www-authenticate" and "MD5" in value and "SHA-256" not in value]
+        self.assertTrue(fields, challenge.getheaders())
+        nonce = re.search(r'nonce="([^"]+)"', fields[0]).group(1)
+
+        def md5(text):
+            return hashlib.md5(text.encode()).hexdigest()
+        ha1, ha2 = md5("admin:%s:secret" % self.REALM), md5("GET:/proxy/log")
+        response = md5("%s:%s:00000001:abc:auth:%s" % (ha1, nonce, ha2))
+        authorization = ('Digest username="admin", realm="%s", nonce="%s", uri="/proxy/log", algorithm=MD5, '
+                         'qop=auth, nc=00000001, cnonce="abc", response="%s"' % (self.REALM, nonce, response))
+        statuses = []
+        for _ in range(2):
+            connection = http.client.HTTPConnection("127.0.0.1", server.port, timeout=10)
+            connection.request("GET", "/proxy/log", headers={"Authorization": authorization})
+            answer = connection.getresponse()
+            answer.read()
+            statuses.append(answer.status)
+            connection.close()
+        self.assertEqual([200, 401], statuses, "the same nonce count twice")
+
+
+def main():
+    if len(sys.argv) < 3:
+        print(__doc__, file=sys.stderr)
+        return 2
+    e2e.NVQ_HTTPD, e2e.SITE_DIR, e2e.EMULATOR = sys.argv[1], sys.argv[2], sys.argv[3:]
+    if not shutil.which("curl"):
+        print("SKIPPED: curl is not installed")
+        return e2e.SKIPPED
+    suite = unittest.TestSuite()
+    for case in (UploadTest, AccessTest):
+        suite.addTests(unittest.defaultTestLoader.loadTestsFromTestCase(case))
+    result = unittest.TextTestRunner(verbosity=2).run(suite)
+    return 0 if result.wasSuccessful() else 1
+
+
+if __name__ == "__main__":
+    sys.exit(main())
