@@ -2,7 +2,8 @@
 """End-to-end tests of the demo server with real clients.
 
 Usage: e2e_nvq_httpd.py NVQ_HTTPD SITE_DIR GROUP [EMULATOR [ARG...]]
-GROUP is one of: curl, http_client, chromium, sigterm, cap, web, web_chromium. A cross-compiled
+GROUP is one of: curl, http_client, chromium, sigterm, cap, web, web_chromium,
+web_nginx. A cross-compiled
 NVQ_HTTPD is started through EMULATOR (with its arguments); the clients run
 natively.
 Exit status 0 passed, 1 failed, 77 skipped (ctest's SKIP_RETURN_CODE).
@@ -358,8 +359,8 @@ http {
 """
 
 
-class WebChromiumTest(unittest.TestCase):
-    """The page works with --web and not without; also behind nginx."""
+class WebPage(unittest.TestCase):
+    """The page that needs --web, loaded by Chromium, directly or through nginx."""
 
     def setUp(self):
         self.browser = find_chromium()
@@ -391,13 +392,16 @@ class WebChromiumTest(unittest.TestCase):
                 shutil.rmtree(nginx[2], ignore_errors=True)
             self.assertEqual(0, self.server.stop())
 
+
+
+class WebChromiumTest(WebPage):
     def test_page_needs_web(self):
         self.assertNotIn(WEB_WORKS, self.page([]))
         self.assertIn(WEB_WORKS, self.page(["--web"]))
 
-    def test_behind_nginx(self):
-        if not os.access("/usr/sbin/nginx", os.X_OK):
-            self.skipTest("nginx is not installed")
+
+class WebNginxTest(WebPage):
+    def test_sample_site_and_page_behind_nginx(self):
         self.assertIn(WEB_WORKS, self.page(["--web"], through_nginx=True))
 
 
@@ -432,7 +436,8 @@ class SigtermTest(unittest.TestCase):
 
 
 GROUPS = {"curl": CurlTest, "http_client": HttpClientTest, "chromium": ChromiumTest, "sigterm": SigtermTest,
-          "cap": CapTest, "web": WebTest, "web_chromium": WebChromiumTest}
+          "cap": CapTest, "web": WebTest, "web_chromium": WebChromiumTest,
+          "web_nginx": WebNginxTest}
 
 
 def main():
@@ -445,11 +450,17 @@ def main():
     if group == "curl" and not shutil.which("curl"):
         print("SKIPPED: curl is not installed")
         return SKIPPED
-    if group in ("web", "web_chromium") and not shutil.which("curl"):
+    if group.startswith("web") and not shutil.which("curl"):
         print("SKIPPED: curl is not installed")
         return SKIPPED
-    if group in ("chromium", "web_chromium") and not find_chromium():
+    if group in ("chromium", "web_chromium", "web_nginx") and not find_chromium():
         print("SKIPPED: Chromium is not installed")
+        return SKIPPED
+    if group in ("web_chromium", "web_nginx") and not glob.glob("/usr/share/fonts/truetype/*/*.ttf"):
+        print("SKIPPED: no TrueType font to serve")
+        return SKIPPED
+    if group == "web_nginx" and not os.access("/usr/sbin/nginx", os.X_OK):
+        print("SKIPPED: nginx is not installed")
         return SKIPPED
     suite = unittest.defaultTestLoader.loadTestsFromTestCase(GROUPS[group])
     result = unittest.TextTestRunner(verbosity=2).run(suite)
