@@ -7,17 +7,22 @@
 #include "HTTP/HTTPDefaultHandler.h"
 #include "HTTP/HTTPLogHandler.h"
 #include "HTTP/HTTPServer.h"
+#include "HTTP/HTTPWebSocketEndpoint.h"
 #include "KZF_Utilities/Linux/Logger.h"
 #include "KZF_Utilities/Linux/SysUtils.h"
 
 #include <algorithm>
 #include <cerrno>
+#include <chrono>
 #include <climits>
+#include <condition_variable>
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <mutex>
 #include <pthread.h>
+#include <set>
 #include <string>
 #include <sys/resource.h>
 
@@ -35,6 +40,8 @@ const char c_usage[] =
     "  --log-level N      highest log level echoed to standard error (default 4)\n"
     "  --capture-level N  highest log level /proxy/log captures (default: every level)\n"
     "  --loops N          event loops serving connections (default: one per core)\n"
+    "  --ws-echo          WebSocket echo on /ws/echo (every message sent back as it\n"
+    "                     came; for tests and benchmarks)\n"
     "  --strict           strict HTTP/1.1 (RFC 9112 framing, pipelining, keep-alive\n"
     "                     rules), and the log's error page escapes what it shows\n"
     "  --help             this text\n";
@@ -46,6 +53,7 @@ struct SSettings {
     int m_captureLevel = INT_MAX;
     int m_loops = 0;
     bool m_strict = false;
+    bool m_wsEcho = false;
 };
 
 bool readInt(const char *text, int low, int high, int &value)
@@ -78,6 +86,7 @@ int parseArguments(int argc, char **argv, SSettings &settings)
         {"--capture-level", nullptr, &settings.m_captureLevel, 0, INT_MAX, nullptr},
         {"--loops", nullptr, &settings.m_loops, 0, 64, nullptr},
         {"--strict", &settings.m_strict, nullptr, 0, 0, nullptr},
+        {"--ws-echo", &settings.m_wsEcho, nullptr, 0, 0, nullptr},
     };
     for (int i = 1; i < argc; ++i) {
         const std::string name = argv[i];
@@ -137,6 +146,48 @@ class CStartFailureDevice : public KZF::ILogOutputDevice
     std::string m_text;
 };
 
+// Sends every message back as it came, from the connection's own thread. On
+// stop, its clients are told (1001) and their answers awaited a moment.
+class CEchoHandler : public NVQ::IWebSocketHandler
+{
+  public:
+    bool AcceptUpgrade(SUpgrade &) override { return true; }
+    void OnOpen(NVQ::CWebSocketSession &session) override
+    {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        m_sessions.insert(KZF::CRefCountPtr<NVQ::CWebSocketSession>(&session));
+    }
+    void OnMessage(NVQ::CWebSocketSession &session, bool isText, const unsigned char *data,
+                   size_t size) override
+    {
+        if (isText)
+            session.SendText(reinterpret_cast<const char *>(data), size);
+        else
+            session.SendBinary(data, size);
+    }
+    void OnClosed(NVQ::CWebSocketSession &session, int) override
+    {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        m_sessions.erase(KZF::CRefCountPtr<NVQ::CWebSocketSession>(&session));
+        m_closed.notify_all();
+    }
+    void CloseAll(int waitMs)
+    {
+        std::unique_lock<std::mutex> lock(m_mutex);
+        const std::set<KZF::CRefCountPtr<NVQ::CWebSocketSession>> open = m_sessions;
+        lock.unlock();
+        for (const auto &session : open)
+            session->Close(1001, "server stopping");
+        lock.lock();
+        m_closed.wait_for(lock, std::chrono::milliseconds(waitMs), [this] { return m_sessions.empty(); });
+    }
+
+  private:
+    std::mutex m_mutex;
+    std::condition_variable m_closed;
+    std::set<KZF::CRefCountPtr<NVQ::CWebSocketSession>> m_sessions;
+};
+
 } // namespace
 
 int main(int argc, char **argv)
@@ -171,6 +222,10 @@ int main(int argc, char **argv)
     logHandler->SetEscapeMarkup(settings.m_strict);
     NVQ::CHTTPDefaultHandler *fileHandler = new NVQ::CHTTPDefaultHandler(settings.m_root);
     NVQ::CHTTPServer *server = new NVQ::CHTTPServer();
+    CEchoHandler echoHandler;
+    NVQ::CHTTPWebSocketEndpoint echoEndpoint("/ws/echo", echoHandler);
+    if (settings.m_wsEcho)
+        server->RegisterHandler(echoEndpoint, false);
     server->RegisterHandler(*logHandler, false);
     server->RegisterHandler(*fileHandler, false);
 
@@ -198,12 +253,15 @@ int main(int argc, char **argv)
         sigwait(&stopSignals, &signal);
         logger.LogMessage(4, __FILE__, __LINE__, "main", KZF::CLogger::c_noneObjPtr,
                           "nvq-httpd stopping (%s)", signal == SIGINT ? "SIGINT" : "SIGTERM");
+        echoHandler.CloseAll(2000);
         server->StopServer();
         logger.RemoveOutputDevice(&echo);
     }
 
     server->UnregisterHandler(*fileHandler);
     server->UnregisterHandler(*logHandler);
+    if (settings.m_wsEcho)
+        server->UnregisterHandler(echoEndpoint);
     delete fileHandler;
     delete logHandler;
     delete server;
