@@ -114,7 +114,8 @@ KZF::CRefCountPtr<CHTTPResponse> CHTTPWebSocketEndpoint::Upgrade(CHTTPRequest &r
     response->AddHeaderField("Sec-WebSocket-Accept", CWebSocketHandshake::ComputeAcceptKey(key));
     if (!upgrade.m_chosenProtocol.empty())
         response->AddHeaderField("Sec-WebSocket-Protocol", upgrade.m_chosenProtocol);
-    response->SetConnectionTaker(new CWebSocketSession(handler, limits, upgrade.m_chosenProtocol));
+    response->SetConnectionTaker(
+        new CWebSocketSession(handler, limits, upgrade.m_chosenProtocol, upgrade.m_context.GetPtr()));
     return response;
 }
 

@@ -4,6 +4,7 @@
 #include "HTTP/HTTPRequest.h"
 #include "HTTP/HTTPResponse.h"
 #include "KZF_Base/Linux/KzfTypes.h"
+#include "KZF_Base/Linux/RefCount.h"
 #include "KZF_Base/Linux/RefCountPtr.h"
 
 #include <cstddef>
@@ -35,6 +36,9 @@ class IWebSocketHandler
         KZF::tstring m_chosenProtocol;
         // Out, on refusal: the answer to give (403 when left null).
         KZF::CRefCountPtr<CHTTPResponse> m_refusal;
+        // Out, on acceptance: the application's record of this client, kept
+        // by the session (CWebSocketSession::GetContext).
+        KZF::CRefCountPtr<KZF::CRefCount_Base> m_context;
     };
 
     virtual ~IWebSocketHandler() {}

@@ -51,11 +51,11 @@ const char c_idlePing[] = "keep-alive";
 } // namespace
 
 CWebSocketSession::CWebSocketSession(IWebSocketHandler &handler, const SLimits &limits,
-                                     const KZF::tstring &protocol)
+                                     const KZF::tstring &protocol, KZF::CRefCount_Base *context)
     : m_handler(handler), m_limits(limits), m_protocol(protocol),
       m_parser(*this, limits.m_maxFramePayload, limits.m_maxMessageSize), m_pConnection(nullptr),
-      m_connectionID(-1), m_pUserData(nullptr), m_pingOutstanding(false), m_closeSent(false),
-      m_dropped(false), m_failCode(0), m_state(eStateNew), m_finished(false)
+      m_connectionID(-1), m_context(context), m_pingOutstanding(false), m_closeSent(false), m_dropped(false),
+      m_failCode(0), m_state(eStateNew), m_finished(false)
 {
 }
 

@@ -40,7 +40,9 @@ class CWebSocketSession : public IHTTPConnectionTaker,
         size_t m_sendQueueLimit;
     };
 
-    CWebSocketSession(IWebSocketHandler &handler, const SLimits &limits, const KZF::tstring &protocol);
+    // context: the handler's record of the client (may be null).
+    CWebSocketSession(IWebSocketHandler &handler, const SLimits &limits, const KZF::tstring &protocol,
+                      KZF::CRefCount_Base *context);
     ~CWebSocketSession() override;
 
     bool SendText(const char *data, size_t size);
@@ -61,10 +63,8 @@ class CWebSocketSession : public IHTTPConnectionTaker,
     const KZF::tstring &GetProtocol() const { return m_protocol; }
     // Bytes waiting for the client.
     size_t GetPendingOutput() const;
-    // Free for the application (one pointer, e.g. its per-client record);
-    // set it in OnOpen.
-    void SetUserData(void *data) { m_pUserData = data; }
-    void *GetUserData() const { return m_pUserData; }
+    // What the handler gave with its acceptance (IWebSocketHandler::SUpgrade).
+    KZF::CRefCount_Base *GetContext() const { return m_context.GetPtr(); }
 
     // IHTTPConnectionTaker
     void TakeConnection(INVQDataLayer &connection, const unsigned char *buffered, size_t size,
@@ -106,7 +106,7 @@ class CWebSocketSession : public IHTTPConnectionTaker,
     CWebSocketFrameParser m_parser;
     INVQDataLayer *m_pConnection; // one reference once taken
     int m_connectionID;
-    void *m_pUserData;
+    const KZF::CRefCountPtr<KZF::CRefCount_Base> m_context;
     bool m_pingOutstanding;      // the idle ping got no traffic back yet
     bool m_closeSent;            // guarded by m_mutex
     std::atomic<bool> m_dropped; // the connection failed inside one of our sends

@@ -1,10 +1,11 @@
 // nvq-httpd: the demo host application.
 //
-// Serves a directory (the sample site by default) and the live log on
-// /proxy/log, echoing log lines up to a level to standard error. Stops
+// Serves a directory (the sample site by default), the log on /proxy/log and
+// its live stream on /log/live (WebSocket, or Server-Sent Events), echoing log lines up to a level to standard error. Stops
 // cleanly on SIGINT or SIGTERM, also while clients are downloading.
 
 #include "HTTP/HTTPDefaultHandler.h"
+#include "HTTP/HTTPLiveLogHandler.h"
 #include "HTTP/HTTPLogHandler.h"
 #include "HTTP/HTTPServer.h"
 #include "HTTP/HTTPWebSocketEndpoint.h"
@@ -38,7 +39,8 @@ const char c_usage[] =
     "  --port N           TCP port to listen on (default 7070)\n"
     "  --root DIR         directory to serve (default: the sample site, " NVQ_DEFAULT_ROOT ")\n"
     "  --log-level N      highest log level echoed to standard error (default 4)\n"
-    "  --capture-level N  highest log level /proxy/log captures (default: every level)\n"
+    "  --capture-level N  highest log level /proxy/log and /log/live capture\n"
+    "                     (default: every level)\n"
     "  --loops N          event loops serving connections (default: one per core)\n"
     "  --ws-echo          WebSocket echo on /ws/echo (every message sent back as it\n"
     "                     came; for tests and benchmarks)\n"
@@ -226,6 +228,8 @@ int main(int argc, char **argv)
     NVQ::CHTTPWebSocketEndpoint echoEndpoint("/ws/echo", echoHandler);
     if (settings.m_wsEcho)
         server->RegisterHandler(echoEndpoint, false);
+    NVQ::CHTTPLiveLogHandler liveLogHandler("/log/live");
+    server->RegisterHandler(liveLogHandler, false);
     server->RegisterHandler(*logHandler, false);
     server->RegisterHandler(*fileHandler, false);
 
@@ -260,6 +264,7 @@ int main(int argc, char **argv)
 
     server->UnregisterHandler(*fileHandler);
     server->UnregisterHandler(*logHandler);
+    server->UnregisterHandler(liveLogHandler);
     if (settings.m_wsEcho)
         server->UnregisterHandler(echoEndpoint);
     delete fileHandler;
