@@ -430,10 +430,33 @@ def find_chromium():
     return None
 
 
+# Opens the sample log page in a frame, waits for its first lines, then opens
+# a connection (which the server logs) and notes how long the page takes to
+# show that message, and whether the page ever polled /proxy/log.
+LIVE_PROBE = b"""<!DOCTYPE html><html><body><p id="result">waiting</p><iframe id="f" src="log.html"></iframe>
+<script>
+var frame = document.getElementById('f');
+function count(doc) { return (doc.getElementById('log').textContent.match(/create connection point/g) || []).length; }
+function start() {
+  var doc = frame.contentDocument;
+  if (!doc || !doc.getElementById('log') || count(doc) == 0) { setTimeout(start, 20); return; }
+  var before = count(doc), started = Date.now();
+  new WebSocket('ws://' + location.host + '/no-such-socket');
+  (function poll() {
+    if (count(doc) <= before) { setTimeout(poll, 5); return; }
+    var polls = frame.contentWindow.performance.getEntriesByType('resource').filter(function (e) {
+      return e.name.indexOf('/proxy/log') >= 0; }).length;
+    document.getElementById('result').textContent = 'seen after ' + (Date.now() - started) + ' ms, ' + polls + ' polls';
+  })();
+}
+frame.onload = start;
+</script></body></html>"""
+
+
 class ChromiumTest(unittest.TestCase):
     def setUp(self):
         self.browser = find_chromium()
-        self.server = Server()
+        self.server = Server({"live-probe.html": LIVE_PROBE})
         self.profile = tempfile.mkdtemp(prefix="nvq-chromium-")
 
     def tearDown(self):
@@ -458,6 +481,14 @@ class ChromiumTest(unittest.TestCase):
         dom = self.dump_dom("/log.html")
         self.assertRegex(dom, r"\d{4}-\d\d-\d\dT\d\d:\d\d:\d\d - ")
         self.assertIn("create connection point", dom)
+
+    def test_log_page_shows_a_new_message_at_once_without_polling(self):
+        dom = self.dump_dom("/live-probe.html")
+        match = re.search(r"seen after (\d+) ms, (\d+) polls", dom)
+        self.assertIsNotNone(match, dom[:2000])
+        print(match.group(0))
+        self.assertLess(int(match.group(1)), 1000)
+        self.assertEqual("0", match.group(2))
 
 
 class SigtermTest(unittest.TestCase):
