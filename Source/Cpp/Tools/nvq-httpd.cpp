@@ -1,8 +1,10 @@
 // nvq-httpd: the demo host application.
 //
 // Serves a directory (the sample site by default), the log on /proxy/log and
-// its live stream on /log/live (WebSocket, or Server-Sent Events), echoing log lines up to a level to standard error. Stops
-// cleanly on SIGINT or SIGTERM, also while clients are downloading.
+// its live stream on /log/live (WebSocket, or Server-Sent Events), echoing
+// log lines up to a level to standard error. Stops cleanly on SIGINT or
+// SIGTERM, also while clients are downloading; WebSocket echo clients are
+// told first (1001) and their close answers awaited for up to 2 s.
 
 #include "HTTP/HTTPDefaultHandler.h"
 #include "HTTP/HTTPLiveLogHandler.h"
