@@ -3,12 +3,13 @@
 
 Usage: e2e_nvq_httpd.py NVQ_HTTPD SITE_DIR GROUP [EMULATOR [ARG...]]
 GROUP is one of: curl, http_client, chromium, sigterm, cap, web, web_chromium,
-web_nginx. A cross-compiled
+web_nginx, websocket, wsidle. A cross-compiled
 NVQ_HTTPD is started through EMULATOR (with its arguments); the clients run
 natively.
 Exit status 0 passed, 1 failed, 77 skipped (ctest's SKIP_RETURN_CODE).
 """
 
+import base64
 import glob
 import gzip
 import hashlib
@@ -194,6 +195,220 @@ class CapTest(unittest.TestCase):
             resource.setrlimit(resource.RLIMIT_NOFILE, (soft, hard))
 
 
+class WsClient:
+    """A minimal RFC 6455 client of the test's own: masked frames out, frames in as they come."""
+
+    GUID = b"258EAFA5-E914-47DA-95CA-C5AB0DC85B11"
+
+    def __init__(self, port, path="/ws/echo", headers=""):
+        self.sock = socket.create_connection(("127.0.0.1", port), timeout=20)
+        self.buffer = b""
+        key = base64.b64encode(os.urandom(16))
+        self.sock.sendall(b"GET %s HTTP/1.1\r\nHost: x\r\nUpgrade: websocket\r\nConnection: Upgrade\r\n"
+                          b"Sec-WebSocket-Key: %s\r\n%s\r\n" % (path.encode(), key,
+                                                                (headers or "Sec-WebSocket-Version: 13\r\n").encode()))
+        while b"\r\n\r\n" not in self.buffer:
+            piece = self.sock.recv(65536)
+            if not piece:
+                break
+            self.buffer += piece
+        head, _, self.buffer = self.buffer.partition(b"\r\n\r\n")
+        self.head = head.decode("latin-1")
+        self.accept = base64.b64encode(hashlib.sha1(key + self.GUID).digest()).decode()
+
+    @staticmethod
+    def frame(opcode, payload=b"", fin=True, mask=True, rsv=0):
+        head = bytes([(0x80 if fin else 0) | rsv | opcode])
+        size = len(payload)
+        bit = 0x80 if mask else 0
+        if size < 126:
+            head += bytes([bit | size])
+        elif size < 65536:
+            head += bytes([bit | 126]) + size.to_bytes(2, "big")
+        else:
+            head += bytes([bit | 127]) + size.to_bytes(8, "big")
+        if not mask:
+            return head + payload
+        key = os.urandom(4)
+        whole = key * (size // 4 + 1)
+        masked = (int.from_bytes(payload, "big") ^ int.from_bytes(whole[:size], "big")).to_bytes(size, "big")
+        return head + key + masked
+
+    def send(self, data):
+        self.sock.sendall(data)
+
+    def read(self, count):
+        while len(self.buffer) < count:
+            piece = self.sock.recv(1 << 20)
+            if not piece:
+                raise EOFError("closed")
+            self.buffer += piece
+        data, self.buffer = self.buffer[:count], self.buffer[count:]
+        return data
+
+    def receive(self):
+        """The next frame: (fin, opcode, payload)."""
+        b0, b1 = self.read(2)
+        self.assert_unmasked = not b1 & 0x80
+        size = b1 & 0x7F
+        if size == 126:
+            size = int.from_bytes(self.read(2), "big")
+        elif size == 127:
+            size = int.from_bytes(self.read(8), "big")
+        return bool(b0 & 0x80), b0 & 0x0F, self.read(size)
+
+    def closed_by_server(self):
+        try:
+            self.sock.settimeout(10)
+            return self.buffer == b"" and self.sock.recv(1) == b""
+        except ConnectionResetError:
+            return True
+
+
+def close_code(payload):
+    return int.from_bytes(payload[:2], "big") if len(payload) >= 2 else None
+
+
+class WebSocketTest(unittest.TestCase):
+    def setUp(self):
+        self.server = Server(flags=["--ws-echo"])
+
+    def tearDown(self):
+        self.assertEqual(0, self.server.stop())
+
+    def open(self, headers=""):
+        client = WsClient(self.server.port, headers=headers)
+        self.assertTrue(client.head.startswith("HTTP/1.1 101 Switching Protocols"), client.head)
+        self.assertIn("Sec-WebSocket-Accept: " + client.accept, client.head)
+        return client
+
+    def test_handshake_answers(self):
+        cases = [  # name, extra header lines, status, line the answer must carry, line it must not
+            ("version 8", "Sec-WebSocket-Version: 8\r\n", "426", "Sec-WebSocket-Version: 13", None),
+            ("no version", "", "426", "Sec-WebSocket-Version: 13", None),
+            ("compression declined", "Sec-WebSocket-Version: 13\r\nSec-WebSocket-Extensions: permessage-deflate\r\n",
+             "101", "Upgrade: websocket", "Sec-WebSocket-Extensions"),
+        ]
+        for name, headers, status, present, absent in cases:
+            with self.subTest(name):
+                client = WsClient(self.server.port, headers=headers or "X: y\r\n")
+                self.assertTrue(client.head.startswith("HTTP/1.1 " + status), client.head)
+                self.assertIn(present, client.head)
+                if absent:
+                    self.assertNotIn(absent, client.head)
+        plain = http.client.HTTPConnection("127.0.0.1", self.server.port, timeout=20)
+        plain.request("GET", "/ws/echo")
+        self.assertEqual(426, plain.getresponse().status)
+
+    def test_echo_text_and_binary_up_to_one_mebibyte(self):
+        client = self.open()
+        for size in (0, 1, 125, 126, 65535, 65536, 1 << 20):
+            for opcode in (1, 2):
+                payload = (b"a" * size) if opcode == 1 else os.urandom(size)
+                client.send(WsClient.frame(opcode, payload))
+                self.assertEqual((True, opcode, payload), client.receive(), "size %d" % size)
+                self.assertTrue(client.assert_unmasked)
+
+    def test_fragments_with_pings_between_them(self):
+        client = self.open()
+        text = "grüße, ".encode() * 300
+        pieces = [text[:1], text[1:700], text[700:]]  # the first cut splits a character
+        client.send(WsClient.frame(1, pieces[0], fin=False))
+        client.send(WsClient.frame(9, b"one"))
+        client.send(WsClient.frame(0, pieces[1], fin=False) + WsClient.frame(9, b"two"))
+        client.send(WsClient.frame(0, pieces[2]))
+        self.assertEqual((True, 10, b"one"), client.receive())
+        self.assertEqual((True, 10, b"two"), client.receive())
+        self.assertEqual((True, 1, text), client.receive())
+
+    def test_server_closes_on_stop_and_waits_for_the_answer(self):
+        client = self.open()
+        self.server.process.send_signal(signal.SIGTERM)
+        fin, opcode, payload = client.receive()
+        self.assertEqual((8, 1001), (opcode, close_code(payload)))
+        client.send(WsClient.frame(8, payload[:2]))
+        self.assertTrue(client.closed_by_server())
+
+    def test_closes_and_protocol_errors_answered_with_their_code(self):
+        big = 1 << 20
+        cases = [  # name, bytes after the handshake, close code
+            ("client closes", WsClient.frame(8, (1000).to_bytes(2, "big") + b"bye"), 1000),
+            ("unmasked frame", WsClient.frame(1, b"hi", mask=False), 1002),
+            ("reserved bit", WsClient.frame(1, b"hi", rsv=0x40), 1002),
+            ("reserved opcode", WsClient.frame(3, b"hi"), 1002),
+            ("fragmented ping", WsClient.frame(9, b"hi", fin=False), 1002),
+            ("ping over 125 bytes", WsClient.frame(9, b"p" * 126), 1002),
+            ("continuation first", WsClient.frame(0, b"hi"), 1002),
+            ("new message inside one", WsClient.frame(1, b"a", fin=False) + WsClient.frame(2, b"b"), 1002),
+            ("text not UTF-8", WsClient.frame(1, b"\xc3\x28"), 1007),
+            ("surrogate across fragments", WsClient.frame(1, b"\xed", fin=False) + WsClient.frame(0, b"\xa0\x80"),
+             1007),
+            ("close code 1005", WsClient.frame(8, (1005).to_bytes(2, "big")), 1002),
+            ("close code 999", WsClient.frame(8, (999).to_bytes(2, "big")), 1002),
+            ("close of one byte", WsClient.frame(8, b"\x03"), 1002),
+            ("close reason not UTF-8", WsClient.frame(8, (1000).to_bytes(2, "big") + b"\xff"), 1007),
+            ("frame over the limit", WsClient.frame(2, b"x" * (big + 1)), 1009),
+            ("message over the limit", WsClient.frame(2, b"x" * big, fin=False) + WsClient.frame(0, b"x"), 1009),
+        ]
+        for name, wire, code in cases:
+            with self.subTest(name):
+                client = self.open()
+                try:
+                    client.send(wire)
+                except (BrokenPipeError, ConnectionResetError):
+                    pass  # the server may close before the rest of a long frame is sent
+                fin, opcode, payload = client.receive()
+                self.assertEqual((8, code), (opcode, close_code(payload)))
+                self.assertTrue(client.closed_by_server())
+
+
+def process_status(pid, field):
+    with open("/proc/%d/status" % pid) as f:
+        for line in f:
+            if line.startswith(field + ":"):
+                return int(line.split()[1])
+    return 0
+
+
+class WsIdleTest(unittest.TestCase):
+    """10,000 idle WebSockets (the default connection cap) cost bounded memory and no thread each."""
+
+    COUNT = 10000
+
+    def test_ten_thousand_idle_websockets(self):
+        import resource
+        soft, hard = resource.getrlimit(resource.RLIMIT_NOFILE)
+        resource.setrlimit(resource.RLIMIT_NOFILE, (hard, hard))
+        server = Server(flags=["--ws-echo"])
+        held = []
+        try:
+            warm = WsClient(server.port)  # first session's one-time costs out of the figure
+            warm.send(WsClient.frame(1, b"warm"))
+            warm.receive()
+            time.sleep(0.2)
+            pid = server.process.pid
+            before = process_status(pid, "VmRSS")
+            for _ in range(self.COUNT - 1):
+                held.append(WsClient(server.port))
+            for client in held:
+                self.assertTrue(client.head.startswith("HTTP/1.1 101"), client.head)
+            time.sleep(0.5)
+            per = (process_status(pid, "VmRSS") - before) * 1024 / self.COUNT
+            threads = process_status(pid, "Threads")
+            print("idle WebSockets: %d, RSS per connection %.0f bytes, %d threads" % (self.COUNT, per, threads))
+            self.assertLessEqual(threads, 8)
+            self.assertLess(per, 32 * 1024)  # 4 KiB is the goal without sanitizers
+            for client in held[::1000]:
+                client.send(WsClient.frame(1, b"still here"))
+                self.assertEqual((True, 1, b"still here"), client.receive())
+            self.assertEqual(0, server.stop())
+        finally:
+            for client in held:
+                client.sock.close()
+            server.stop(signal.SIGKILL, 1)
+            resource.setrlimit(resource.RLIMIT_NOFILE, (soft, hard))
+
+
 def find_chromium():
     for name in ("chromium", "chromium-browser", "google-chrome"):
         path = shutil.which(name)
@@ -211,10 +426,33 @@ def dump_dom(browser, profile, url):
     return result.stdout
 
 
+# Opens the sample log page in a frame, waits for its first lines, then opens
+# a connection (which the server logs) and notes how long the page takes to
+# show that message, and whether the page ever polled /proxy/log.
+LIVE_PROBE = b"""<!DOCTYPE html><html><body><p id="result">waiting</p><iframe id="f" src="log.html"></iframe>
+<script>
+var frame = document.getElementById('f');
+function count(doc) { return (doc.getElementById('log').textContent.match(/create connection point/g) || []).length; }
+function start() {
+  var doc = frame.contentDocument;
+  if (!doc || !doc.getElementById('log') || count(doc) == 0) { setTimeout(start, 20); return; }
+  var before = count(doc), started = Date.now();
+  new WebSocket('ws://' + location.host + '/no-such-socket');
+  (function poll() {
+    if (count(doc) <= before) { setTimeout(poll, 5); return; }
+    var polls = frame.contentWindow.performance.getEntriesByType('resource').filter(function (e) {
+      return e.name.indexOf('/proxy/log') >= 0; }).length;
+    document.getElementById('result').textContent = 'seen after ' + (Date.now() - started) + ' ms, ' + polls + ' polls';
+  })();
+}
+frame.onload = start;
+</script></body></html>"""
+
+
 class ChromiumTest(unittest.TestCase):
     def setUp(self):
         self.browser = find_chromium()
-        self.server = Server()
+        self.server = Server({"live-probe.html": LIVE_PROBE})
         self.profile = tempfile.mkdtemp(prefix="nvq-chromium-")
 
     def tearDown(self):
@@ -234,6 +472,14 @@ class ChromiumTest(unittest.TestCase):
         dom = self.dump_dom("/log.html")
         self.assertRegex(dom, r"\d{4}-\d\d-\d\dT\d\d:\d\d:\d\d - ")
         self.assertIn("create connection point", dom)
+
+    def test_log_page_shows_a_new_message_at_once_without_polling(self):
+        dom = self.dump_dom("/live-probe.html")
+        match = re.search(r"seen after (\d+) ms, (\d+) polls", dom)
+        self.assertIsNotNone(match, dom[:2000])
+        print(match.group(0))
+        self.assertLess(int(match.group(1)), 1000)
+        self.assertEqual("0", match.group(2))
 
 
 # A page that needs what --web brings: a module script (refused without a
@@ -437,7 +683,7 @@ class SigtermTest(unittest.TestCase):
 
 GROUPS = {"curl": CurlTest, "http_client": HttpClientTest, "chromium": ChromiumTest, "sigterm": SigtermTest,
           "cap": CapTest, "web": WebTest, "web_chromium": WebChromiumTest,
-          "web_nginx": WebNginxTest}
+          "web_nginx": WebNginxTest, "websocket": WebSocketTest, "wsidle": WsIdleTest}
 
 
 def main():

@@ -22,6 +22,8 @@ enum EWebSocketCloseCode {
     eWsCloseUnsupportedData = 1003,
     // Reported for a close frame without a code; never sent.
     eWsCloseNoStatus = 1005,
+    // Reported when the connection ended without a close frame; never sent.
+    eWsCloseAbnormal = 1006,
     eWsCloseInvalidData = 1007,
     eWsClosePolicyViolation = 1008,
     eWsCloseTooBig = 1009,

@@ -1,28 +1,36 @@
 // nvq-httpd: the demo host application.
 //
-// Serves a directory (the sample site by default) and the live log on
-// /proxy/log, echoing log lines up to a level to standard error. Stops
-// cleanly on SIGINT or SIGTERM, also while clients are downloading.
+// Serves a directory (the sample site by default), the log on /proxy/log and
+// its live stream on /log/live (WebSocket, or Server-Sent Events), echoing
+// log lines up to a level to standard error. Stops cleanly on SIGINT or
+// SIGTERM, also while clients are downloading; WebSocket echo clients are
+// told first (1001) and their close answers awaited for up to 2 s.
 
 #include "HTTP/HTTPAccessGuard.h"
 #include "HTTP/HTTPDefaultHandler.h"
+#include "HTTP/HTTPLiveLogHandler.h"
 #include "HTTP/HTTPLogHandler.h"
 #include "HTTP/HTTPServer.h"
 #include "HTTP/HTTPUploadHandler.h"
+#include "HTTP/HTTPWebSocketEndpoint.h"
 #include "HTTP/IHTTPExchangeEndNotification.h"
 #include "KZF_Utilities/Linux/Logger.h"
 #include "KZF_Utilities/Linux/SysUtils.h"
 
 #include <algorithm>
 #include <cerrno>
+#include <chrono>
 #include <climits>
+#include <condition_variable>
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
 #include <memory>
+#include <mutex>
 #include <pthread.h>
+#include <set>
 #include <string>
 #include <sys/resource.h>
 #include <vector>
@@ -39,8 +47,11 @@ const char c_usage[] =
     "  --port N           TCP port to listen on (default 7070)\n"
     "  --root DIR         directory to serve (default: the sample site, " NVQ_DEFAULT_ROOT ")\n"
     "  --log-level N      highest log level echoed to standard error (default 4)\n"
-    "  --capture-level N  highest log level /proxy/log captures (default: every level)\n"
+    "  --capture-level N  highest log level /proxy/log and /log/live capture\n"
+    "                     (default: every level)\n"
     "  --loops N          event loops serving connections (default: one per core)\n"
+    "  --ws-echo          WebSocket echo on /ws/echo (every message sent back as it\n"
+    "                     came; for tests and benchmarks)\n"
     "  --strict           strict HTTP/1.1 (RFC 9112 framing, pipelining, keep-alive\n"
     "                     rules), and the log's error page escapes what it shows\n"
     "  --web              web-ready file serving (content types, HEAD, ETag and\n"
@@ -64,6 +75,7 @@ struct SSettings {
     std::string m_uploadDir;
     std::string m_authFile;
     bool m_authBasic = false;
+    bool m_wsEcho = false;
 };
 
 bool readInt(const char *text, int low, int high, int &value)
@@ -100,6 +112,7 @@ int parseArguments(int argc, char **argv, SSettings &settings)
         {"--upload-dir", nullptr, nullptr, 0, 0, &settings.m_uploadDir},
         {"--auth-file", nullptr, nullptr, 0, 0, &settings.m_authFile},
         {"--auth-basic", &settings.m_authBasic, nullptr, 0, 0, nullptr},
+        {"--ws-echo", &settings.m_wsEcho, nullptr, 0, 0, nullptr},
     };
     for (int i = 1; i < argc; ++i) {
         const std::string name = argv[i];
@@ -204,6 +217,48 @@ std::string realmOf(const std::string &path)
     return std::string();
 }
 
+// Sends every message back as it came, from the connection's own thread. On
+// stop, its clients are told (1001) and their answers awaited a moment.
+class CEchoHandler : public NVQ::IWebSocketHandler
+{
+  public:
+    bool AcceptUpgrade(SUpgrade &) override { return true; }
+    void OnOpen(NVQ::CWebSocketSession &session) override
+    {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        m_sessions.insert(KZF::CRefCountPtr<NVQ::CWebSocketSession>(&session));
+    }
+    void OnMessage(NVQ::CWebSocketSession &session, bool isText, const unsigned char *data,
+                   size_t size) override
+    {
+        if (isText)
+            session.SendText(reinterpret_cast<const char *>(data), size);
+        else
+            session.SendBinary(data, size);
+    }
+    void OnClosed(NVQ::CWebSocketSession &session, int) override
+    {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        m_sessions.erase(KZF::CRefCountPtr<NVQ::CWebSocketSession>(&session));
+        m_closed.notify_all();
+    }
+    void CloseAll(int waitMs)
+    {
+        std::unique_lock<std::mutex> lock(m_mutex);
+        const std::set<KZF::CRefCountPtr<NVQ::CWebSocketSession>> open = m_sessions;
+        lock.unlock();
+        for (const auto &session : open)
+            session->Close(1001, "server stopping");
+        lock.lock();
+        m_closed.wait_for(lock, std::chrono::milliseconds(waitMs), [this] { return m_sessions.empty(); });
+    }
+
+  private:
+    std::mutex m_mutex;
+    std::condition_variable m_closed;
+    std::set<KZF::CRefCountPtr<NVQ::CWebSocketSession>> m_sessions;
+};
+
 } // namespace
 
 int main(int argc, char **argv)
@@ -256,9 +311,15 @@ int main(int argc, char **argv)
         uploads.m_directory = settings.m_uploadDir;
         uploadHandler.reset(new NVQ::CHTTPUploadHandler(uploads));
     }
+    CEchoHandler echoHandler;
+    NVQ::CHTTPWebSocketEndpoint echoEndpoint("/ws/echo", echoHandler);
+    NVQ::CHTTPLiveLogHandler liveLogHandler("/log/live");
     std::vector<NVQ::IHTTPRequestHandler *> handlers;
+    if (settings.m_wsEcho)
+        handlers.push_back(&echoEndpoint);
     if (uploadHandler)
         handlers.push_back(uploadHandler.get());
+    handlers.push_back(&liveLogHandler);
     handlers.push_back(logHandler);
     handlers.push_back(fileHandler);
     std::unique_ptr<CPublicPages> publicPages;
@@ -309,6 +370,7 @@ int main(int argc, char **argv)
         sigwait(&stopSignals, &signal);
         logger.LogMessage(4, __FILE__, __LINE__, "main", KZF::CLogger::c_noneObjPtr,
                           "nvq-httpd stopping (%s)", signal == SIGINT ? "SIGINT" : "SIGTERM");
+        echoHandler.CloseAll(2000);
         server->StopServer();
         logger.RemoveOutputDevice(&echo);
     }

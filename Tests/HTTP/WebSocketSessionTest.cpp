@@ -1,0 +1,292 @@
+#include "HTTP/HTTPLiveLogHandler.h"
+#include "HTTP/HTTPServer.h"
+#include "HTTP/HTTPWebSocketEndpoint.h"
+
+#include "Support/TestClient.h"
+#include "Support/WaitFor.h"
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+namespace
+{
+
+using NVQTest::CTestClient;
+using NVQTest::waitFor;
+
+// Opens a WebSocket on path and answers the head of the server's answer.
+std::string handshake(CTestClient &client, int port, const std::string &path, const std::string &extra = "")
+{
+    if (!client.Connect(port) ||
+        !client.Send("GET " + path + " HTTP/1.1\r\nHost: t\r\nUpgrade: websocket\r\nConnection: Upgrade\r\n" +
+                     "Sec-WebSocket-Key: dGhlIHNhbXBsZSBub25jZQ==\r\nSec-WebSocket-Version: 13\r\n" + extra +
+                     "\r\n"))
+        return "";
+    return client.ReceiveAnswer();
+}
+
+// The next frame from the server: opcode, payload; opcode -1 when none came.
+std::pair<int, std::string> readFrame(CTestClient &client, int timeoutMs = 10000)
+{
+    const std::string head = client.Receive(2, timeoutMs);
+    if (head.size() < 2)
+        return {-1, ""};
+    uint64_t size = static_cast<unsigned char>(head[1]) & 0x7F;
+    if (size >= 126) {
+        const std::string extended = client.Receive(size == 126 ? 2 : 8, timeoutMs);
+        size = 0;
+        for (const char c : extended)
+            size = size << 8 | static_cast<unsigned char>(c);
+    }
+    return {static_cast<unsigned char>(head[0]) & 0x0F, client.Receive(size, timeoutMs)};
+}
+
+std::string maskedFrame(int opcode, const std::string &payload)
+{
+    std::string out{static_cast<char>(0x80 | opcode), static_cast<char>(0x80 | payload.size()), 0, 0, 0, 0};
+    return out + payload; // a zero mask leaves the payload as it is
+}
+
+// Keeps the sessions it opens, and sends from wherever the test likes.
+class CKeepingHandler : public NVQ::IWebSocketHandler
+{
+  public:
+    bool AcceptUpgrade(SUpgrade &upgrade) override
+    {
+        m_origin = upgrade.m_origin;
+        upgrade.m_chosenProtocol = m_pick;
+        return m_accept;
+    }
+    void OnOpen(NVQ::CWebSocketSession &session) override
+    {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        m_sessions.push_back(&session);
+    }
+    void OnMessage(NVQ::CWebSocketSession &, bool, const unsigned char *, size_t) override {}
+    void OnClosed(NVQ::CWebSocketSession &, int code) override { m_closedWith = code; }
+    bool OnSendQueueFull(NVQ::CWebSocketSession &) override
+    {
+        ++m_fullCount;
+        return m_closeWhenFull;
+    }
+    size_t Count()
+    {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        return m_sessions.size();
+    }
+    KZF::CRefCountPtr<NVQ::CWebSocketSession> Session()
+    {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        return m_sessions.empty() ? nullptr : m_sessions.back();
+    }
+
+    bool m_accept = true;
+    bool m_closeWhenFull = true;
+    std::string m_pick;
+    std::string m_origin;
+    std::atomic<int> m_closedWith{0};
+    std::atomic<int> m_fullCount{0};
+    std::mutex m_mutex;
+    std::vector<KZF::CRefCountPtr<NVQ::CWebSocketSession>> m_sessions;
+};
+
+class WebSocketSessionTest : public ::testing::Test
+{
+  protected:
+    void SetUp() override
+    {
+        m_server.RegisterHandler(m_endpoint, false);
+        m_server.SetIdleTimeout(300);
+        m_server.SetSendTimeout(1000);
+        NVQ::SHTTPServerOptions options;
+        options.m_port = 0;
+        ASSERT_TRUE(m_server.StartServer(options));
+        m_port = m_server.GetPort();
+    }
+    void TearDown() override
+    {
+        m_server.StopServer();
+        m_server.UnregisterHandler(m_endpoint);
+    }
+
+    CKeepingHandler m_handler;
+    NVQ::CHTTPWebSocketEndpoint m_endpoint{"/ws", m_handler};
+    NVQ::CHTTPServer m_server;
+    int m_port = 0;
+};
+
+TEST_F(WebSocketSessionTest, UpgradeDecisions)
+{
+    struct {
+        const char *name;
+        bool accept;
+        std::string pick, offer, expected, unexpected;
+    } cases[] = {
+        {"picks an offered protocol", true, "b", "Sec-WebSocket-Protocol: a, b\r\n",
+         "Sec-WebSocket-Protocol: b", "Protocol: a"},
+        {"a protocol not offered is dropped", true, "c", "Sec-WebSocket-Protocol: a\r\n", "101",
+         "Sec-WebSocket-Protocol"},
+        {"refused", false, "", "", "HTTP/1.1 403 Forbidden", "Upgrade"},
+    };
+    for (const auto &c : cases) {
+        m_handler.m_accept = c.accept;
+        m_handler.m_pick = c.pick;
+        CTestClient client;
+        const std::string head = handshake(client, m_port, "/ws", c.offer + "Origin: http://device\r\n");
+        EXPECT_NE(std::string::npos, head.find(c.expected)) << c.name << "\n" << head;
+        EXPECT_EQ(std::string::npos, head.find(c.unexpected)) << c.name << "\n" << head;
+        EXPECT_EQ("http://device", m_handler.m_origin) << c.name;
+    }
+}
+
+TEST_F(WebSocketSessionTest, FramesFromManyThreadsArriveWholeAndInOrderPerThread)
+{
+    m_handler.m_closeWhenFull = false;
+    CTestClient client;
+    ASSERT_NE(std::string::npos, handshake(client, m_port, "/ws").find("101"));
+    ASSERT_TRUE(waitFor([&] { return !m_handler.Session().IsNull(); }));
+    const KZF::CRefCountPtr<NVQ::CWebSocketSession> session = m_handler.Session();
+    const int threads = 4, messages = 200;
+    std::vector<std::thread> senders;
+    for (int t = 0; t < threads; ++t) {
+        senders.emplace_back([&, t] {
+            for (int i = 0; i < messages; ++i) {
+                // Sizes on both sides of the one-piece frame on the stack.
+                std::string text = std::to_string(t) + " " + std::to_string(i) + " ";
+                text.resize(i % 3 == 0 ? 6000 : 40, static_cast<char>('a' + t));
+                while (!session->SendText(text.data(), text.size()))
+                    std::this_thread::yield(); // the queue is full until the client reads on
+            }
+        });
+    }
+    std::vector<int> next(threads, 0);
+    for (int n = 0; n < threads * messages; ++n) {
+        const auto frame = readFrame(client);
+        ASSERT_EQ(1, frame.first);
+        const int t = std::stoi(frame.second), i = std::stoi(frame.second.substr(frame.second.find(' ') + 1));
+        ASSERT_EQ(next[t]++, i);
+        ASSERT_EQ(i % 3 == 0 ? 6000u : 40u, frame.second.size());
+        ASSERT_EQ(std::string::npos, frame.second.find_first_not_of(static_cast<char>('a' + t), 8));
+    }
+    for (std::thread &sender : senders)
+        sender.join();
+}
+
+TEST_F(WebSocketSessionTest, ClientThatFallsBehindIsClosedOrReportedAsTheHandlerChooses)
+{
+    for (const bool close : {true, false}) {
+        m_handler.m_closeWhenFull = close;
+        m_handler.m_fullCount = 0;
+        CTestClient client;
+        client.SetReceiveBuffer(4096);
+        ASSERT_NE(std::string::npos, handshake(client, m_port, "/ws").find("101"));
+        ASSERT_TRUE(waitFor([&] { return m_handler.Count() == (close ? 1u : 2u); }));
+        const KZF::CRefCountPtr<NVQ::CWebSocketSession> session = m_handler.Session();
+        // The client reads nothing: another thread's sends stop being taken,
+        // and never hold the sender.
+        const std::string block(16384, 'x');
+        std::thread([&] {
+            while (session->SendBinary(block.data(), block.size())) {
+            }
+        }).join();
+        EXPECT_EQ(1, m_handler.m_fullCount.load());
+        EXPECT_EQ(!close, session->IsOpen());
+        if (close) {
+            ASSERT_TRUE(waitFor([&] { return m_handler.m_closedWith == 1008; }, 10000));
+        }
+    }
+}
+
+TEST_F(WebSocketSessionTest, QuietConnectionIsPingedAndDroppedWhenThePingGoesUnanswered)
+{
+    CTestClient client;
+    ASSERT_NE(std::string::npos, handshake(client, m_port, "/ws").find("101"));
+    for (int round = 0; round < 2; ++round) {
+        const auto ping = readFrame(client, 2000);
+        ASSERT_EQ(9, ping.first);
+        ASSERT_TRUE(client.Send(maskedFrame(10, ping.second)));
+    }
+    EXPECT_EQ(9, readFrame(client, 2000).first);
+    EXPECT_TRUE(client.WaitClosed(2000));
+    EXPECT_TRUE(waitFor([&] { return m_handler.m_closedWith == 1006; }));
+}
+
+// 100 subscribers while 4 threads log 50,000 messages: one in ten reads
+// along, the others read nothing until the logging is over. Logging never waits for them, and
+// each accounts for every message: received, or counted in a lost notice.
+TEST(LiveLogTest, EverySubscriberGetsEachMessageOrItsExactLoss)
+{
+    NVQTest::raiseFileLimit();
+    NVQ::CHTTPLiveLogHandler live("/live");
+    NVQ::CHTTPServer server;
+    server.RegisterHandler(live, false);
+    NVQ::SHTTPServerOptions options;
+    options.m_port = 0;
+    ASSERT_TRUE(server.StartServer(options));
+    const int subscribers = 100, loggers = 4, perLogger = 12500;
+    std::vector<std::unique_ptr<CTestClient>> clients;
+    for (int i = 0; i < subscribers; ++i) {
+        clients.emplace_back(new CTestClient());
+        ASSERT_NE(std::string::npos, handshake(*clients.back(), server.GetPort(), "/live").find("101"));
+    }
+    std::vector<uint64_t> lostTotal(subscribers, 0);
+    auto read = [&](int i) {
+        return std::thread([&, i] {
+            uint64_t last = 0, lost = 0;
+            for (;;) {
+                const auto frame = readFrame(*clients[i], 30000);
+                ASSERT_EQ(1, frame.first) << "subscriber " << i;
+                const std::string &json = frame.second;
+                if (json.compare(0, 8, "{\"lost\":") == 0) {
+                    lost += std::stoull(json.substr(8));
+                    lostTotal[i] += std::stoull(json.substr(8));
+                    continue;
+                }
+                const uint64_t id = std::stoull(json.substr(6));
+                if (last != 0) {
+                    ASSERT_EQ(last + lost + 1, id) << "subscriber " << i;
+                }
+                last = id;
+                lost = 0;
+                if (json.find("all logged") != std::string::npos)
+                    return;
+            }
+        });
+    };
+    std::vector<std::thread> readers;
+    for (int i = 0; i < subscribers; i += 10)
+        readers.push_back(read(i));
+    std::vector<std::thread> threads;
+    for (int t = 0; t < loggers; ++t) {
+        threads.emplace_back([t] {
+            for (int n = 0; n < perLogger; ++n)
+                KZF::CLogger::GetInstance().LogMessage(
+                    5, __FILE__, __LINE__, "test", KZF::CLogger::c_noneObjPtr, "logger %d message %d", t, n);
+        });
+    }
+    for (std::thread &thread : threads)
+        thread.join();
+    KZF::CLogger::GetInstance().LogMessage(5, __FILE__, __LINE__, "test", KZF::CLogger::c_noneObjPtr,
+                                           "all logged");
+    // The others wake up to what is left in the ring.
+    for (int i = 0; i < subscribers; ++i) {
+        if (i % 10 != 0)
+            readers.push_back(read(i));
+    }
+    for (std::thread &reader : readers)
+        reader.join();
+    uint64_t idleLost = 0;
+    for (int i = 1; i < subscribers; ++i)
+        idleLost += i % 10 != 0 ? lostTotal[i] : 0;
+    EXPECT_GT(idleLost, 0u);
+    server.StopServer();
+    server.UnregisterHandler(live);
+}
+
+} // namespace
