@@ -44,10 +44,14 @@ int main(int argc, char **argv)
         target = FuzzUrlParams;
     else if (std::strcmp(argv[1], "connection_point") == 0)
         target = FuzzConnectionPoint;
+#if NVQ_WITH_WEBSOCKET
     else if (std::strcmp(argv[1], "websocket_frames") == 0)
         target = FuzzWebSocketFrames;
+#endif
+#if NVQ_WITH_UPLOADS
     else if (std::strcmp(argv[1], "multipart") == 0)
         target = FuzzMultipart;
+#endif
     if (target == nullptr) {
         std::fprintf(stderr, "unknown fuzz target %s\n", argv[1]);
         return 2;

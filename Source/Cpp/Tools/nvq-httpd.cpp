@@ -6,13 +6,17 @@
 // SIGTERM, also while clients are downloading; WebSocket echo clients are
 // told first (1001) and their close answers awaited for up to 2 s.
 
+#if NVQ_WITH_UPLOADS
 #include "HTTP/HTTPAccessGuard.h"
+#include "HTTP/HTTPUploadHandler.h"
+#endif
 #include "HTTP/HTTPDefaultHandler.h"
-#include "HTTP/HTTPLiveLogHandler.h"
 #include "HTTP/HTTPLogHandler.h"
 #include "HTTP/HTTPServer.h"
-#include "HTTP/HTTPUploadHandler.h"
+#if NVQ_WITH_WEBSOCKET
+#include "HTTP/HTTPLiveLogHandler.h"
 #include "HTTP/HTTPWebSocketEndpoint.h"
+#endif
 #include "HTTP/IHTTPExchangeEndNotification.h"
 #include "KZF_Utilities/Linux/Logger.h"
 #include "KZF_Utilities/Linux/SysUtils.h"
@@ -50,18 +54,22 @@ const char c_usage[] =
     "  --capture-level N  highest log level /proxy/log and /log/live capture\n"
     "                     (default: every level)\n"
     "  --loops N          event loops serving connections (default: one per core)\n"
+#if NVQ_WITH_WEBSOCKET
     "  --ws-echo          WebSocket echo on /ws/echo (every message sent back as it\n"
     "                     came; for tests and benchmarks)\n"
+#endif
     "  --strict           strict HTTP/1.1 (RFC 9112 framing, pipelining, keep-alive\n"
     "                     rules), and the log's error page escapes what it shows\n"
     "  --web              web-ready file serving (content types, HEAD, ETag and\n"
     "                     Last-Modified with 304, ranges, precompressed .br/.gz,\n"
     "                     Cache-Control, kept connections after large files),\n"
     "                     with --strict\n"
+#if NVQ_WITH_UPLOADS
     "  --upload-dir DIR   store files POSTed or PUT to /upload in DIR\n"
     "  --auth-file FILE   ask for credentials (Digest; users as htdigest writes them,\n"
     "                     realm of the first line) everywhere but the front page\n"
     "  --auth-basic       also accept Basic credentials, even over plain HTTP\n"
+#endif
     "  --help             this text\n";
 
 struct SSettings {
@@ -109,10 +117,14 @@ int parseArguments(int argc, char **argv, SSettings &settings)
         {"--loops", nullptr, &settings.m_loops, 0, 64, nullptr},
         {"--strict", &settings.m_strict, nullptr, 0, 0, nullptr},
         {"--web", &settings.m_web, nullptr, 0, 0, nullptr},
+#if NVQ_WITH_UPLOADS
         {"--upload-dir", nullptr, nullptr, 0, 0, &settings.m_uploadDir},
         {"--auth-file", nullptr, nullptr, 0, 0, &settings.m_authFile},
         {"--auth-basic", &settings.m_authBasic, nullptr, 0, 0, nullptr},
+#endif
+#if NVQ_WITH_WEBSOCKET
         {"--ws-echo", &settings.m_wsEcho, nullptr, 0, 0, nullptr},
+#endif
     };
     for (int i = 1; i < argc; ++i) {
         const std::string name = argv[i];
@@ -172,6 +184,7 @@ class CStartFailureDevice : public KZF::ILogOutputDevice
     std::string m_text;
 };
 
+#if NVQ_WITH_UPLOADS
 // The sample site's front page and what it loads stay open to everyone when
 // the rest asks for credentials.
 class CPublicPages : public NVQ::IHTTPRequestHandler, public NVQ::IHTTPExchangeEndNotification
@@ -217,6 +230,9 @@ std::string realmOf(const std::string &path)
     return std::string();
 }
 
+#endif
+
+#if NVQ_WITH_WEBSOCKET
 // Sends every message back as it came, from the connection's own thread. On
 // stop, its clients are told (1001) and their answers awaited a moment.
 class CEchoHandler : public NVQ::IWebSocketHandler
@@ -258,6 +274,7 @@ class CEchoHandler : public NVQ::IWebSocketHandler
     std::condition_variable m_closed;
     std::set<KZF::CRefCountPtr<NVQ::CWebSocketSession>> m_sessions;
 };
+#endif
 
 } // namespace
 
@@ -275,6 +292,7 @@ int main(int argc, char **argv)
         std::fprintf(stderr, "nvq-httpd: '%s' is not a directory\n", settings.m_root.c_str());
         return 2;
     }
+#if NVQ_WITH_UPLOADS
     if (!settings.m_uploadDir.empty() && !KZF::CSysUtils::DirectoryExists(settings.m_uploadDir)) {
         std::fprintf(stderr, "nvq-httpd: '%s' is not a directory\n", settings.m_uploadDir.c_str());
         return 2;
@@ -284,6 +302,7 @@ int main(int argc, char **argv)
                      settings.m_authFile.c_str());
         return 2;
     }
+#endif
     raiseOpenFileLimit();
 
     // Every thread the server starts inherits this mask, so the signals reach
@@ -305,26 +324,32 @@ int main(int argc, char **argv)
     if (settings.m_web)
         fileHandler->SetOptions(NVQ::CHTTPDefaultHandler::SFileOptions::Web());
     NVQ::CHTTPServer *server = new NVQ::CHTTPServer();
+    std::vector<NVQ::IHTTPRequestHandler *> handlers;
+#if NVQ_WITH_WEBSOCKET
+    CEchoHandler echoHandler;
+    NVQ::CHTTPWebSocketEndpoint echoEndpoint("/ws/echo", echoHandler);
+    NVQ::CHTTPLiveLogHandler liveLogHandler("/log/live");
+    if (settings.m_wsEcho)
+        handlers.push_back(&echoEndpoint);
+#endif
+#if NVQ_WITH_UPLOADS
     std::unique_ptr<NVQ::CHTTPUploadHandler> uploadHandler;
     if (!settings.m_uploadDir.empty()) {
         NVQ::CHTTPUploadHandler::SOptions uploads;
         uploads.m_directory = settings.m_uploadDir;
         uploadHandler.reset(new NVQ::CHTTPUploadHandler(uploads));
-    }
-    CEchoHandler echoHandler;
-    NVQ::CHTTPWebSocketEndpoint echoEndpoint("/ws/echo", echoHandler);
-    NVQ::CHTTPLiveLogHandler liveLogHandler("/log/live");
-    std::vector<NVQ::IHTTPRequestHandler *> handlers;
-    if (settings.m_wsEcho)
-        handlers.push_back(&echoEndpoint);
-    if (uploadHandler)
         handlers.push_back(uploadHandler.get());
+    }
+#endif
+#if NVQ_WITH_WEBSOCKET
     handlers.push_back(&liveLogHandler);
+#endif
     handlers.push_back(logHandler);
     handlers.push_back(fileHandler);
+    bool usersLoaded = true;
+#if NVQ_WITH_UPLOADS
     std::unique_ptr<CPublicPages> publicPages;
     std::vector<std::unique_ptr<NVQ::CHTTPAccessGuard>> guards;
-    bool usersLoaded = true;
     if (!settings.m_authFile.empty()) {
         NVQ::CHTTPAccessGuard::SOptions access;
         access.m_realm = realmOf(settings.m_authFile);
@@ -338,6 +363,7 @@ int main(int argc, char **argv)
         publicPages.reset(new CPublicPages(*fileHandler));
         handlers.insert(handlers.begin(), publicPages.get());
     }
+#endif
     for (NVQ::IHTTPRequestHandler *handler : handlers)
         server->RegisterHandler(*handler, false);
 
@@ -370,14 +396,18 @@ int main(int argc, char **argv)
         sigwait(&stopSignals, &signal);
         logger.LogMessage(4, __FILE__, __LINE__, "main", KZF::CLogger::c_noneObjPtr,
                           "nvq-httpd stopping (%s)", signal == SIGINT ? "SIGINT" : "SIGTERM");
+#if NVQ_WITH_WEBSOCKET
         echoHandler.CloseAll(2000);
+#endif
         server->StopServer();
         logger.RemoveOutputDevice(&echo);
     }
 
     for (NVQ::IHTTPRequestHandler *handler : handlers)
         server->UnregisterHandler(*handler);
+#if NVQ_WITH_UPLOADS
     guards.clear();
+#endif
     delete fileHandler;
     delete logHandler;
     delete server;
