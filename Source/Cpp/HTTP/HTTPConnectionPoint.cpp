@@ -289,6 +289,8 @@ void CHTTPConnectionPoint::ProcessRequest(KZF::CRefCountPtr<CHTTPRequest> reques
     if (request.IsNull()) {
         SendResponse(s_badRequestResponse);
     } else {
+        if (m_pDataLayer != nullptr)
+            request->SetSecure(m_pDataLayer->IsSecure());
         IHTTPRequestHandler *handler = m_pLayer->FindHandler(*request);
         m_pHandler = handler;
         if (handler == nullptr) {
