@@ -2,7 +2,7 @@
 """End-to-end tests of the demo server with real clients.
 
 Usage: e2e_nvq_httpd.py NVQ_HTTPD SITE_DIR GROUP [EMULATOR [ARG...]]
-GROUP is one of: curl, http_client, chromium, sigterm, cap. A cross-compiled
+GROUP is one of: curl, http_client, chromium, sigterm, cap, tls. A cross-compiled
 NVQ_HTTPD is started through EMULATOR (with its arguments); the clients run
 natively.
 Exit status 0 passed, 1 failed, 77 skipped (ctest's SKIP_RETURN_CODE).
@@ -15,6 +15,7 @@ import re
 import shutil
 import signal
 import socket
+import ssl
 import subprocess
 import sys
 import tempfile
@@ -30,24 +31,27 @@ EMULATOR = []
 class Server:
     """nvq-httpd on a free port, serving a copy of the sample site plus test files."""
 
-    def __init__(self, extra_files=None):
+    def __init__(self, extra_files=None, args=()):
         self.root = tempfile.mkdtemp(prefix="nvq-e2e-")
         shutil.copytree(SITE_DIR, self.root, dirs_exist_ok=True)
         for name, data in (extra_files or {}).items():
             with open(os.path.join(self.root, name), "wb") as f:
                 f.write(data)
         self.process = subprocess.Popen(
-            EMULATOR + [NVQ_HTTPD, "--port", "0", "--root", self.root, "--log-level", "4"],
+            EMULATOR + [NVQ_HTTPD, "--port", "0", "--root", self.root, "--log-level", "4"] + list(args),
             stderr=subprocess.PIPE, text=True)
-        self.port = None
+        self.port = self.tls_port = None
+        wants_tls = "--tls-port" in args
         deadline = time.time() + 10
-        while self.port is None and time.time() < deadline:
+        while (self.port is None or (wants_tls and self.tls_port is None)) and time.time() < deadline:
             line = self.process.stderr.readline()
             if not line:
                 break
-            match = re.search(r"http://localhost:(\d+)/", line)
-            if match:
-                self.port = int(match.group(1))
+            match = re.search(r"(https?)://localhost:(\d+)/", line)
+            if match and match.group(1) == "http":
+                self.port = int(match.group(2))
+            elif match:
+                self.tls_port = int(match.group(2))
         if self.port is None:
             self.process.kill()
             raise RuntimeError("nvq-httpd did not report its port")
@@ -259,8 +263,117 @@ class SigtermTest(unittest.TestCase):
         self.assertIn(str(port), result.stderr)
 
 
+def make_certificates(directory):
+    """A test CA and two certificates it signed for localhost, named first and second."""
+    def new(name, *args):
+        subprocess.run(["openssl", "req", "-newkey", "ec", "-pkeyopt", "ec_paramgen_curve:prime256v1", "-nodes",
+                        "-keyout", name + ".key", "-subj", "/CN=" + name] + list(args),
+                       cwd=directory, check=True, capture_output=True)
+    new("ca", "-x509", "-days", "2", "-out", "ca.pem")
+    with open(os.path.join(directory, "ext"), "w") as f:
+        f.write("subjectAltName=DNS:localhost,IP:127.0.0.1\n")
+    for name in ("first", "second"):
+        new(name, "-out", name + ".csr")
+        subprocess.run(["openssl", "x509", "-req", "-in", name + ".csr", "-CA", "ca.pem", "-CAkey", "ca.key",
+                        "-CAcreateserial", "-days", "2", "-extfile", "ext", "-out", name + ".pem"],
+                       cwd=directory, check=True, capture_output=True)
+
+
+class TlsTest(unittest.TestCase):
+    """HTTPS next to plain HTTP, with the test CA's certificate."""
+
+    def setUp(self):
+        self.certs = tempfile.mkdtemp(prefix="nvq-e2e-tls-")
+        make_certificates(self.certs)
+        self.cert, self.key = os.path.join(self.certs, "cert.pem"), os.path.join(self.certs, "key.pem")
+        self.use("first")
+        self.ca = os.path.join(self.certs, "ca.pem")
+        self.server = Server({"big.bin": BIG, "small.txt": SMALL},
+                             ["--tls-cert", self.cert, "--tls-key", self.key, "--tls-port", "0"])
+        self.context = ssl.create_default_context(cafile=self.ca)
+        self.context.set_alpn_protocols(["h2", "http/1.1"])
+
+    def tearDown(self):
+        self.assertEqual(0, self.server.stop())
+        shutil.rmtree(self.certs, ignore_errors=True)
+
+    def use(self, name):
+        shutil.copy(os.path.join(self.certs, name + ".pem"), self.cert)
+        shutil.copy(os.path.join(self.certs, name + ".key"), self.key)
+
+    def url(self, path):
+        return "https://localhost:%d%s" % (self.server.tls_port, path)
+
+    def connect(self):
+        return http.client.HTTPSConnection("localhost", self.server.tls_port, timeout=30, context=self.context)
+
+    def test_curl_with_the_test_ca(self):
+        self.assertEqual(SMALL, curl("--cacert", self.ca, self.url("/small.txt")).stdout)
+        big = curl("--cacert", self.ca, self.url("/big.bin")).stdout
+        self.assertEqual(hashlib.sha256(BIG).hexdigest(), hashlib.sha256(big).hexdigest())
+        result = curl("--cacert", self.ca, "--output", "/dev/null", "--write-out", "%{http_code}",
+                      self.url("/missing.html"))
+        self.assertEqual(b"404", result.stdout)
+        # Without the CA the certificate is refused; plain HTTP goes on beside.
+        self.assertNotEqual(0, curl(self.url("/small.txt")).returncode)
+        self.assertEqual(SMALL, curl(self.server.url("/small.txt")).stdout)
+
+    def test_python_ssl_verifies_keeps_alive_and_streams(self):
+        connection = self.connect()
+        connection.connect()
+        self.assertEqual("http/1.1", connection.sock.selected_alpn_protocol())
+        first_socket = connection.sock
+        for path in ["/small.txt", "/missing", "/small.txt"]:
+            connection.request("GET", path)
+            response = connection.getresponse()
+            body = response.read()
+            self.assertEqual(200 if path == "/small.txt" else 404, response.status)
+            if path == "/small.txt":
+                self.assertEqual(SMALL, body)
+            self.assertIs(first_socket, connection.sock, "the connection was not kept alive")
+        connection.request("GET", "/big.bin")
+        self.assertEqual(BIG, connection.getresponse().read())
+        connection.close()
+
+    def test_sighup_renews_the_certificate_while_a_client_stays_connected(self):
+        held = self.connect()
+        held.request("GET", "/small.txt")
+        held.getresponse().read()
+        self.assertIn((("commonName", "first"),), held.sock.getpeercert()["subject"])
+        self.use("second")
+        self.server.process.send_signal(signal.SIGHUP)
+        deadline = time.time() + 10
+        while not any("certificate reloaded" in line for line in self.server.log) and time.time() < deadline:
+            time.sleep(0.05)
+        fresh = self.connect()
+        fresh.request("GET", "/small.txt")
+        self.assertEqual(SMALL, fresh.getresponse().read())
+        self.assertIn((("commonName", "second"),), fresh.sock.getpeercert()["subject"])
+        held.request("GET", "/small.txt")
+        self.assertEqual(SMALL, held.getresponse().read())
+        fresh.close()
+        held.close()
+
+    def test_chromium_loads_the_page_over_https(self):
+        browser = find_chromium()
+        if browser is None:
+            self.skipTest("Chromium is not installed")
+        profile = tempfile.mkdtemp(prefix="nvq-chromium-")
+        try:
+            command = [browser, "--headless", "--no-sandbox", "--disable-gpu", "--disable-quic", "--no-first-run",
+                       "--disable-background-networking", "--disable-component-update", "--disable-sync",
+                       "--disable-dev-shm-usage", "--ignore-certificate-errors", "--user-data-dir=" + profile,
+                       "--virtual-time-budget=5000", "--dump-dom", self.url("/index.html")]
+            dom = subprocess.run(command, capture_output=True, text=True, timeout=120, check=False).stdout
+        finally:
+            shutil.rmtree(profile, ignore_errors=True)
+        self.assertIn("script: ran", dom)
+        self.assertIn("stylesheet: applied", dom)
+        self.assertIn("image: loaded 96px", dom)
+
+
 GROUPS = {"curl": CurlTest, "http_client": HttpClientTest, "chromium": ChromiumTest, "sigterm": SigtermTest,
-          "cap": CapTest}
+          "cap": CapTest, "tls": TlsTest}
 
 
 def main():
@@ -272,6 +385,9 @@ def main():
     EMULATOR = sys.argv[4:]
     if group == "curl" and not shutil.which("curl"):
         print("SKIPPED: curl is not installed")
+        return SKIPPED
+    if group == "tls" and not (shutil.which("openssl") and shutil.which("curl")):
+        print("SKIPPED: the openssl command or curl is not installed")
         return SKIPPED
     if group == "chromium" and not find_chromium():
         print("SKIPPED: Chromium is not installed")

@@ -37,12 +37,14 @@ const char c_usage[] =
     "  --loops N          event loops serving connections (default: one per core)\n"
     "  --strict           strict HTTP/1.1 (RFC 9112 framing, pipelining, keep-alive\n"
     "                     rules), and the log's error page escapes what it shows\n"
-    "  --tls-cert FILE    HTTPS with this PEM certificate chain (leaf first); SIGHUP\n"
-    "                     reads it and the key again\n"
-    "  --tls-key FILE     the PEM private key of --tls-cert\n"
-    "  --tls-port N       HTTPS on this port, plain HTTP stays on --port (default:\n"
-    "                     with --tls-cert, --port serves HTTPS only)\n"
     "  --help             this text\n";
+
+// Listed only when the library was built with TLS (scripts look for them).
+const char c_tlsUsage[] = "  --tls-cert FILE    HTTPS with this PEM certificate chain (leaf first); SIGHUP\n"
+                          "                     reads it and the key again\n"
+                          "  --tls-key FILE     the PEM private key of --tls-cert\n"
+                          "  --tls-port N       HTTPS on this port, plain HTTP stays on --port (default:\n"
+                          "                     with --tls-cert, --port serves HTTPS only)\n";
 
 struct SSettings {
     int m_port = 7070;
@@ -155,8 +157,11 @@ int main(int argc, char **argv)
     SSettings settings;
     const int parsed = parseArguments(argc, argv, settings);
     if (parsed != 0) {
-        if (parsed > 0)
+        if (parsed > 0) {
             std::fputs(c_usage, stdout);
+            if (NVQ::CSocketServerLayer::IsTlsAvailable())
+                std::fputs(c_tlsUsage, stdout);
+        }
         return parsed > 0 ? 0 : 2;
     }
     if (settings.m_tlsCert.empty() != settings.m_tlsKey.empty() ||
