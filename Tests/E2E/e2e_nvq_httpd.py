@@ -203,6 +203,14 @@ def find_chromium():
     return None
 
 
+def dump_dom(browser, profile, url, *flags):
+    command = [browser, "--headless", "--no-sandbox", "--disable-gpu", "--disable-quic", "--no-first-run",
+               "--disable-background-networking", "--disable-component-update", "--disable-sync",
+               "--disable-dev-shm-usage", "--user-data-dir=" + profile, "--virtual-time-budget=5000"] + list(flags)
+    result = subprocess.run(command + ["--dump-dom", url], capture_output=True, text=True, timeout=120, check=False)
+    return result.stdout
+
+
 class ChromiumTest(unittest.TestCase):
     def setUp(self):
         self.browser = find_chromium()
@@ -214,12 +222,7 @@ class ChromiumTest(unittest.TestCase):
         self.assertEqual(0, self.server.stop())
 
     def dump_dom(self, path):
-        command = [self.browser, "--headless", "--no-sandbox", "--disable-gpu", "--disable-quic", "--no-first-run",
-                   "--disable-background-networking", "--disable-component-update", "--disable-sync",
-                   "--disable-dev-shm-usage", "--user-data-dir=" + self.profile, "--virtual-time-budget=5000",
-                   "--dump-dom", self.server.url(path)]
-        result = subprocess.run(command, capture_output=True, text=True, timeout=120, check=False)
-        return result.stdout
+        return dump_dom(self.browser, self.profile, self.server.url(path))
 
     def test_index_page_loads_stylesheet_script_and_image(self):
         dom = self.dump_dom("/index.html")
@@ -318,22 +321,37 @@ class TlsTest(unittest.TestCase):
         self.assertNotEqual(0, curl(self.url("/small.txt")).returncode)
         self.assertEqual(SMALL, curl(self.server.url("/small.txt")).stdout)
 
-    def test_python_ssl_verifies_keeps_alive_and_streams(self):
-        connection = self.connect()
-        connection.connect()
-        self.assertEqual("http/1.1", connection.sock.selected_alpn_protocol())
-        first_socket = connection.sock
-        for path in ["/small.txt", "/missing", "/small.txt"]:
-            connection.request("GET", path)
-            response = connection.getresponse()
-            body = response.read()
-            self.assertEqual(200 if path == "/small.txt" else 404, response.status)
-            if path == "/small.txt":
-                self.assertEqual(SMALL, body)
-            self.assertIs(first_socket, connection.sock, "the connection was not kept alive")
-        connection.request("GET", "/big.bin")
-        self.assertEqual(BIG, connection.getresponse().read())
-        connection.close()
+    def test_answers_over_tls_are_the_bytes_of_plain_http(self):
+        def answer(sock, to_close):
+            data = b""
+            while True:
+                if not to_close and b"\r\n\r\n" in data:
+                    head, _, body = data.partition(b"\r\n\r\n")
+                    length = re.search(rb"Content-Length: *(\d+)", head)
+                    if len(body) >= int(length.group(1) if length else 0):
+                        return data
+                piece = sock.recv(65536)
+                if not piece:
+                    return data
+                data += piece
+
+        plain = socket.create_connection(("127.0.0.1", self.server.port), timeout=30)
+        secure = self.context.wrap_socket(socket.create_connection(("127.0.0.1", self.server.tls_port), timeout=30),
+                                          server_hostname="localhost")
+        self.assertEqual("http/1.1", secure.selected_alpn_protocol())
+        cases = [("small file", "/small.txt", b"", False), ("kept alive", "/small.txt", b"", False),
+                 ("request of several TLS records", "/small.txt", b"X-Pad: " + b"p" * 300000 + b"\r\n", False),
+                 ("404 page", "/missing", b"", False), ("streamed file", "/big.bin", b"", True)]
+        for name, path, extra, to_close in cases:
+            request = b"GET " + path.encode() + b" HTTP/1.1\r\nHost: x\r\n" + extra + b"\r\n"
+            plain.sendall(request)
+            secure.sendall(request)
+            expected = answer(plain, to_close)
+            self.assertTrue(expected.startswith(b"HTTP/1.1 "), name)
+            self.assertEqual(expected, answer(secure, to_close), name)
+        self.assertTrue(expected.endswith(BIG))
+        plain.close()
+        secure.close()
 
     def test_sighup_renews_the_certificate_while_a_client_stays_connected(self):
         held = self.connect()
@@ -359,14 +377,8 @@ class TlsTest(unittest.TestCase):
         if browser is None:
             self.skipTest("Chromium is not installed")
         profile = tempfile.mkdtemp(prefix="nvq-chromium-")
-        try:
-            command = [browser, "--headless", "--no-sandbox", "--disable-gpu", "--disable-quic", "--no-first-run",
-                       "--disable-background-networking", "--disable-component-update", "--disable-sync",
-                       "--disable-dev-shm-usage", "--ignore-certificate-errors", "--user-data-dir=" + profile,
-                       "--virtual-time-budget=5000", "--dump-dom", self.url("/index.html")]
-            dom = subprocess.run(command, capture_output=True, text=True, timeout=120, check=False).stdout
-        finally:
-            shutil.rmtree(profile, ignore_errors=True)
+        dom = dump_dom(browser, profile, self.url("/index.html"), "--ignore-certificate-errors")
+        shutil.rmtree(profile, ignore_errors=True)
         self.assertIn("script: ran", dom)
         self.assertIn("stylesheet: applied", dom)
         self.assertIn("image: loaded 96px", dom)

@@ -22,7 +22,7 @@ class CTestClient
 {
   public:
     CTestClient() = default;
-    virtual ~CTestClient() { Close(); }
+    ~CTestClient() { Close(); }
     CTestClient(const CTestClient &) = delete;
     CTestClient &operator=(const CTestClient &) = delete;
     CTestClient(CTestClient &&other) noexcept : m_fd(other.m_fd) { other.m_fd = -1; }
@@ -62,7 +62,7 @@ class CTestClient
     {
         size_t sent = 0;
         while (sent < bytes.size()) {
-            const ssize_t n = WriteBytes(bytes.data() + sent, bytes.size() - sent);
+            const ssize_t n = ::send(m_fd, bytes.data() + sent, bytes.size() - sent, MSG_NOSIGNAL);
             if (n <= 0) {
                 if (n < 0 && errno == EINTR)
                     continue;
@@ -141,7 +141,7 @@ class CTestClient
     }
     int Fd() const { return m_fd; }
 
-    virtual void Close()
+    void Close()
     {
         if (m_fd >= 0)
             ::close(m_fd);
@@ -149,15 +149,6 @@ class CTestClient
         m_closed = false;
         m_leftover.clear();
     }
-
-  protected:
-    // The byte path, replaced by an encrypting client.
-    virtual ssize_t WriteBytes(const char *data, size_t size)
-    {
-        return ::send(m_fd, data, size, MSG_NOSIGNAL);
-    }
-    virtual ssize_t ReadBytes(char *buffer, size_t size) { return ::recv(m_fd, buffer, size, 0); }
-    virtual bool HasBufferedInput() const { return false; }
 
   private:
     bool ReadSome(std::string &received, std::chrono::steady_clock::time_point end)
@@ -168,10 +159,10 @@ class CTestClient
         if (left <= 0)
             return false;
         struct pollfd wait = {m_fd, POLLIN, 0};
-        if (!HasBufferedInput() && ::poll(&wait, 1, static_cast<int>(left)) <= 0)
+        if (::poll(&wait, 1, static_cast<int>(left)) <= 0)
             return false;
         char buffer[65536];
-        const ssize_t n = ReadBytes(buffer, sizeof(buffer));
+        const ssize_t n = ::recv(m_fd, buffer, sizeof(buffer), 0);
         if (n <= 0) {
             if (n < 0 && errno == EINTR)
                 return true;
