@@ -32,7 +32,8 @@ int main(int argc, char **argv)
 {
     if (argc < 3) {
         std::fprintf(stderr,
-                     "usage: %s request_parser|url_params|connection_point|websocket_frames corpus-dir...\n",
+                     "usage: %s request_parser|url_params|connection_point|websocket_frames|tls_records "
+                     "corpus-dir...\n",
                      argv[0]);
         return 2;
     }
@@ -45,6 +46,10 @@ int main(int argc, char **argv)
         target = FuzzConnectionPoint;
     else if (std::strcmp(argv[1], "websocket_frames") == 0)
         target = FuzzWebSocketFrames;
+#ifdef NVQ_WITH_TLS
+    else if (std::strcmp(argv[1], "tls_records") == 0)
+        target = FuzzTlsRecords;
+#endif
     if (target == nullptr) {
         std::fprintf(stderr, "unknown fuzz target %s\n", argv[1]);
         return 2;

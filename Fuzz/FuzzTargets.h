@@ -25,6 +25,10 @@ int FuzzConnectionPoint(const uint8_t *data, size_t size);
 // limits, the second seeds the slicing and the pauses; the rest is the wire.
 int FuzzWebSocketFrames(const uint8_t *data, size_t size);
 
+// Client bytes to a server-side TLS transport (built with TLS only). The
+// first byte picks the read size; the rest arrive, then the end of stream.
+int FuzzTlsRecords(const uint8_t *data, size_t size);
+
 #define NVQ_FUZZ_CHECK(condition)                                                                            \
     do {                                                                                                     \
         if (!(condition)) {                                                                                  \
