@@ -27,11 +27,27 @@ int clampToInt(size_t size)
     return static_cast<int>(std::min<size_t>(size, INT_MAX));
 }
 
+// Watches the socket reads OpenSSL makes: one that got fewer bytes than it
+// asked for left the socket empty (see Read).
+long watchSocketReads(BIO *bio, int operation, const char *, size_t length, int, long, int result,
+                      size_t *processed)
+{
+    if (operation == (BIO_CB_READ | BIO_CB_RETURN)) {
+        bool *empty = reinterpret_cast<bool *>(BIO_get_callback_arg(bio));
+        *empty = result <= 0 || processed == nullptr || *processed < length;
+    }
+    return result;
+}
+
 } // namespace
 
 CTlsTransport::CTlsTransport(ssl_st *session)
-    : m_pSession(session), m_readWantsWrite(false), m_failed(false), m_endOfInput(false), m_goodbyeSaid(false)
+    : m_pSession(session), m_readWantsWrite(false), m_failed(false), m_endOfInput(false),
+      m_goodbyeSaid(false), m_socketEmpty(false)
 {
+    BIO *socket = SSL_get_rbio(session);
+    BIO_set_callback_arg(socket, reinterpret_cast<char *>(&m_socketEmpty));
+    BIO_set_callback_ex(socket, watchSocketReads);
 }
 
 CTlsTransport::~CTlsTransport()
@@ -89,8 +105,11 @@ ssize_t CTlsTransport::Read(int, void *buffer, size_t size)
     // and SSL_read gives one record at a time: records are read until the
     // buffer is full or OpenSSL needs the socket. An end or a failure met
     // after some bytes is kept for the next call (HasBufferedInput says so).
+    // Once a socket read of this call came up short and OpenSSL holds
+    // nothing more, another round would only cost a read that finds nothing.
     unsigned char *target = static_cast<unsigned char *>(buffer);
     size_t total = 0;
+    m_socketEmpty = false;
     while (total < size) {
         const int n = SSL_read(m_pSession, target + total, clampToInt(size - total));
         if (n <= 0) {
@@ -100,6 +119,8 @@ ssize_t CTlsTransport::Read(int, void *buffer, size_t size)
             break;
         }
         total += static_cast<size_t>(n);
+        if (m_socketEmpty && SSL_has_pending(m_pSession) == 0)
+            break;
     }
     return static_cast<ssize_t>(total);
 }

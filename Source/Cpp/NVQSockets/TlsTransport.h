@@ -43,6 +43,7 @@ class CTlsTransport : public CSocketTransport
     bool m_failed;      // a fatal error: no more calls into the session
     bool m_endOfInput;  // the peer's close_notify or end of stream was read
     bool m_goodbyeSaid; // close_notify sent
+    bool m_socketEmpty; // the last socket read of this Read found no more
 };
 
 } // namespace NVQ
