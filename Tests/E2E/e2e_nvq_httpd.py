@@ -367,6 +367,22 @@ class TlsTest(unittest.TestCase):
         fresh.request("GET", "/small.txt")
         self.assertEqual(SMALL, fresh.getresponse().read())
         self.assertIn((("commonName", "second"),), fresh.sock.getpeercert()["subject"])
+        # Reloads racing handshakes on the loops: every newcomer is served.
+        answers = []
+
+        def newcomers():
+            for _ in range(20):
+                connection = self.connect()
+                connection.request("GET", "/small.txt")
+                answers.append(connection.getresponse().read())
+                connection.close()
+        clients = threading.Thread(target=newcomers)
+        clients.start()
+        for _ in range(10):
+            self.server.process.send_signal(signal.SIGHUP)
+            time.sleep(0.02)
+        clients.join()
+        self.assertEqual([SMALL] * 20, answers)
         held.request("GET", "/small.txt")
         self.assertEqual(SMALL, held.getresponse().read())
         fresh.close()
