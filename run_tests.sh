@@ -10,6 +10,9 @@
 #             suite under qemu-user (the clients of the end-to-end tests
 #             run natively)
 #   aarch64   the same for 64-bit ARM
+# HTTPS (OpenSSL) is built and tested where the target's libssl-dev is
+# installed: always natively; the cross builds go without it unless the
+# multiarch package (libssl-dev:armhf, libssl-dev:arm64) is there.
 # Pass build names to run only some of them: ./run_tests.sh warnings armhf
 set -euo pipefail
 cd "$(dirname "$0")"
@@ -18,7 +21,8 @@ builds=("$@")
 [ ${#builds[@]} -eq 0 ] && builds=(warnings asan tsan armhf aarch64)
 jobs=$(nproc)
 
-scripts/ensure_packages.sh cmake ninja-build g++ libgtest-dev libgmock-dev python3 curl pkg-config file
+scripts/ensure_packages.sh cmake ninja-build g++ libgtest-dev libgmock-dev python3 curl pkg-config file \
+  libssl-dev openssl
 # The browser tests, and those with nginx in front, skip themselves where
 # Chromium or nginx cannot be installed.
 scripts/ensure_packages.sh --optional chromium nginx
@@ -49,6 +53,7 @@ for build in "${builds[@]}"; do
   echo "=== $build build in $dir"
   started=$SECONDS
   cmake -S . -B "$dir" -G Ninja "${flags[@]}" >/dev/null
+  echo "$build: NVQ_WITH_TLS=$(sed -n 's/^NVQ_WITH_TLS:BOOL=//p' "$dir/CMakeCache.txt")"
   cmake --build "$dir" -j "$jobs"
   ASAN_OPTIONS=detect_leaks=1:allocator_may_return_null=1 UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 \
     TSAN_OPTIONS=halt_on_error=1:second_deadlock_stack=1:allocator_may_return_null=1 \

@@ -31,10 +31,10 @@ bool ListFiles(const std::string &directory, std::vector<std::string> &files)
 int main(int argc, char **argv)
 {
     if (argc < 3) {
-        std::fprintf(
-            stderr,
-            "usage: %s request_parser|url_params|connection_point|websocket_frames|multipart corpus-dir...\n",
-            argv[0]);
+        std::fprintf(stderr,
+                     "usage: %s request_parser|url_params|connection_point|websocket_frames|multipart|"
+                     "tls_records corpus-dir...\n",
+                     argv[0]);
         return 2;
     }
     int (*target)(const uint8_t *, size_t) = nullptr;
@@ -51,6 +51,10 @@ int main(int argc, char **argv)
 #if NVQ_WITH_UPLOADS
     else if (std::strcmp(argv[1], "multipart") == 0)
         target = FuzzMultipart;
+#endif
+#ifdef NVQ_WITH_TLS
+    else if (std::strcmp(argv[1], "tls_records") == 0)
+        target = FuzzTlsRecords;
 #endif
     if (target == nullptr) {
         std::fprintf(stderr, "unknown fuzz target %s\n", argv[1]);

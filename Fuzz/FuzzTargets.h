@@ -28,6 +28,9 @@ int FuzzWebSocketFrames(const uint8_t *data, size_t size);
 // A multipart/form-data body (boundary "b"), parsed whole and in slices. The
 // first byte picks small or default limits, the second seeds the slicing.
 int FuzzMultipart(const uint8_t *data, size_t size);
+// Client bytes to a server-side TLS transport (built with TLS only). The
+// first byte picks the read size; the rest arrive, then the end of stream.
+int FuzzTlsRecords(const uint8_t *data, size_t size);
 
 #define NVQ_FUZZ_CHECK(condition)                                                                            \
     do {                                                                                                     \

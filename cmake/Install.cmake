@@ -29,5 +29,12 @@ write_basic_package_version_file(${PROJECT_BINARY_DIR}/NVQHttpConfigVersion.cmak
 install(FILES ${PROJECT_BINARY_DIR}/NVQHttpConfig.cmake ${PROJECT_BINARY_DIR}/NVQHttpConfigVersion.cmake
   DESTINATION ${NVQ_PACKAGE_DIR})
 
+# With HTTPS the libraries need OpenSSL's. Public, so that a static
+# installation links without --static (a shared one drops it as needed).
+if(NVQ_WITH_TLS)
+  set(NVQ_PC_REQUIRES "libssl >= 3.0 libcrypto >= 3.0")
+else()
+  set(NVQ_PC_REQUIRES "")
+endif()
 configure_file(${CMAKE_CURRENT_LIST_DIR}/nvqhttp.pc.in ${PROJECT_BINARY_DIR}/nvqhttp.pc @ONLY)
 install(FILES ${PROJECT_BINARY_DIR}/nvqhttp.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)

@@ -3,7 +3,7 @@
 
 Usage: e2e_nvq_httpd.py NVQ_HTTPD SITE_DIR GROUP [EMULATOR [ARG...]]
 GROUP is one of: curl, http_client, chromium, sigterm, cap, web, web_chromium,
-web_nginx, websocket, wsidle. A cross-compiled
+web_nginx, websocket, wsidle, tls. A cross-compiled
 NVQ_HTTPD is started through EMULATOR (with its arguments); the clients run
 natively.
 Exit status 0 passed, 1 failed, 77 skipped (ctest's SKIP_RETURN_CODE).
@@ -19,6 +19,7 @@ import re
 import shutil
 import signal
 import socket
+import ssl
 import subprocess
 import sys
 import tempfile
@@ -43,15 +44,18 @@ class Server:
         self.process = subprocess.Popen(
             EMULATOR + [NVQ_HTTPD, "--port", "0", "--root", self.root, "--log-level", "4"] + list(flags),
             stderr=subprocess.PIPE, text=True)
-        self.port = None
+        self.port = self.tls_port = None
+        wants_tls = "--tls-port" in flags
         deadline = time.time() + 10
-        while self.port is None and time.time() < deadline:
+        while (self.port is None or (wants_tls and self.tls_port is None)) and time.time() < deadline:
             line = self.process.stderr.readline()
             if not line:
                 break
-            match = re.search(r"http://localhost:(\d+)/", line)
-            if match:
-                self.port = int(match.group(1))
+            match = re.search(r"(https?)://localhost:(\d+)/", line)
+            if match and match.group(1) == "http":
+                self.port = int(match.group(2))
+            elif match:
+                self.tls_port = int(match.group(2))
         if self.port is None:
             self.process.kill()
             raise RuntimeError("nvq-httpd did not report its port")
@@ -417,12 +421,11 @@ def find_chromium():
     return None
 
 
-def dump_dom(browser, profile, url):
+def dump_dom(browser, profile, url, *flags):
     command = [browser, "--headless", "--no-sandbox", "--disable-gpu", "--disable-quic", "--no-first-run",
                "--disable-background-networking", "--disable-component-update", "--disable-sync",
-               "--disable-dev-shm-usage", "--user-data-dir=" + profile, "--virtual-time-budget=5000",
-               "--dump-dom", url]
-    result = subprocess.run(command, capture_output=True, text=True, timeout=120, check=False)
+               "--disable-dev-shm-usage", "--user-data-dir=" + profile, "--virtual-time-budget=5000"] + list(flags)
+    result = subprocess.run(command + ["--dump-dom", url], capture_output=True, text=True, timeout=120, check=False)
     return result.stdout
 
 
@@ -681,9 +684,144 @@ class SigtermTest(unittest.TestCase):
         self.assertIn(str(port), result.stderr)
 
 
+def make_certificates(directory):
+    """A test CA and two certificates it signed for localhost, named first and second."""
+    def new(name, *args):
+        subprocess.run(["openssl", "req", "-newkey", "ec", "-pkeyopt", "ec_paramgen_curve:prime256v1", "-nodes",
+                        "-keyout", name + ".key", "-subj", "/CN=" + name] + list(args),
+                       cwd=directory, check=True, capture_output=True)
+    new("ca", "-x509", "-days", "2", "-out", "ca.pem")
+    with open(os.path.join(directory, "ext"), "w") as f:
+        f.write("subjectAltName=DNS:localhost,IP:127.0.0.1\n")
+    for name in ("first", "second"):
+        new(name, "-out", name + ".csr")
+        subprocess.run(["openssl", "x509", "-req", "-in", name + ".csr", "-CA", "ca.pem", "-CAkey", "ca.key",
+                        "-CAcreateserial", "-days", "2", "-extfile", "ext", "-out", name + ".pem"],
+                       cwd=directory, check=True, capture_output=True)
+
+
+class TlsTest(unittest.TestCase):
+    """HTTPS next to plain HTTP, with the test CA's certificate."""
+
+    def setUp(self):
+        self.certs = tempfile.mkdtemp(prefix="nvq-e2e-tls-")
+        make_certificates(self.certs)
+        self.cert, self.key = os.path.join(self.certs, "cert.pem"), os.path.join(self.certs, "key.pem")
+        self.use("first")
+        self.ca = os.path.join(self.certs, "ca.pem")
+        self.server = Server({"big.bin": BIG, "small.txt": SMALL},
+                             ["--tls-cert", self.cert, "--tls-key", self.key, "--tls-port", "0"])
+        self.context = ssl.create_default_context(cafile=self.ca)
+        self.context.set_alpn_protocols(["h2", "http/1.1"])
+
+    def tearDown(self):
+        self.assertEqual(0, self.server.stop())
+        shutil.rmtree(self.certs, ignore_errors=True)
+
+    def use(self, name):
+        shutil.copy(os.path.join(self.certs, name + ".pem"), self.cert)
+        shutil.copy(os.path.join(self.certs, name + ".key"), self.key)
+
+    def url(self, path):
+        return "https://localhost:%d%s" % (self.server.tls_port, path)
+
+    def connect(self):
+        return http.client.HTTPSConnection("localhost", self.server.tls_port, timeout=30, context=self.context)
+
+    def test_curl_with_the_test_ca(self):
+        self.assertEqual(SMALL, curl("--cacert", self.ca, self.url("/small.txt")).stdout)
+        big = curl("--cacert", self.ca, self.url("/big.bin")).stdout
+        self.assertEqual(hashlib.sha256(BIG).hexdigest(), hashlib.sha256(big).hexdigest())
+        result = curl("--cacert", self.ca, "--output", "/dev/null", "--write-out", "%{http_code}",
+                      self.url("/missing.html"))
+        self.assertEqual(b"404", result.stdout)
+        # Without the CA the certificate is refused; plain HTTP goes on beside.
+        self.assertNotEqual(0, curl(self.url("/small.txt")).returncode)
+        self.assertEqual(SMALL, curl(self.server.url("/small.txt")).stdout)
+
+    def test_answers_over_tls_are_the_bytes_of_plain_http(self):
+        def answer(sock, to_close):
+            data = b""
+            while True:
+                if not to_close and b"\r\n\r\n" in data:
+                    head, _, body = data.partition(b"\r\n\r\n")
+                    length = re.search(rb"Content-Length: *(\d+)", head)
+                    if len(body) >= int(length.group(1) if length else 0):
+                        return data
+                piece = sock.recv(65536)
+                if not piece:
+                    return data
+                data += piece
+
+        plain = socket.create_connection(("127.0.0.1", self.server.port), timeout=30)
+        secure = self.context.wrap_socket(socket.create_connection(("127.0.0.1", self.server.tls_port), timeout=30),
+                                          server_hostname="localhost")
+        self.assertEqual("http/1.1", secure.selected_alpn_protocol())
+        cases = [("small file", "/small.txt", b"", False), ("kept alive", "/small.txt", b"", False),
+                 ("request of several TLS records", "/small.txt", b"X-Pad: " + b"p" * 300000 + b"\r\n", False),
+                 ("404 page", "/missing", b"", False), ("streamed file", "/big.bin", b"", True)]
+        for name, path, extra, to_close in cases:
+            request = b"GET " + path.encode() + b" HTTP/1.1\r\nHost: x\r\n" + extra + b"\r\n"
+            plain.sendall(request)
+            secure.sendall(request)
+            expected = answer(plain, to_close)
+            self.assertTrue(expected.startswith(b"HTTP/1.1 "), name)
+            self.assertEqual(expected, answer(secure, to_close), name)
+        self.assertTrue(expected.endswith(BIG))
+        plain.close()
+        secure.close()
+
+    def test_sighup_renews_the_certificate_while_a_client_stays_connected(self):
+        held = self.connect()
+        held.request("GET", "/small.txt")
+        held.getresponse().read()
+        self.assertIn((("commonName", "first"),), held.sock.getpeercert()["subject"])
+        self.use("second")
+        self.server.process.send_signal(signal.SIGHUP)
+        deadline = time.time() + 10
+        while not any("certificate reloaded" in line for line in self.server.log) and time.time() < deadline:
+            time.sleep(0.05)
+        fresh = self.connect()
+        fresh.request("GET", "/small.txt")
+        self.assertEqual(SMALL, fresh.getresponse().read())
+        self.assertIn((("commonName", "second"),), fresh.sock.getpeercert()["subject"])
+        # Reloads racing handshakes on the loops: every newcomer is served.
+        answers = []
+
+        def newcomers():
+            for _ in range(20):
+                connection = self.connect()
+                connection.request("GET", "/small.txt")
+                answers.append(connection.getresponse().read())
+                connection.close()
+        clients = threading.Thread(target=newcomers)
+        clients.start()
+        for _ in range(10):
+            self.server.process.send_signal(signal.SIGHUP)
+            time.sleep(0.02)
+        clients.join()
+        self.assertEqual([SMALL] * 20, answers)
+        held.request("GET", "/small.txt")
+        self.assertEqual(SMALL, held.getresponse().read())
+        fresh.close()
+        held.close()
+
+    def test_chromium_loads_the_page_over_https(self):
+        browser = find_chromium()
+        if browser is None:
+            self.skipTest("Chromium is not installed")
+        profile = tempfile.mkdtemp(prefix="nvq-chromium-")
+        dom = dump_dom(browser, profile, self.url("/index.html"), "--ignore-certificate-errors")
+        shutil.rmtree(profile, ignore_errors=True)
+        self.assertIn("script: ran", dom)
+        self.assertIn("stylesheet: applied", dom)
+        self.assertIn("image: loaded 96px", dom)
+
+
 GROUPS = {"curl": CurlTest, "http_client": HttpClientTest, "chromium": ChromiumTest, "sigterm": SigtermTest,
           "cap": CapTest, "web": WebTest, "web_chromium": WebChromiumTest,
-          "web_nginx": WebNginxTest, "websocket": WebSocketTest, "wsidle": WsIdleTest}
+          "web_nginx": WebNginxTest, "websocket": WebSocketTest, "wsidle": WsIdleTest,
+          "tls": TlsTest}
 
 
 def main():
@@ -695,6 +833,9 @@ def main():
     EMULATOR = sys.argv[4:]
     if group == "curl" and not shutil.which("curl"):
         print("SKIPPED: curl is not installed")
+        return SKIPPED
+    if group == "tls" and not (shutil.which("openssl") and shutil.which("curl")):
+        print("SKIPPED: the openssl command or curl is not installed")
         return SKIPPED
     if group.startswith("web") and not shutil.which("curl"):
         print("SKIPPED: curl is not installed")

@@ -22,3 +22,7 @@ if(NVQ_CROSS_QEMU)
   # The target's dynamic loader and libraries come from the sysroot.
   set(CMAKE_CROSSCOMPILING_EMULATOR ${CMAKE_CURRENT_LIST_DIR}/qemu-run.sh ${NVQ_CROSS_QEMU} /usr/${NVQ_CROSS_TRIPLE})
 endif()
+
+# pkg-config (used by find_package(OpenSSL)) answers for the target alone:
+# its multiarch .pc files, never the build machine's libraries.
+set(ENV{PKG_CONFIG_LIBDIR} "/usr/lib/${NVQ_CROSS_TRIPLE}/pkgconfig:/usr/share/pkgconfig")

@@ -16,10 +16,11 @@ inherit cmake
 EXTRA_OECMAKE = "-DCMAKE_BUILD_TYPE=Release -DNVQ_BUILD_TESTS=OFF -DNVQ_DEMO_ROOT=${datadir}/nvq-http/www"
 
 # Each optional feature of the library (TLS, uploads, WebSocket) gets a
-# PACKAGECONFIG here, e.g.
-#   PACKAGECONFIG[tls] = "-DNVQ_WITH_TLS=ON,-DNVQ_WITH_TLS=OFF,openssl"
+# PACKAGECONFIG here. HTTPS: PACKAGECONFIG:append = " tls" in a bbappend or
+# local.conf (OpenSSL 3 is then a dependency).
 PACKAGECONFIG ??= "demo"
 PACKAGECONFIG[demo] = "-DNVQ_BUILD_DEMO=ON,-DNVQ_BUILD_DEMO=OFF"
+PACKAGECONFIG[tls] = "-DNVQ_WITH_TLS=ON,-DNVQ_WITH_TLS=OFF,openssl"
 
 # 64-bit atomics need libatomic on these 32-bit architectures.
 LDFLAGS:append:mipsarch = " -latomic"

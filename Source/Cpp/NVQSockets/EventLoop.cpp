@@ -2,6 +2,7 @@
 
 #include "SocketConnection.h"
 #include "SocketServerCore.h"
+#include "SocketTransport.h"
 
 #include "KZF_Utilities/Linux/Logger.h"
 
@@ -298,7 +299,7 @@ void CEventLoop::HandleBatch(int64_t now)
             RunTasks(now);
         } else if (ptr >= m_pListenFds && ptr < m_pListenFds + m_listenCount) {
             if (!m_stopping)
-                Accept(*static_cast<const int *>(ptr), now);
+                Accept(static_cast<int>(static_cast<const int *>(ptr) - m_pListenFds), now);
         } else {
             CSocketConnection &connection = *static_cast<CSocketConnection *>(ptr);
             if (connection.m_finished)
@@ -379,8 +380,10 @@ void CEventLoop::Handle(CSocketConnection &connection, int64_t now)
     connection.ReleaseRef();
 }
 
-void CEventLoop::Accept(int listenFd, int64_t now)
+void CEventLoop::Accept(int listenIndex, int64_t now)
 {
+    const int listenFd = m_pListenFds[listenIndex];
+    const bool tls = m_core.IsTlsListener(listenIndex);
     for (int burst = 0; burst < c_acceptBurst && t_pOwnedLoop == this; ++burst) {
         struct sockaddr_storage remote;
         socklen_t remoteLength = sizeof(remote);
@@ -403,8 +406,15 @@ void CEventLoop::Accept(int listenFd, int64_t now)
             continue;
         }
         // TCP_NODELAY comes from the listening socket.
+        CSocketTransport *transport = nullptr;
+        if (tls && (transport = m_core.NewTlsTransport(fd)) == nullptr) {
+            ::close(fd);
+            continue;
+        }
         CSocketConnection *connection =
             new CSocketConnection(*this, fd, reinterpret_cast<struct sockaddr *>(&remote), remoteLength);
+        if (transport != nullptr)
+            connection->SetTransport(transport);
         connection->AddRef(); // the list's reference
         Link(*connection);
         struct epoll_event event;

@@ -88,7 +88,8 @@ class CEventLoop
     void RunTasks(int64_t now);
     void HandleBatch(int64_t now);
     bool WatchListeners(bool watch);
-    void Accept(int listenFd, int64_t now);
+    // listenIndex: of the listening sockets given to Open.
+    void Accept(int listenIndex, int64_t now);
     bool Admit(int64_t now);
     // Service, then settle or finish; a thread that lost the loop hands the
     // connection back instead.

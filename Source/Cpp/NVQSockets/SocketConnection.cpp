@@ -463,9 +463,17 @@ void CSocketConnection::Fail()
     DeliverConnectionClosed();
 }
 
+bool CSocketConnection::IsSecure() const
+{
+    return m_pTransport->IsSecure();
+}
+
 void CSocketConnection::OnEvents(uint32_t events)
 {
     if (events & EPOLLIN)
+        m_readable = true;
+    // A handshake that stopped for room in the socket goes on now.
+    if ((events & EPOLLOUT) && m_pTransport->IsReadWaitingForOutput())
         m_readable = true;
     if (events & EPOLLRDHUP) {
         m_readable = true;
@@ -568,6 +576,9 @@ bool CSocketConnection::Settle(int64_t now, int idleTimeoutMs, int requestTimeou
         wait = eWaitLinger;
     } else if (!m_queue.IsEmpty()) {
         wait = eWaitSending;
+    } else if (m_pTransport->IsHandshaking()) {
+        // A peer that stalls its handshake is a slow request.
+        wait = eWaitRequest;
     } else if (m_receivingBody) {
         // A long body: the request timeout counts from the last byte read.
         wait = eWaitRequest;
@@ -779,8 +790,12 @@ void CSocketConnection::CloseSocket()
 {
     m_queue.Clear();
     const int fd = m_fd.exchange(-1);
-    if (fd >= 0)
-        ::close(fd);
+    if (fd < 0)
+        return;
+    // An orderly end, not after a failure nor to a peer that has gone.
+    if (!IsBroken() && !m_peerClosed && !m_hangUp)
+        m_pTransport->EndSession(fd);
+    ::close(fd);
 }
 
 } // namespace NVQ

@@ -52,9 +52,14 @@ class CSocketConnection : public INVQDataLayer
     size_t GetPendingOutput() const override;
     void NotifyWhenWritable() override;
     const INVQConnectionAddress *GetRemoteAddress() const override { return &m_remoteAddress; }
+    bool IsSecure() const override;
     void RegisterNotification(INVQDataLayerNotification &notification) override;
     void UnregisterNotification(INVQDataLayerNotification &notification) override;
     void Close() override;
+
+    // Replaces the plain byte path before the connection is served; the
+    // connection releases it.
+    void SetTransport(CSocketTransport *transport) { m_pTransport = transport; }
 
     int GetFd() const { return m_fd.load(std::memory_order_acquire); }
     CEventLoop &GetLoop() const { return m_loop; }

@@ -2,6 +2,9 @@
 
 #include "EventLoop.h"
 #include "SocketConnection.h"
+#ifdef NVQ_WITH_TLS
+#include "TlsContext.h"
+#endif
 
 #include "NVQSockets/Linux/SocketServerLayer.h"
 
@@ -68,9 +71,9 @@ CSocketServerCore::CSocketServerCore(CSocketServerLayer &layer, bool localOnly)
       m_maxConnections(CSocketServerLayer::c_defaultMaxConnections),
       m_maxWorkers(CSocketServerLayer::c_defaultMaxWorkers),
       m_loopCount(CSocketServerLayer::c_defaultLoopCount), m_connectionCount(0), m_layer(layer),
-      m_localOnly(localOnly), m_listenFds{-1, -1}, m_listenCount(0), m_port(0), m_threadCount(0),
-      m_spareCount(0), m_stopThreads(false), m_watchWoken(false), m_drained(0), m_refused(0),
-      m_lastCapLogMs(0)
+      m_localOnly(localOnly), m_listenFds{-1, -1, -1, -1}, m_listenCount(0), m_tlsFirst(0), m_port(0),
+      m_tlsListenPort(0), m_threadCount(0), m_spareCount(0), m_stopThreads(false), m_watchWoken(false),
+      m_drained(0), m_refused(0), m_lastCapLogMs(0)
 {
 }
 
@@ -117,11 +120,11 @@ int CSocketServerCore::OpenListener(int family, int port, int backlog, int &erro
     return fd;
 }
 
-bool CSocketServerCore::Open(int port, int backlog, bool ipv4Only)
+int CSocketServerCore::OpenPort(int port, int backlog, bool ipv4Only, int *fds, int &count)
 {
     if (port < 0 || port > 65535) {
         logFailure("StartServer", __LINE__, "SocketServerLayer : cannot listen on port %d: %s", port, EINVAL);
-        return false;
+        return -1;
     }
     // With port 0 the IPv6 socket must share the port the kernel picked for
     // IPv4, which another program may hold: try a few picks.
@@ -131,36 +134,62 @@ bool CSocketServerCore::Open(int port, int backlog, bool ipv4Only)
         if (v4 < 0) {
             logFailure("StartServer", __LINE__, "SocketServerLayer : cannot listen on port %d: %s", port,
                        error);
-            return false;
+            return -1;
         }
         struct sockaddr_in bound;
         socklen_t length = sizeof(bound);
         ::getsockname(v4, reinterpret_cast<struct sockaddr *>(&bound), &length);
         const int actualPort = ntohs(bound.sin_port);
-        m_listenFds[0] = v4;
-        m_listenCount = 1;
+        fds[0] = v4;
+        count = 1;
         if (!ipv4Only) {
             const int v6 = OpenListener(AF_INET6, actualPort, backlog, error);
             if (v6 >= 0) {
-                m_listenFds[m_listenCount++] = v6;
+                fds[count++] = v6;
             } else if (error == EADDRINUSE) {
                 ::close(v4);
-                m_listenCount = 0;
+                count = 0;
                 if (port == 0)
                     continue;
                 logFailure("StartServer", __LINE__, "SocketServerLayer : cannot listen on port %d (IPv6): %s",
                            port, error);
-                return false;
+                return -1;
             }
             // Otherwise the machine has no IPv6: IPv4 alone serves.
         }
-        m_port = actualPort;
-        break;
+        return actualPort;
     }
-    if (m_listenCount == 0) {
-        logFailure("StartServer", __LINE__, "SocketServerLayer : cannot listen on port %d: %s", port,
-                   EADDRINUSE);
+    logFailure("StartServer", __LINE__, "SocketServerLayer : cannot listen on port %d: %s", port, EADDRINUSE);
+    return -1;
+}
+
+bool CSocketServerCore::Open(int port, int backlog, bool ipv4Only)
+{
+    const bool tls = HasTlsCertificate();
+    const int tlsPort = m_tlsPort.load();
+    if (!tls && tlsPort >= 0) {
+        logFailure("StartServer", __LINE__, "SocketServerLayer : no certificate for the TLS port %d: %s",
+                   tlsPort, ENOENT);
         return false;
+    }
+    int count = 0;
+    const int actualPort = OpenPort(port, backlog, ipv4Only, m_listenFds, count);
+    if (actualPort < 0)
+        return false;
+    m_listenCount = count;
+    m_port = actualPort;
+    // With a certificate: HTTPS alone on the one port, or plain HTTP there
+    // and HTTPS on the second.
+    m_tlsFirst = tls && tlsPort < 0 ? 0 : count;
+    m_tlsListenPort = tls && tlsPort < 0 ? actualPort : 0;
+    if (tls && tlsPort >= 0) {
+        const int actualTlsPort = OpenPort(tlsPort, backlog, ipv4Only, m_listenFds + m_listenCount, count);
+        if (actualTlsPort < 0) {
+            Close();
+            return false;
+        }
+        m_listenCount += count;
+        m_tlsListenPort = actualTlsPort;
     }
 
     int loops = m_loopCount.load();
@@ -226,7 +255,9 @@ void CSocketServerCore::Close()
     for (int i = 0; i < m_listenCount; ++i)
         ::close(m_listenFds[i]);
     m_listenCount = 0;
+    m_tlsFirst = 0;
     m_port = 0;
+    m_tlsListenPort = 0;
 }
 
 bool CSocketServerCore::SpawnThread(CEventLoop *loop)
@@ -433,6 +464,46 @@ void CSocketServerCore::CountAtCap(bool admitted)
                           "SocketServerLayer : at the cap of %d connections: closed %d idle ones to admit "
                           "newcomers, refused %d",
                           m_maxConnections.load(), drained, refused);
+}
+
+bool CSocketServerCore::SetTlsCertificate(const std::string &certificateChain, const std::string &privateKey,
+                                          bool fromFiles)
+{
+#ifdef NVQ_WITH_TLS
+    std::string error;
+    if (m_tls.Load(certificateChain, privateKey, fromFiles, error))
+        return true;
+    KZF::CLogger::GetInstance().LogMessage(1, __FILE__, __LINE__, "SetTlsCertificate",
+                                           KZF::CLogger::c_noneObjPtr, "SocketServerLayer : %s",
+                                           error.c_str());
+#else
+    (void)certificateChain;
+    (void)privateKey;
+    (void)fromFiles;
+    KZF::CLogger::GetInstance().LogMessage(1, __FILE__, __LINE__, "SetTlsCertificate",
+                                           KZF::CLogger::c_noneObjPtr,
+                                           "SocketServerLayer : built without TLS (NVQ_WITH_TLS off)");
+#endif
+    return false;
+}
+
+bool CSocketServerCore::HasTlsCertificate() const
+{
+#ifdef NVQ_WITH_TLS
+    return m_tls.IsLoaded();
+#else
+    return false;
+#endif
+}
+
+CSocketTransport *CSocketServerCore::NewTlsTransport(int fd)
+{
+#ifdef NVQ_WITH_TLS
+    return m_tls.NewTransport(fd);
+#else
+    (void)fd;
+    return nullptr;
+#endif
 }
 
 void CSocketServerCore::LogAcceptFailure(int error)

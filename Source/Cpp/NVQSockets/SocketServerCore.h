@@ -10,7 +10,12 @@
 #include <memory>
 #include <mutex>
 #include <pthread.h>
+#include <string>
 #include <vector>
+
+#ifdef NVQ_WITH_TLS
+#include "TlsContext.h"
+#endif
 
 namespace NVQ
 {
@@ -18,6 +23,7 @@ namespace NVQ
 class CEventLoop;
 class CSocketConnection;
 class CSocketServerLayer;
+class CSocketTransport;
 class INVQConnectionAddress;
 
 // The workings of CSocketServerLayer: the listening sockets, the event loops,
@@ -41,6 +47,18 @@ class CSocketServerCore
     // releases the loops and listeners (stopping the loops first if needed).
     void Close();
     int GetPort() const { return m_port.load(); }
+    int GetTlsPort() const { return m_tlsListenPort.load(); }
+
+    // TLS: the certificate in use (replaced at any time) and, for a
+    // listener that serves TLS, the transport of an accepted socket (null
+    // when TLS cannot be had).
+    bool SetTlsCertificate(const std::string &certificateChain, const std::string &privateKey,
+                           bool fromFiles);
+    bool HasTlsCertificate() const;
+    bool IsTlsListener(int index) const { return index >= m_tlsFirst; }
+    CSocketTransport *NewTlsTransport(int fd);
+    // -1: TLS on the main port (when a certificate is set); else its own port.
+    std::atomic<int> m_tlsPort{-1};
 
     // The layer's own thread.
     void RunWatchdog();
@@ -79,6 +97,9 @@ class CSocketServerCore
     };
 
     int OpenListener(int family, int port, int backlog, int &error);
+    // IPv4 and (unless ipv4Only) IPv6 listeners on one port into fds;
+    // returns the port, -1 when it cannot be had.
+    int OpenPort(int port, int backlog, bool ipv4Only, int *fds, int &count);
     bool SpawnThread(CEventLoop *loop);
     static void *ThreadMain(void *self);
     void ThreadLoop(SThread &self);
@@ -87,9 +108,15 @@ class CSocketServerCore
     CSocketServerLayer &m_layer;
     const bool m_localOnly;
 
-    int m_listenFds[2];
+    // Plain listeners first, then from m_tlsFirst on those that serve TLS.
+    int m_listenFds[4];
     int m_listenCount;
+    int m_tlsFirst;
     std::atomic<int> m_port;
+    std::atomic<int> m_tlsListenPort;
+#ifdef NVQ_WITH_TLS
+    CTlsContext m_tls;
+#endif
     std::vector<std::unique_ptr<CEventLoop>> m_loops;
 
     std::mutex m_threadMutex;

@@ -120,6 +120,28 @@ int CSocketServerLayer::GetLoopCount() const
 {
     return m_pCore->m_loopCount;
 }
+bool CSocketServerLayer::SetTlsCertificate(const std::string &certificateChain, const std::string &privateKey,
+                                           bool fromFiles)
+{
+    return m_pCore->SetTlsCertificate(certificateChain, privateKey, fromFiles);
+}
+void CSocketServerLayer::SetTlsPort(int port)
+{
+    m_pCore->m_tlsPort = std::max(-1, port);
+}
+int CSocketServerLayer::GetTlsPort() const
+{
+    return IsServerStarted() ? m_pCore->GetTlsPort() : 0;
+}
+bool CSocketServerLayer::IsTlsAvailable()
+{
+#ifdef NVQ_WITH_TLS
+    return true;
+#else
+    return false;
+#endif
+}
+
 int CSocketServerLayer::GetConnectionCount() const
 {
     return m_pCore->m_connectionCount.load();

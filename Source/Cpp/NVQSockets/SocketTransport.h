@@ -30,6 +30,18 @@ class CSocketTransport
     virtual bool HasBufferedInput() const { return false; }
     // Ends the sending direction after everything written.
     virtual void ShutdownWrite(int fd);
+    // The server closes a connection in good order (the encrypting
+    // transport says goodbye in its own protocol); not after a failure.
+    virtual void EndSession(int fd) { (void)fd; }
+    // Bytes travel encrypted.
+    virtual bool IsSecure() const { return false; }
+    // The transport is still setting itself up with the peer (a handshake):
+    // the connection waits as inside a request, with its time limit.
+    virtual bool IsHandshaking() const { return false; }
+    // The last Read stopped because the transport must write before it can
+    // read on (a handshake message the socket had no room for): the socket
+    // turning writable is news for the reading side.
+    virtual bool IsReadWaitingForOutput() const { return false; }
     // Released when the connection no longer needs it; the shared plain
     // transport ignores this.
     virtual void Release() {}

@@ -72,6 +72,13 @@ const char c_usage[] =
 #endif
     "  --help             this text\n";
 
+// Listed only when the library was built with TLS (scripts look for them).
+const char c_tlsUsage[] = "  --tls-cert FILE    HTTPS with this PEM certificate chain (leaf first); SIGHUP\n"
+                          "                     reads it and the key again\n"
+                          "  --tls-key FILE     the PEM private key of --tls-cert\n"
+                          "  --tls-port N       HTTPS on this port, plain HTTP stays on --port (default:\n"
+                          "                     with --tls-cert, --port serves HTTPS only)\n";
+
 struct SSettings {
     int m_port = 7070;
     std::string m_root = NVQ_DEFAULT_ROOT;
@@ -84,6 +91,9 @@ struct SSettings {
     std::string m_authFile;
     bool m_authBasic = false;
     bool m_wsEcho = false;
+    std::string m_tlsCert;
+    std::string m_tlsKey;
+    int m_tlsPort = -1;
 };
 
 bool readInt(const char *text, int low, int high, int &value)
@@ -125,6 +135,9 @@ int parseArguments(int argc, char **argv, SSettings &settings)
 #if NVQ_WITH_WEBSOCKET
         {"--ws-echo", &settings.m_wsEcho, nullptr, 0, 0, nullptr},
 #endif
+        {"--tls-cert", nullptr, nullptr, 0, 0, &settings.m_tlsCert},
+        {"--tls-key", nullptr, nullptr, 0, 0, &settings.m_tlsKey},
+        {"--tls-port", nullptr, &settings.m_tlsPort, 0, 65535, nullptr},
     };
     for (int i = 1; i < argc; ++i) {
         const std::string name = argv[i];
@@ -283,11 +296,19 @@ int main(int argc, char **argv)
     SSettings settings;
     const int parsed = parseArguments(argc, argv, settings);
     if (parsed != 0) {
-        if (parsed > 0)
+        if (parsed > 0) {
             std::fputs(c_usage, stdout);
+            if (NVQ::CSocketServerLayer::IsTlsAvailable())
+                std::fputs(c_tlsUsage, stdout);
+        }
         return parsed > 0 ? 0 : 2;
     }
     settings.m_strict = settings.m_strict || settings.m_web;
+    if (settings.m_tlsCert.empty() != settings.m_tlsKey.empty() ||
+        (settings.m_tlsPort >= 0 && settings.m_tlsCert.empty())) {
+        std::fprintf(stderr, "nvq-httpd: --tls-cert and --tls-key go together (and --tls-port needs them)\n");
+        return 2;
+    }
     if (!KZF::CSysUtils::DirectoryExists(settings.m_root)) {
         std::fprintf(stderr, "nvq-httpd: '%s' is not a directory\n", settings.m_root.c_str());
         return 2;
@@ -307,11 +328,12 @@ int main(int argc, char **argv)
 
     // Every thread the server starts inherits this mask, so the signals reach
     // only sigwait below.
-    sigset_t stopSignals;
-    sigemptyset(&stopSignals);
-    sigaddset(&stopSignals, SIGINT);
-    sigaddset(&stopSignals, SIGTERM);
-    pthread_sigmask(SIG_BLOCK, &stopSignals, nullptr);
+    sigset_t signals;
+    sigemptyset(&signals);
+    sigaddset(&signals, SIGINT);
+    sigaddset(&signals, SIGTERM);
+    sigaddset(&signals, SIGHUP);
+    pthread_sigmask(SIG_BLOCK, &signals, nullptr);
     std::signal(SIGPIPE, SIG_IGN);
 
     KZF::CLogger &logger = KZF::CLogger::GetInstance();
@@ -374,7 +396,13 @@ int main(int argc, char **argv)
     options.m_keepAfterStream = settings.m_web;
     CStartFailureDevice startFailure;
     logger.AddOutputDevice(&startFailure);
-    const bool started = usersLoaded && server->StartServer(options);
+    const bool tls = !settings.m_tlsCert.empty();
+    bool started = true;
+    if (tls) {
+        started = server->SetTlsCertificate(settings.m_tlsCert, settings.m_tlsKey, true);
+        server->SetTlsPort(settings.m_tlsPort);
+    }
+    started = started && usersLoaded && server->StartServer(options);
     logger.RemoveOutputDevice(&startFailure);
 
     int exitCode = 0;
@@ -389,11 +417,22 @@ int main(int argc, char **argv)
     } else {
         KZF::CStdErrLogDevice echo(settings.m_logLevel);
         logger.AddOutputDevice(&echo);
-        logger.LogMessage(4, __FILE__, __LINE__, "main", KZF::CLogger::c_noneObjPtr,
-                          "nvq-httpd serving %s on http://localhost:%d/ (log on /proxy/log)",
-                          settings.m_root.c_str(), server->GetPort());
+        if (!tls || settings.m_tlsPort >= 0)
+            logger.LogMessage(4, __FILE__, __LINE__, "main", KZF::CLogger::c_noneObjPtr,
+                              "nvq-httpd serving %s on http://localhost:%d/ (log on /proxy/log)",
+                              settings.m_root.c_str(), server->GetPort());
+        if (tls)
+            logger.LogMessage(4, __FILE__, __LINE__, "main", KZF::CLogger::c_noneObjPtr,
+                              "nvq-httpd serving %s on https://localhost:%d/ (log on /proxy/log)",
+                              settings.m_root.c_str(), server->GetTlsPort());
         int signal = 0;
-        sigwait(&stopSignals, &signal);
+        // SIGHUP: a renewed certificate, for the connections that follow (a
+        // failed reload keeps the one in use).
+        while (sigwait(&signals, &signal) == 0 && signal == SIGHUP) {
+            if (tls && server->SetTlsCertificate(settings.m_tlsCert, settings.m_tlsKey, true))
+                logger.LogMessage(4, __FILE__, __LINE__, "main", KZF::CLogger::c_noneObjPtr,
+                                  "nvq-httpd: certificate reloaded from %s", settings.m_tlsCert.c_str());
+        }
         logger.LogMessage(4, __FILE__, __LINE__, "main", KZF::CLogger::c_noneObjPtr,
                           "nvq-httpd stopping (%s)", signal == SIGINT ? "SIGINT" : "SIGTERM");
 #if NVQ_WITH_WEBSOCKET

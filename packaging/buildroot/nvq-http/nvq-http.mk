@@ -20,6 +20,13 @@ else
 NVQ_HTTP_CONF_OPTS += -DNVQ_BUILD_DEMO=OFF
 endif
 
+ifeq ($(BR2_PACKAGE_NVQ_HTTP_TLS),y)
+NVQ_HTTP_DEPENDENCIES += openssl
+NVQ_HTTP_CONF_OPTS += -DNVQ_WITH_TLS=ON
+else
+NVQ_HTTP_CONF_OPTS += -DNVQ_WITH_TLS=OFF
+endif
+
 # 64-bit atomics need libatomic on some 32-bit architectures.
 ifeq ($(BR2_TOOLCHAIN_HAS_LIBATOMIC),y)
 NVQ_HTTP_CONF_OPTS += \

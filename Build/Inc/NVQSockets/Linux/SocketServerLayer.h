@@ -4,6 +4,8 @@
 #include "KZF_Utilities/Linux/Thread.h"
 #include "NVQSockets/Linux/INVQMultiPointLayer.h"
 
+#include <string>
+
 namespace NVQ
 {
 
@@ -87,6 +89,28 @@ class CSocketServerLayer : public CNVQMultiPointLayerBase, public KZF::CThread
     int GetMaxConnections() const;
     int GetMaxWorkers() const;
     int GetLoopCount() const;
+
+    // HTTPS (TLS 1.2 and 1.3). With a certificate set before StartServer the
+    // StartServer port speaks TLS only; after SetTlsPort it stays plain and
+    // the TLS port is listened on as well. Without a certificate nothing
+    // changes.
+
+    // The certificate chain (PEM, leaf first) and its private key (PEM,
+    // unencrypted), as file names (fromFiles) or as the PEM text. Allowed
+    // while serving: connections accepted from then on use the new one,
+    // open ones keep theirs. False, with the reason logged at level 1, when
+    // they cannot be read, do not belong together, or the library was built
+    // without TLS; the certificate in use then stays.
+    bool SetTlsCertificate(const std::string &certificateChain, const std::string &privateKey,
+                           bool fromFiles);
+    // The second port, for HTTPS next to plain HTTP (0: any free one, see
+    // GetTlsPort); -1 (the default): none. Takes effect at the next
+    // StartServer, which fails when no certificate is set.
+    void SetTlsPort(int port);
+    // The port listened on for HTTPS while started; 0 when none.
+    int GetTlsPort() const;
+    // False when the library was built without TLS.
+    static bool IsTlsAvailable();
 
     // Live connections and threads serving them, for monitoring.
     int GetConnectionCount() const;
