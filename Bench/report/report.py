@@ -48,6 +48,11 @@ HTTPS_GOALS = {
     "tls64m": ("nginx", 0.9),
 }
 UPLOAD_FACTOR = 0.9
+# With web-ready file serving (kept connections after large files), 100 KiB
+# keep-alive goes further than the reference's streamed answers.
+WEB_GOALS = {"100k": ("nginx", 1.0)}
+WS_FACTOR = 1.0
+MAX_IDLE_WS_BYTES = 4 * 1024
 # Scenarios judged by bytes per second rather than requests per second.
 THROUGHPUT_SCENARIOS = {"64m", "tls64m"}
 # Scenarios whose requests are each a new TLS connection.
@@ -487,7 +492,8 @@ def goals_for(run, server):
     name = server["name"]
     rows = []
     if "plain" in server["groups"]:
-        for scen_id, (kind, factor) in PLAIN_GOALS.items():
+        goals = dict(PLAIN_GOALS, **(WEB_GOALS if name == "nvq-web" else {}))
+        for scen_id, (kind, factor) in goals.items():
             if scen_id in labels:
                 rows.append(ratio_goal(run, name, scen_id, kind, factor, labels[scen_id]))
         rows.append(idle_goal(run, name, "plain", MAX_IDLE_BYTES, "idle connection"))
@@ -530,7 +536,17 @@ def goals_for(run, server):
                      f"< {fmt_bytes(MAX_BUFFERED_PER_UPLOAD)}", fmt_bytes(buffered),
                      None if buffered is None else buffered < MAX_BUFFERED_PER_UPLOAD))
     if "ws" in server["groups"]:
-        rows.append(("WebSocket echo and idle WebSockets", "no goal set", "see the WebSocket tables", "info"))
+        names = run.phase_servers("ws")
+        for size in run.ws_sizes():
+            values = {n: (run.ws.get((n, size)) or {}).get("mps") for n in names}
+            ref = run.fastest_peer(values)
+            value = values.get(name)
+            target = ref[1] * WS_FACTOR if ref else None
+            rows.append((f"WebSocket echo, {fmt_bytes(size)} messages: at least the fastest peer",
+                         f"≥ {target:,.0f} msg/s ({ref[0]})" if ref else "–",
+                         f"{value:,.0f} msg/s" if value is not None else "–",
+                         None if value is None or target is None else value >= target))
+        rows.append(idle_goal(run, name, "ws", MAX_IDLE_WS_BYTES, "idle WebSocket"))
     return rows
 
 
