@@ -204,8 +204,10 @@ class WsClient:
 
     GUID = b"258EAFA5-E914-47DA-95CA-C5AB0DC85B11"
 
-    def __init__(self, port, path="/ws/echo", headers=""):
+    def __init__(self, port, path="/ws/echo", headers="", context=None):
         self.sock = socket.create_connection(("127.0.0.1", port), timeout=20)
+        if context is not None:  # wss://
+            self.sock = context.wrap_socket(self.sock, server_hostname="localhost")
         self.buffer = b""
         key = base64.b64encode(os.urandom(16))
         self.sock.sendall(b"GET %s HTTP/1.1\r\nHost: x\r\nUpgrade: websocket\r\nConnection: Upgrade\r\n"
@@ -713,7 +715,7 @@ class TlsTest(unittest.TestCase):
         self.use("first")
         self.ca = os.path.join(self.certs, "ca.pem")
         self.server = Server({"big.bin": BIG, "small.txt": SMALL},
-                             ["--tls-cert", self.cert, "--tls-key", self.key, "--tls-port", "0"])
+                             ["--tls-cert", self.cert, "--tls-key", self.key, "--tls-port", "0", "--ws-echo"])
         self.context = ssl.create_default_context(cafile=self.ca)
         self.context.set_alpn_protocols(["h2", "http/1.1"])
 
@@ -730,6 +732,13 @@ class TlsTest(unittest.TestCase):
 
     def connect(self):
         return http.client.HTTPSConnection("localhost", self.server.tls_port, timeout=30, context=self.context)
+
+    def test_websocket_echo_over_tls(self):
+        client = WsClient(self.server.tls_port, context=self.context)
+        self.assertTrue(client.head.startswith("HTTP/1.1 101 Switching Protocols"), client.head)
+        for payload in (b"", b"wss", os.urandom(100000)):
+            client.send(WsClient.frame(2, payload))
+            self.assertEqual((True, 2, payload), client.receive())
 
     def test_curl_with_the_test_ca(self):
         self.assertEqual(SMALL, curl("--cacert", self.ca, self.url("/small.txt")).stdout)
