@@ -74,13 +74,13 @@ int openRegularFile(KZF::tstring &path, struct stat &status)
     return fd;
 }
 
-// Reads up to `size` bytes from the start; the count read (short when the
-// file shrank meanwhile).
-size_t readWhole(int fd, unsigned char *buffer, size_t size)
+// Reads `size` bytes from `offset`; the count read (short when the file
+// shrank meanwhile).
+size_t readAt(int fd, unsigned char *buffer, size_t size, int64_t offset)
 {
     size_t done = 0;
     while (done < size) {
-        const ssize_t n = ::read(fd, buffer + done, size - done);
+        const ssize_t n = ::pread(fd, buffer + done, size - done, static_cast<off_t>(offset + done));
         if (n < 0 && errno == EINTR)
             continue;
         if (n <= 0)
@@ -376,22 +376,6 @@ ERange parseRange(const KZF::tstring &value, int64_t size, int64_t &first, int64
     return eSatisfiable;
 }
 
-// Reads `size` bytes from `offset`; the count read (short when the file
-// shrank meanwhile).
-size_t readAt(int fd, unsigned char *buffer, size_t size, int64_t offset)
-{
-    size_t done = 0;
-    while (done < size) {
-        const ssize_t n = ::pread(fd, buffer + done, size - done, static_cast<off_t>(offset + done));
-        if (n < 0 && errno == EINTR)
-            continue;
-        if (n <= 0)
-            break;
-        done += static_cast<size_t>(n);
-    }
-    return done;
-}
-
 const char c_immutable[] = "public, max-age=31536000, immutable";
 const int64_t c_maxPieceSize = 1 << 30; // a piece's size fits a 32-bit long
 
@@ -511,7 +495,7 @@ KZF::CRefCountPtr<CHTTPResponse> CHTTPDefaultHandler::ProcessRequest(CHTTPReques
     if (size <= c_pieceSize) {
         // One piece: read whole, answered complete, kept for the next time.
         unsigned char buffer[c_pieceSize];
-        const size_t n = readWhole(fd, buffer, static_cast<size_t>(size));
+        const size_t n = readAt(fd, buffer, static_cast<size_t>(size), 0);
         ::close(fd);
         if (n == 0)
             return result; // empty (or emptied): nothing to answer
