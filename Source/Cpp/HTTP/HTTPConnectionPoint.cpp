@@ -121,8 +121,8 @@ CHTTPConnectionPoint::CHTTPConnectionPoint(INVQDataLayer &dataLayer, CHTTPLayer 
       m_connectionID(connectionID), m_isClosed(false), m_exchange(eNoExchange), m_detachAfterExchange(false),
       m_strict(false), m_headOnly(false), m_bodyDecided(false), m_maxHeaderBytes(c_defaultMaxHeaderBytes),
       m_maxBodyBytes(c_defaultMaxBodyBytes), m_pDecidedHandler(nullptr), m_pBodyHandler(nullptr),
-      m_bodyState(eBodyMore), m_chunkedBody(false), m_bodyRemaining(0), m_bodyTaken(0), m_bodyLimit(0),
-      m_consumed(0), m_keepAfterStream(false), m_streamDeclared(-1), m_streamSent(0), m_pCastHandler(nullptr),
+      m_bodyState(eBodyMore), m_chunkedBody(false), m_bodyRemaining(0), m_bodyLimit(0), m_consumed(0),
+      m_keepAfterStream(false), m_streamDeclared(-1), m_streamSent(0), m_pCastHandler(nullptr),
       m_pEndNotification(nullptr), m_pBodyCastHandler(nullptr), m_pBodyCast(nullptr), m_secure(false)
 {
     m_pDataLayer->RegisterNotification(*this);
@@ -420,7 +420,6 @@ void CHTTPConnectionPoint::StartBody(CHTTPRequest &request, bool complete)
     m_exchange = eRunning;
     m_request = &request;
     m_bodyState = eBodyMore;
-    m_bodyTaken = 0;
     if (complete) {
         // It all came with the header block, decoded by the parser already.
         const long size = request.GetBodySize();
@@ -521,7 +520,6 @@ int CHTTPConnectionPoint::FeedBody(const unsigned char *data, int size)
                 m_bodyState = eBodyDone;
         }
         if (pieceSize > 0) {
-            m_bodyTaken += pieceSize;
             // A refusal of the last piece still fails the body.
             if (!m_pBodyHandler->OnRequestBodyData(piece, pieceSize, m_connectionID))
                 m_bodyState = eBodyStopped;

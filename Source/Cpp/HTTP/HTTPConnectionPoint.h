@@ -157,8 +157,7 @@ class CHTTPConnectionPoint : private INVQDataLayerNotification, public KZF::CRef
     int m_bodyState;
     bool m_chunkedBody;
     uint64_t m_bodyRemaining; // with a Content-Length
-    uint64_t m_bodyTaken;
-    uint64_t m_bodyLimit; // 0: none
+    uint64_t m_bodyLimit;     // 0: none
     CHTTPChunkedDecoder m_chunkDecoder;
     int m_consumed; // strict: bytes of the buffered request; the rest is the next one
     bool m_keepAfterStream;
