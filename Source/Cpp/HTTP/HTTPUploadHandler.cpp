@@ -23,6 +23,7 @@ namespace
 
 const size_t c_maxNameBytes = 255; // NAME_MAX of the usual file systems
 const mode_t c_fileMode = 0644;
+const uint64_t c_writeBehindBytes = 4 << 20; // how far writes run ahead of the disk
 
 bool isUploadMethod(const KZF::tstring &method)
 {
@@ -163,7 +164,7 @@ class CHTTPUploadHandler::CUpload : public IHTTPMultipartSink
 {
   public:
     explicit CUpload(const SOptions &options)
-        : m_options(options), m_dirFd(-1), m_fd(-1), m_status(0), m_committed(false)
+        : m_options(options), m_dirFd(-1), m_fd(-1), m_writeBehindFrom(0), m_status(0), m_committed(false)
     {
     }
     ~CUpload() override
@@ -203,7 +204,8 @@ class CHTTPUploadHandler::CUpload : public IHTTPMultipartSink
 
     const SOptions &m_options;
     int m_dirFd;
-    int m_fd; // the file being written; -1 while a part is skipped
+    int m_fd;                   // the file being written; -1 while a part is skipped
+    uint64_t m_writeBehindFrom; // first byte of m_fd not yet handed to writeback
     std::unique_ptr<CHTTPMultipartParser> m_pParser;
     std::vector<SFile> m_files;
     int m_status; // 0 while going, 200 when stored, else the refusal
@@ -333,6 +335,7 @@ bool CHTTPUploadHandler::CUpload::OpenFile(const std::string &name)
         m_files.pop_back();
         return FailErrno("cannot create file");
     }
+    m_writeBehindFrom = 0;
     return true;
 }
 
@@ -350,6 +353,14 @@ bool CHTTPUploadHandler::CUpload::Write(const unsigned char *data, size_t size)
             return FailErrno("write failed");
         data += n;
         size -= static_cast<size_t>(n);
+    }
+    // Writeback starts while the body still arrives, so the sync before the
+    // rename waits for the last few megabytes instead of the whole file and
+    // the page cache never holds a whole firmware image dirty.
+    if (file.m_size - m_writeBehindFrom >= c_writeBehindBytes) {
+        ::sync_file_range(m_fd, static_cast<off64_t>(m_writeBehindFrom),
+                          static_cast<off64_t>(file.m_size - m_writeBehindFrom), SYNC_FILE_RANGE_WRITE);
+        m_writeBehindFrom = file.m_size;
     }
     return true;
 }
