@@ -58,11 +58,14 @@ cd "$REPO"
 # slow readers, idle connections), https (the HTTPS scenarios and idle TLS
 # connections), upload, ws (WebSocket echo and idle WebSockets), floor
 # (small requests only).
+# nvq-tls runs strict: the reference mode keeps a connection whatever its
+# Connection field says, which would turn the new-connection-per-request
+# scenario into a keep-alive one.
 # ---------------------------------------------------------------------------
 OURS_TABLE='
 nvq        | {nvq}                                                         | plain
 nvq-web    | {nvq} --web                                                   | plain
-nvq-tls    | {nvq} --tls-cert {cert} --tls-key {key} --tls-port {tlsport}  | https
+nvq-tls    | {nvq} --strict --tls-cert {cert} --tls-key {key} --tls-port {tlsport} | https
 nvq-upload | {nvq} --upload-dir {run}/uploads                              | upload
 nvq-ws     | {bin}/nvq_bench_ws --port {port}                              | ws
 '
