@@ -210,6 +210,11 @@ int CHTTPConnectionPoint::ReadWaiting()
     // Read everything waiting, growing the buffer in steps while fewer than
     // 32 bytes are free, but never beyond the bound: the header block's until
     // it has ended, then that and the body's.
+    if (m_receiveBuffer.GetSize() == 0 && !m_receiveBuffer.SetSize(c_initialBufferSize)) {
+        if (!m_isClosed)
+            Detach();
+        return eReadFailed;
+    }
     for (;;) {
         const unsigned long size = m_receiveBuffer.GetSize();
         if (size - static_cast<unsigned long>(m_receivedSize) <
@@ -707,8 +712,16 @@ void CHTTPConnectionPoint::AfterDispatch()
 
 void CHTTPConnectionPoint::UpdateIdle()
 {
-    if (m_pDataLayer != nullptr)
-        m_pDataLayer->SetIdle(m_exchange.load() == eNoExchange && m_receivedSize == 0);
+    if (m_pDataLayer == nullptr)
+        return;
+    const bool idle = m_exchange.load() == eNoExchange && m_receivedSize == 0;
+    m_pDataLayer->SetIdle(idle);
+    // An idle TLS connection already costs OpenSSL's session state; its
+    // receive buffer need not add a kilobyte more while it waits. Next to
+    // the record crypto the allocation per request is lost in the noise,
+    // and plain connections keep their buffer as they always did.
+    if (idle && m_receiveBuffer.GetSize() != 0 && m_pDataLayer->IsSecure())
+        m_receiveBuffer.SetSize(0);
 }
 
 void CHTTPConnectionPoint::OnConnectionClosed(INVQDataLayer &connection)
