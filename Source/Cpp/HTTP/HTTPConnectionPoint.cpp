@@ -3,7 +3,6 @@
 #include "HTTP/HTTPLayer.h"
 #include "HTTP/IHTTPExchangeEndNotification.h"
 #include "KZF_Base/Linux/KzfAssert.h"
-#include "NVQSockets/Linux/INVQConnectionAddress.h"
 
 #include <algorithm>
 #include <climits>
@@ -16,69 +15,11 @@ namespace NVQ
 namespace
 {
 
-const char c_statusLineStart[] = "HTTP/1.1 ";
-const char c_lineEnd[] = "\r\n";
-const char c_contentTypeStart[] = "Content-Type: ";
-const char c_contentLengthStart[] = "Content-Length: ";
-const char c_fieldSeparator[] = ": ";
-
-// No single write carries more data than this.
-const long c_maxSliceSize = 16777216;
-// Data from this size on is handed to the connection without a copy (the
-// response itself keeps it alive while it waits for the peer).
-const long c_heldDataSize = 16384;
-
-const char c_continue[] = "HTTP/1.1 100 Continue\r\n\r\n";
-
-// A body taken in pieces is read in helpings of this size, and at most this
-// many of them per notification: one upload neither holds much memory nor
-// keeps its loop from the other connections.
-const unsigned long c_bodyPieceSize = 65536;
-const int c_bodyHelpings = 16;
-
 enum EReadResult { eReadDrained, eReadHeaderEnd, eReadOverBound, eReadFailed };
 
 const unsigned long c_initialBufferSize = 1024;
 const unsigned long c_bufferGrowth = 512;
 const int c_minimumFreeSpace = 32;
-
-// The decimal digits of `value` and one space, as "%ld " would print them,
-// without the cost of printf on every answer. `out` has room for 22 bytes.
-size_t formatNumber(char *out, long value)
-{
-    char digits[24];
-    size_t count = 0;
-    unsigned long magnitude =
-        value < 0 ? 0UL - static_cast<unsigned long>(value) : static_cast<unsigned long>(value);
-    do {
-        digits[count++] = static_cast<char>('0' + magnitude % 10);
-        magnitude /= 10;
-    } while (magnitude != 0);
-    size_t length = 0;
-    if (value < 0)
-        out[length++] = '-';
-    while (count > 0)
-        out[length++] = digits[--count];
-    out[length++] = ' ';
-    return length;
-}
-
-// The value of a "Content-Length" field of a handler's own: digits only (18
-// at most, so no sum overflows); -1 for anything else.
-int64_t declaredLength(const CHTTPResponse &response)
-{
-    const CKeyValueMap &fields = response.GetAdditionalHeaders();
-    const CKeyValueMap::const_iterator it = fields.find("Content-Length");
-    if (it == fields.end() || it->second.empty() || it->second.size() > 18)
-        return -1;
-    int64_t value = 0;
-    for (const char c : it->second) {
-        if (c < '0' || c > '9')
-            return -1;
-        value = value * 10 + (c - '0');
-    }
-    return value;
-}
 
 } // namespace
 
@@ -320,90 +261,6 @@ void CHTTPConnectionPoint::Refuse(int status)
     ReleaseRef();
 }
 
-bool CHTTPConnectionPoint::DecideBody(bool complete)
-{
-    m_bodyDecided = true;
-    const KZF::CRefCountPtr<CHTTPRequest> request = m_parser.GetRequest();
-    if (request.IsNull())
-        return true;
-    if (m_strict)
-        TakeConnectionOptions(*request);
-    // Who asks, for handlers that keep strangers out: made once per
-    // connection, copied into each request.
-    if (m_remoteAddress.empty() && m_pDataLayer != nullptr) {
-        const INVQConnectionAddress *address = m_pDataLayer->GetRemoteAddress();
-        if (address != nullptr)
-            m_remoteAddress = address->ToString();
-        m_secure = m_pDataLayer->IsSecure();
-    }
-    request->SetRemoteAddress(m_remoteAddress);
-    request->SetSecure(m_secure);
-    IHTTPRequestHandler *handler = m_pLayer->FindHandler(*request);
-    m_pDecidedHandler = handler;
-    if (handler != m_pBodyCastHandler) {
-        m_pBodyCastHandler = handler;
-        m_pBodyCast = dynamic_cast<IHTTPRequestBodyHandler *>(handler);
-    }
-    IHTTPRequestBodyHandler *bodyHandler = handler != nullptr ? m_pBodyCast : nullptr;
-    IHTTPRequestBodyHandler::SBodyDecision decision;
-    if (bodyHandler != nullptr)
-        decision = bodyHandler->OnRequestHeaders(*request, m_connectionID);
-    const long declared = request->IsChunked() ? 0 : std::max(request->GetBodySize(), 0L);
-    if (decision.m_choice == IHTTPRequestBodyHandler::eAnswerNow) {
-        AnswerNow(decision.m_answer);
-        return false;
-    }
-    if (decision.m_choice == IHTTPRequestBodyHandler::eTakeBody) {
-        m_bodyLimit = decision.m_maxBodyBytes;
-        if (m_bodyLimit != 0 && static_cast<uint64_t>(declared) > m_bodyLimit) {
-            bodyHandler->OnRequestBodyEnd(false, m_connectionID);
-            Refuse(413);
-            return false;
-        }
-        if (!complete && !HandleExpectation(*request, handler)) {
-            bodyHandler->OnRequestBodyEnd(false, m_connectionID);
-            return false;
-        }
-        m_pBodyHandler = bodyHandler;
-        StartBody(*request, complete);
-        return false;
-    }
-    if (declared > m_maxBodyBytes) {
-        Refuse(413);
-        return false;
-    }
-    m_parser.SetMaxBodySize(m_maxBodyBytes);
-    return !m_strict || complete || HandleExpectation(*request, handler);
-}
-
-bool CHTTPConnectionPoint::HandleExpectation(const CHTTPRequest &request, IHTTPRequestHandler *handler)
-{
-    const char *name = "expect";
-    KZF::tstring expectation;
-    if (!request.GetHeaderFieldValueByName(name, expectation))
-        return true;
-    const bool wantsContinue = request.HasHeaderToken(name, "100-continue");
-    if (m_strict && (!wantsContinue || request.GetHTTPVersion() != 11)) {
-        Refuse(417);
-        return false;
-    }
-    // A client that sent its body already did not wait; one without a body
-    // has nothing to wait for.
-    if (!wantsContinue || m_receivedSize > m_parser.GetBodyStart() ||
-        (request.GetBodySize() == 0 && !request.IsChunked()))
-        return true;
-    // Only a request some handler takes is worth its body; for any other the
-    // final answer goes out at once and the body is never read.
-    if (handler == nullptr) {
-        if (!m_strict)
-            return true;
-        Refuse(404);
-        return false;
-    }
-    Write(c_continue, sizeof(c_continue) - 1);
-    return true;
-}
-
 void CHTTPConnectionPoint::AnswerNow(const KZF::CRefCountPtr<CHTTPResponse> &answer)
 {
     AddRef();
@@ -418,154 +275,6 @@ void CHTTPConnectionPoint::AnswerNow(const KZF::CRefCountPtr<CHTTPResponse> &ans
     EndExchange();
     AfterDispatch();
     ReleaseRef();
-}
-
-void CHTTPConnectionPoint::StartBody(CHTTPRequest &request, bool complete)
-{
-    m_exchange = eRunning;
-    m_request = &request;
-    m_bodyState = eBodyMore;
-    if (complete) {
-        // It all came with the header block, decoded by the parser already.
-        const long size = request.GetBodySize();
-        if (m_bodyLimit != 0 && static_cast<uint64_t>(size) > m_bodyLimit)
-            m_bodyState = eBodyTooLarge;
-        else if (size > 0 && !m_pBodyHandler->OnRequestBodyData(request.GetBody(), static_cast<size_t>(size),
-                                                                m_connectionID))
-            m_bodyState = eBodyStopped;
-        else
-            m_bodyState = eBodyDone;
-        request.SetBody(nullptr, 0);
-        FinishBody();
-        return;
-    }
-    m_chunkedBody = request.IsChunked();
-    if (m_chunkedBody) {
-        m_chunkDecoder.Reset();
-        m_chunkDecoder.SetMaxBodySize(
-            m_bodyLimit != 0 ? static_cast<long>(std::min<uint64_t>(m_bodyLimit, LONG_MAX)) : LONG_MAX);
-    } else {
-        m_bodyRemaining = static_cast<uint64_t>(std::max(request.GetBodySize(), 0L));
-    }
-    if (m_pDataLayer != nullptr)
-        m_pDataLayer->SetReceivingBody(true);
-    // The body bytes that came with the header block go first; the buffer
-    // then serves as the helping for the rest.
-    const int start = m_parser.GetBodyStart();
-    unsigned char *buffer = m_receiveBuffer;
-    const int used = FeedBody(buffer + start, m_receivedSize - start);
-    const int rest = m_receivedSize - start - used;
-    std::memmove(buffer, buffer + start + used, static_cast<size_t>(rest));
-    m_receivedSize = rest;
-    m_consumed = 0;
-    if (m_bodyState == eBodyMore && m_receiveBuffer.GetSize() < c_bodyPieceSize &&
-        !m_receiveBuffer.SetSize(c_bodyPieceSize)) {
-        m_receivedSize = 0;
-        m_bodyState = eBodyCut;
-        Detach();
-    }
-    if (m_bodyState != eBodyMore)
-        FinishBody();
-}
-
-void CHTTPConnectionPoint::ReceiveBody()
-{
-    unsigned char *buffer = m_receiveBuffer;
-    const int size = static_cast<int>(m_receiveBuffer.GetSize());
-    for (int helping = 0; helping < c_bodyHelpings && m_bodyState == eBodyMore; ++helping) {
-        if (m_isClosed || m_pDataLayer == nullptr)
-            break;
-        const int got = m_pDataLayer->ReadData(buffer, size);
-        if (got <= 0)
-            break;
-        const int used = FeedBody(buffer, got);
-        // What follows the body is kept for the next request.
-        std::memmove(buffer, buffer + used, static_cast<size_t>(got - used));
-        m_receivedSize = got - used;
-    }
-    if (m_bodyState == eBodyMore && (m_isClosed || m_pDataLayer == nullptr))
-        m_bodyState = eBodyCut;
-    if (m_bodyState != eBodyMore) {
-        FinishBody();
-        return;
-    }
-    m_exchange = eBody;
-    // A close that came meanwhile found the body running: whoever takes it
-    // back from waiting ends it.
-    int body = eBody;
-    if (m_isClosed && m_exchange.compare_exchange_strong(body, eRunning)) {
-        m_bodyState = eBodyCut;
-        FinishBody();
-    }
-}
-
-int CHTTPConnectionPoint::FeedBody(const unsigned char *data, int size)
-{
-    int used = 0;
-    while (m_bodyState == eBodyMore && (used < size || (!m_chunkedBody && m_bodyRemaining == 0))) {
-        const unsigned char *piece = data + used;
-        size_t pieceSize = 0;
-        if (m_chunkedBody) {
-            size_t consumed = 0;
-            const int result = m_chunkDecoder.Decode(data + used, static_cast<size_t>(size - used), consumed,
-                                                     piece, pieceSize);
-            used += static_cast<int>(consumed);
-            if (result == CHTTPChunkedDecoder::eResultDone)
-                m_bodyState = eBodyDone;
-            else if (result == CHTTPChunkedDecoder::eResultError)
-                m_bodyState = m_chunkDecoder.GetError() == CHTTPChunkedDecoder::eErrorTooLarge
-                                  ? eBodyTooLarge
-                                  : eBodyMalformed;
-        } else {
-            pieceSize =
-                static_cast<size_t>(std::min<uint64_t>(m_bodyRemaining, static_cast<uint64_t>(size - used)));
-            used += static_cast<int>(pieceSize);
-            m_bodyRemaining -= pieceSize;
-            if (m_bodyRemaining == 0)
-                m_bodyState = eBodyDone;
-        }
-        if (pieceSize > 0) {
-            // A refusal of the last piece still fails the body.
-            if (!m_pBodyHandler->OnRequestBodyData(piece, pieceSize, m_connectionID))
-                m_bodyState = eBodyStopped;
-        }
-    }
-    return used;
-}
-
-void CHTTPConnectionPoint::FinishBody()
-{
-    IHTTPRequestBodyHandler *bodyHandler = m_pBodyHandler;
-    m_pBodyHandler = nullptr;
-    const int state = m_bodyState;
-    m_bodyState = eBodyMore;
-    if (m_pDataLayer != nullptr)
-        m_pDataLayer->SetReceivingBody(false);
-    bodyHandler->OnRequestBodyEnd(state == eBodyDone, m_connectionID);
-    const KZF::CRefCountPtr<CHTTPRequest> request = m_request;
-    switch (state) {
-    case eBodyDone:
-        ProcessRequest(request);
-        break;
-    case eBodyStopped:
-        // The rest of the body is never read: nothing after it can be.
-        m_detachAfterExchange = true;
-        m_receivedSize = 0;
-        ProcessRequest(request);
-        break;
-    case eBodyTooLarge:
-        Refuse(413);
-        break;
-    case eBodyMalformed:
-        Refuse(400);
-        break;
-    default: // the connection is gone
-        AddRef();
-        EndExchange();
-        AfterDispatch();
-        ReleaseRef();
-        break;
-    }
 }
 
 const CHTTPResponse &CHTTPConnectionPoint::Announced(const CHTTPResponse &response)
@@ -586,12 +295,6 @@ const CHTTPResponse &CHTTPConnectionPoint::Announced(const CHTTPResponse &respon
             record.AddHeaderField("Connection", "close");
     }
     return response;
-}
-
-bool CHTTPConnectionPoint::KeepsAfterStream(const CHTTPResponse &response) const
-{
-    return m_keepAfterStream && !response.SendOnlyData() && !response.IsLast() &&
-           declaredLength(response) >= 0;
 }
 
 void CHTTPConnectionPoint::ProcessRequest(KZF::CRefCountPtr<CHTTPRequest> request)
@@ -746,116 +449,6 @@ void CHTTPConnectionPoint::OnConnectionClosed(INVQDataLayer &connection)
         EndExchange();
     m_pLayer->OnConnectionPointClosed(*this);
     ReleaseRef(); // may destroy this object
-}
-
-bool CHTTPConnectionPoint::Write(const void *data, size_t length)
-{
-    return m_pDataLayer->SendData(data, static_cast<int>(length)) >= 0;
-}
-
-bool CHTTPConnectionPoint::SendText(const char *text, size_t length, char (&buffer)[256])
-{
-    // Text items pass through a fixed buffer: none longer than 256 bytes
-    // reaches the wire.
-    const size_t kept = std::min(length, sizeof(buffer));
-    std::memcpy(buffer, text, kept);
-    return Write(buffer, kept);
-}
-
-bool CHTTPConnectionPoint::SendData(const CHTTPResponse &response)
-{
-    long size = response.GetDataSize();
-    CHTTPFileBody *file = response.GetFileBody();
-    // A response with a counted reference lives on the heap and can keep its
-    // bytes alive while they wait; the shared canned answers are small.
-    KZF::IRefCount *holder = size >= c_heldDataSize && response.GetRefCount() > 0
-                                 ? const_cast<CHTTPResponse *>(&response)
-                                 : nullptr;
-    int64_t offset = response.GetFileOffset();
-    const unsigned char *data = file == nullptr ? response.GetData() : nullptr;
-    // No single write carries more than a slice; the last one carries the
-    // rest, even when that is nothing.
-    for (;;) {
-        const long slice = std::min(size, c_maxSliceSize);
-        bool ok;
-        if (file != nullptr)
-            ok = m_pDataLayer->SendFile(file->GetFd(), offset, slice, file) >= 0;
-        else if (holder != nullptr)
-            ok = m_pDataLayer->SendDataHeld(data, static_cast<int>(slice), holder) >= 0;
-        else
-            ok = Write(data, static_cast<size_t>(slice));
-        if (!ok)
-            return false;
-        size -= slice;
-        if (size == 0)
-            return true;
-        offset += slice;
-        if (data != nullptr)
-            data += slice;
-    }
-}
-
-void CHTTPConnectionPoint::SendResponse(const CHTTPResponse &given)
-{
-    const CHTTPResponse &response = Announced(given);
-    if (m_isClosed) {
-        IHTTPRequestHandler *handler = m_pHandler;
-        if (handler != nullptr)
-            handler->InterruptProcessing();
-        return;
-    }
-    if (m_pDataLayer == nullptr)
-        return;
-
-    if (response.SendOnlyData()) {
-        m_streamSent += response.GetDataSize();
-        // A stream of unknown or unmatched length is delimited by the close.
-        if (SendData(response) && response.IsLast() &&
-            (m_streamDeclared < 0 || m_streamSent != m_streamDeclared))
-            Detach();
-        return;
-    }
-    const bool headersOnly = response.IsHeadersOnly() || m_headOnly;
-    if (!response.IsLast()) {
-        m_streamDeclared = KeepsAfterStream(response) ? declaredLength(response) : -1;
-        m_streamSent = headersOnly ? 0 : response.GetDataSize();
-    }
-
-    // Wire form: status line; Content-Type when set; the computed length on
-    // complete answers (digits, a space, CR LF); the additional fields in
-    // byte order of their names; the empty line; the data. Each item is its
-    // own write: the framework gathers them into one segment. A failed write
-    // means the connection is gone and its close delivered: the rest of the
-    // answer is dropped.
-    char buffer[256];
-    size_t length = formatNumber(buffer, response.GetCode());
-    if (!Write(c_statusLineStart, sizeof(c_statusLineStart) - 1) || !Write(buffer, length) ||
-        !SendText(response.GetPhrase().data(), response.GetPhrase().size(), buffer) ||
-        !Write(c_lineEnd, sizeof(c_lineEnd) - 1))
-        return;
-    if (!response.GetContentType().empty()) {
-        if (!Write(c_contentTypeStart, sizeof(c_contentTypeStart) - 1) ||
-            !SendText(response.GetContentType().data(), response.GetContentType().size(), buffer) ||
-            !Write(c_lineEnd, sizeof(c_lineEnd) - 1))
-            return;
-    }
-    if (response.IsLast() && !response.IsHeadersOnly()) {
-        length = formatNumber(buffer, response.GetDataSize());
-        if (!Write(c_contentLengthStart, sizeof(c_contentLengthStart) - 1) || !Write(buffer, length) ||
-            !Write(c_lineEnd, sizeof(c_lineEnd) - 1))
-            return;
-    }
-    for (const auto &field : response.GetAdditionalHeaders()) {
-        if (!SendText(field.first.data(), field.first.size(), buffer) ||
-            !Write(c_fieldSeparator, sizeof(c_fieldSeparator) - 1) ||
-            !SendText(field.second.data(), field.second.size(), buffer) ||
-            !Write(c_lineEnd, sizeof(c_lineEnd) - 1))
-            return;
-    }
-    if (!Write(c_lineEnd, sizeof(c_lineEnd) - 1))
-        return;
-    if (response.GetDataSize() > 0 && !headersOnly)
-        SendData(response);
 }
 
 void CHTTPConnectionPoint::HandOver()
