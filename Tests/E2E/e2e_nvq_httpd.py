@@ -210,7 +210,7 @@ class WsClient:
             self.sock = context.wrap_socket(self.sock, server_hostname="localhost")
         self.buffer = b""
         key = base64.b64encode(os.urandom(16))
-        self.sock.sendall(b"GET %s HTTP/1.1\r\nHost: x\r\nUpgrade: websocket\r\nConnection: Upgrade\r\n"
+        self.sock.sendall(b"GET %s HTTP/1.1\r\nHost: 127.0.0.1\r\nUpgrade: websocket\r\nConnection: Upgrade\r\n"
                           b"Sec-WebSocket-Key: %s\r\n%s\r\n" % (path.encode(), key,
                                                                 (headers or "Sec-WebSocket-Version: 13\r\n").encode()))
         while b"\r\n\r\n" not in self.buffer:
