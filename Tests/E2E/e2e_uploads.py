@@ -52,11 +52,6 @@ class UploadTest(unittest.TestCase):
     def tearDown(self):
         self.assertEqual(0, self.server.stop())
 
-    def curl(self, *args):
-        result = subprocess.run(["curl", "--silent", "--show-error", "--max-time", "120"] + list(args),
-                                capture_output=True, check=False)
-        return result.stdout.decode(errors="replace")
-
     def peak_memory_kib(self):
         with open("/proc/%d/status" % self.server.process.pid) as f:
             return int(re.search(r"VmHWM:\s+(\d+)", f.read()).group(1))
@@ -68,7 +63,7 @@ class UploadTest(unittest.TestCase):
                            ("chunked.bin", ["-T", self.source, "-H", "Transfer-Encoding: chunked",
                                             url + "/chunked.bin"]),
                            ("form.bin", ["-F", "file=@%s;filename=form.bin" % self.source, url])]:
-            answer = self.curl(*args)
+            answer = e2e.curl(*args, seconds=120).stdout.decode(errors="replace")
             self.assertIn('"name":"%s","size":%d' % (name, BIG), answer)
             self.assertEqual(self.source_digest, digest_of(os.path.join(self.store, name)), name)
         growth = self.peak_memory_kib() - before
@@ -132,10 +127,8 @@ class AccessTest(unittest.TestCase):
         return self.servers[-1]
 
     def status(self, server, *args):
-        result = subprocess.run(["curl", "--silent", "--output", "/dev/null", "--write-out", "%{http_code}",
-                                 "--max-time", "30"] + list(args) + [server.url("/proxy/log")],
-                                capture_output=True, check=False)
-        return result.stdout.decode()
+        return e2e.curl("--output", "/dev/null", "--write-out", "%{http_code}", *args,
+                        server.url("/proxy/log")).stdout.decode()
 
     def test_credentials_by_scheme(self):
         digest_only = self.start()
@@ -149,8 +142,7 @@ class AccessTest(unittest.TestCase):
                  (with_basic, ["--basic", "-u", "admin:wrong"], "401")]
         for server, args, expected in cases:
             self.assertEqual(expected, self.status(server, *args), args)
-        page = subprocess.run(["curl", "--silent", "--write-out", "%{http_code}", digest_only.url("/index.html")],
-                              capture_output=True, check=False).stdout.decode()
+        page = e2e.curl("--write-out", "%{http_code}", digest_only.url("/index.html")).stdout.decode()
         self.assertTrue(page.endswith("200"), "the front page stays public")
 
     def test_replayed_digest_is_refused(self):
