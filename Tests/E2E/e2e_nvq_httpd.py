@@ -80,8 +80,8 @@ class Server:
         return code
 
 
-def curl(*args):
-    return subprocess.run(["curl", "--silent", "--show-error", "--max-time", "30"] + list(args),
+def curl(*args, seconds=30):
+    return subprocess.run(["curl", "--silent", "--show-error", "--max-time", str(seconds)] + list(args),
                           capture_output=True, check=False)
 
 
@@ -89,13 +89,19 @@ BIG = os.urandom(5 * 1024 * 1024 + 123)
 SMALL = b"small file\n"
 
 
-class CurlTest(unittest.TestCase):
+class ServerCase(unittest.TestCase):
+    """One server per test, started with the class's files and flags, that must exit cleanly."""
+
+    FILES, FLAGS = {"big.bin": BIG, "small.txt": SMALL}, []
+
     def setUp(self):
-        self.server = Server({"big.bin": BIG, "small.txt": SMALL})
+        self.server = Server(self.FILES, self.FLAGS)
 
     def tearDown(self):
         self.assertEqual(0, self.server.stop())
 
+
+class CurlTest(ServerCase):
     def test_small_and_large_files_arrive_whole(self):
         self.assertEqual(SMALL, curl(self.server.url("/small.txt")).stdout)
         big = curl(self.server.url("/big.bin")).stdout
@@ -118,13 +124,7 @@ class CurlTest(unittest.TestCase):
         self.assertIn("Invalid 'count' specified: abc", bad)
 
 
-class HttpClientTest(unittest.TestCase):
-    def setUp(self):
-        self.server = Server({"big.bin": BIG, "small.txt": SMALL})
-
-    def tearDown(self):
-        self.assertEqual(0, self.server.stop())
-
+class HttpClientTest(ServerCase):
     def test_keep_alive_across_several_requests(self):
         connection = http.client.HTTPConnection("127.0.0.1", self.server.port, timeout=10)
         connection.connect()
@@ -152,6 +152,13 @@ class HttpClientTest(unittest.TestCase):
         connection.close()
 
 
+def raise_file_limit(test):
+    import resource
+    soft, hard = resource.getrlimit(resource.RLIMIT_NOFILE)
+    resource.setrlimit(resource.RLIMIT_NOFILE, (hard, hard))
+    test.addCleanup(resource.setrlimit, resource.RLIMIT_NOFILE, (soft, hard))
+
+
 class CapTest(unittest.TestCase):
     """At the default cap of 10,000 connections, held idle by one client."""
 
@@ -168,9 +175,7 @@ class CapTest(unittest.TestCase):
         return connection
 
     def test_the_longest_idle_connection_makes_room_for_a_newcomer(self):
-        import resource
-        soft, hard = resource.getrlimit(resource.RLIMIT_NOFILE)
-        resource.setrlimit(resource.RLIMIT_NOFILE, (hard, hard))
+        raise_file_limit(self)
         server = Server()
         held = []
         try:
@@ -196,7 +201,6 @@ class CapTest(unittest.TestCase):
             for connection in held:
                 connection.close()
             server.stop(signal.SIGKILL, 1)
-            resource.setrlimit(resource.RLIMIT_NOFILE, (soft, hard))
 
 
 class WsClient:
@@ -210,7 +214,7 @@ class WsClient:
             self.sock = context.wrap_socket(self.sock, server_hostname="localhost")
         self.buffer = b""
         key = base64.b64encode(os.urandom(16))
-        self.sock.sendall(b"GET %s HTTP/1.1\r\nHost: x\r\nUpgrade: websocket\r\nConnection: Upgrade\r\n"
+        self.sock.sendall(b"GET %s HTTP/1.1\r\nHost: 127.0.0.1\r\nUpgrade: websocket\r\nConnection: Upgrade\r\n"
                           b"Sec-WebSocket-Key: %s\r\n%s\r\n" % (path.encode(), key,
                                                                 (headers or "Sec-WebSocket-Version: 13\r\n").encode()))
         while b"\r\n\r\n" not in self.buffer:
@@ -275,13 +279,8 @@ def close_code(payload):
     return int.from_bytes(payload[:2], "big") if len(payload) >= 2 else None
 
 
-class WebSocketTest(unittest.TestCase):
-    def setUp(self):
-        self.server = Server(flags=["--ws-echo"])
-
-    def tearDown(self):
-        self.assertEqual(0, self.server.stop())
-
+class WebSocketTest(ServerCase):
+    FILES, FLAGS = {}, ["--ws-echo"]
     def open(self, headers=""):
         client = WsClient(self.server.port, headers=headers)
         self.assertTrue(client.head.startswith("HTTP/1.1 101 Switching Protocols"), client.head)
@@ -382,9 +381,7 @@ class WsIdleTest(unittest.TestCase):
     COUNT = 10000
 
     def test_ten_thousand_idle_websockets(self):
-        import resource
-        soft, hard = resource.getrlimit(resource.RLIMIT_NOFILE)
-        resource.setrlimit(resource.RLIMIT_NOFILE, (hard, hard))
+        raise_file_limit(self)
         server = Server(flags=["--ws-echo"])
         held = []
         try:
@@ -412,15 +409,10 @@ class WsIdleTest(unittest.TestCase):
             for client in held:
                 client.sock.close()
             server.stop(signal.SIGKILL, 1)
-            resource.setrlimit(resource.RLIMIT_NOFILE, (soft, hard))
 
 
 def find_chromium():
-    for name in ("chromium", "chromium-browser", "google-chrome"):
-        path = shutil.which(name)
-        if path:
-            return path
-    return None
+    return next(filter(None, map(shutil.which, ("chromium", "chromium-browser", "google-chrome"))), None)
 
 
 def dump_dom(browser, profile, url, *flags):
@@ -454,24 +446,25 @@ frame.onload = start;
 </script></body></html>"""
 
 
-class ChromiumTest(unittest.TestCase):
-    def setUp(self):
-        self.browser = find_chromium()
-        self.server = Server({"live-probe.html": LIVE_PROBE})
-        self.profile = tempfile.mkdtemp(prefix="nvq-chromium-")
+def assert_sample_page(test, dom):
+    for line in ("script: ran", "stylesheet: applied", "image: loaded 96px"):
+        test.assertIn(line, dom)
 
-    def tearDown(self):
-        shutil.rmtree(self.profile, ignore_errors=True)
-        self.assertEqual(0, self.server.stop())
+
+class ChromiumTest(ServerCase):
+    FILES = {"live-probe.html": LIVE_PROBE}
+
+    def setUp(self):
+        super().setUp()
+        self.browser = find_chromium()
+        self.profile = tempfile.mkdtemp(prefix="nvq-chromium-")
+        self.addCleanup(shutil.rmtree, self.profile, True)
 
     def dump_dom(self, path):
         return dump_dom(self.browser, self.profile, self.server.url(path))
 
     def test_index_page_loads_stylesheet_script_and_image(self):
-        dom = self.dump_dom("/index.html")
-        self.assertIn("script: ran", dom)
-        self.assertIn("stylesheet: applied", dom)
-        self.assertIn("image: loaded 96px", dom)
+        assert_sample_page(self, self.dump_dom("/index.html"))
 
     def test_log_page_shows_log_lines(self):
         dom = self.dump_dom("/log.html")
@@ -521,15 +514,10 @@ def web_files():
         return dict(WEB_FILES, **{"font.ttf": f.read()})
 
 
-class WebTest(unittest.TestCase):
+class WebTest(ServerCase):
     """nvq-httpd --web with curl and http.client."""
 
-    def setUp(self):
-        self.server = Server(WEB_FILES, ["--web"])
-
-    def tearDown(self):
-        self.assertEqual(0, self.server.stop())
-
+    FILES, FLAGS = WEB_FILES, ["--web"]
     def test_curl_ranges_resume_compressed_and_head(self):
         url = self.server.url("/big.bin")
         self.assertEqual(BIG[1000:2001], curl("-r", "1000-2000", url).stdout)
@@ -825,9 +813,7 @@ class TlsTest(unittest.TestCase):
         profile = tempfile.mkdtemp(prefix="nvq-chromium-")
         dom = dump_dom(browser, profile, self.url("/index.html"), "--ignore-certificate-errors")
         shutil.rmtree(profile, ignore_errors=True)
-        self.assertIn("script: ran", dom)
-        self.assertIn("stylesheet: applied", dom)
-        self.assertIn("image: loaded 96px", dom)
+        assert_sample_page(self, dom)
 
 
 GROUPS = {"curl": CurlTest, "http_client": HttpClientTest, "chromium": ChromiumTest, "sigterm": SigtermTest,
@@ -843,24 +829,17 @@ def main():
         return 2
     NVQ_HTTPD, SITE_DIR, group = sys.argv[1], sys.argv[2], sys.argv[3]
     EMULATOR = sys.argv[4:]
-    if group == "curl" and not shutil.which("curl"):
-        print("SKIPPED: curl is not installed")
-        return SKIPPED
-    if group == "tls" and not (shutil.which("openssl") and shutil.which("curl")):
-        print("SKIPPED: the openssl command or curl is not installed")
-        return SKIPPED
-    if group.startswith("web") and not shutil.which("curl"):
-        print("SKIPPED: curl is not installed")
-        return SKIPPED
-    if group in ("chromium", "web_chromium", "web_nginx") and not find_chromium():
-        print("SKIPPED: Chromium is not installed")
-        return SKIPPED
-    if group in ("web_chromium", "web_nginx") and not glob.glob("/usr/share/fonts/truetype/*/*.ttf"):
-        print("SKIPPED: no TrueType font to serve")
-        return SKIPPED
-    if group == "web_nginx" and not os.access("/usr/sbin/nginx", os.X_OK):
-        print("SKIPPED: nginx is not installed")
-        return SKIPPED
+    needs = [  # groups, what they need, the reason given when it is missing
+        (("curl", "tls", "web", "web_chromium", "web_nginx"), lambda: shutil.which("curl"), "curl is not installed"),
+        (("tls",), lambda: shutil.which("openssl"), "the openssl command is not installed"),
+        (("chromium", "web_chromium", "web_nginx"), find_chromium, "Chromium is not installed"),
+        (("web_chromium", "web_nginx"), lambda: glob.glob("/usr/share/fonts/truetype/*/*.ttf"),
+         "no TrueType font to serve"),
+        (("web_nginx",), lambda: os.access("/usr/sbin/nginx", os.X_OK), "nginx is not installed")]
+    for groups, present, reason in needs:
+        if group in groups and not present():
+            print("SKIPPED: " + reason)
+            return SKIPPED
     suite = unittest.defaultTestLoader.loadTestsFromTestCase(GROUPS[group])
     result = unittest.TextTestRunner(verbosity=2).run(suite)
     return 0 if result.wasSuccessful() else 1

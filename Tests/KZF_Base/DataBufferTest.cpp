@@ -26,73 +26,46 @@ bool hasPattern(CByteBuffer &buffer, unsigned long count)
     return true;
 }
 
-TEST(DataBufferTest, NewBufferIsEmpty)
+void expectEmpty(CByteBuffer &buffer)
 {
-    CByteBuffer buffer;
     EXPECT_EQ(0u, buffer.GetSize());
     EXPECT_EQ(nullptr, static_cast<unsigned char *>(buffer));
 }
 
-TEST(DataBufferTest, GrowingKeepsEveryElement)
+TEST(DataBufferTest, ResizingKeepsTheLeadingElementsAndSameSizeKeepsTheStorage)
 {
     CByteBuffer buffer;
+    expectEmpty(buffer);
     ASSERT_TRUE(buffer.SetSize(1024));
-    EXPECT_EQ(1024u, buffer.GetSize());
-    ASSERT_NE(nullptr, static_cast<unsigned char *>(buffer));
     fillPattern(buffer);
+    unsigned char *before = buffer;
+    EXPECT_TRUE(buffer.SetSize(1024));
+    EXPECT_EQ(before, static_cast<unsigned char *>(buffer));
     ASSERT_TRUE(buffer.SetSize(1536));
     EXPECT_EQ(1536u, buffer.GetSize());
     EXPECT_TRUE(hasPattern(buffer, 1024));
-}
-
-TEST(DataBufferTest, ShrinkingKeepsTheLeadingElements)
-{
-    CByteBuffer buffer;
-    ASSERT_TRUE(buffer.SetSize(1536));
     fillPattern(buffer);
     ASSERT_TRUE(buffer.SetSize(16));
     EXPECT_EQ(16u, buffer.GetSize());
     EXPECT_TRUE(hasPattern(buffer, 16));
 }
 
-TEST(DataBufferTest, SameSizeKeepsTheStorage)
+TEST(DataBufferTest, SizeZeroReleaseAndFailedAllocationLeaveItEmpty)
 {
     CByteBuffer buffer;
-    ASSERT_TRUE(buffer.SetSize(1024));
-    unsigned char *before = buffer;
-    EXPECT_TRUE(buffer.SetSize(1024));
-    EXPECT_EQ(before, static_cast<unsigned char *>(buffer));
-}
-
-TEST(DataBufferTest, SizeZeroFreesAndReportsFalseUnlessAlreadyEmpty)
-{
-    CByteBuffer buffer;
-    EXPECT_TRUE(buffer.SetSize(0));
+    EXPECT_TRUE(buffer.SetSize(0)) << "already empty";
     ASSERT_TRUE(buffer.SetSize(1024));
     EXPECT_FALSE(buffer.SetSize(0));
-    EXPECT_EQ(0u, buffer.GetSize());
-    EXPECT_EQ(nullptr, static_cast<unsigned char *>(buffer));
-}
-
-TEST(DataBufferTest, ReleaseTwiceIsHarmless)
-{
-    CByteBuffer buffer;
+    expectEmpty(buffer);
     ASSERT_TRUE(buffer.SetSize(64));
     buffer.Release();
     buffer.Release();
-    EXPECT_EQ(0u, buffer.GetSize());
-    EXPECT_EQ(nullptr, static_cast<unsigned char *>(buffer));
-}
-
-TEST(DataBufferTest, FailedAllocationLeavesAnEmptyBuffer)
-{
-    CByteBuffer buffer;
+    expectEmpty(buffer);
     ASSERT_TRUE(buffer.SetSize(64));
     // The whole address space, which no machine can give (half of it can
     // be had on a 32-bit target): the non-throwing new yields nothing.
     EXPECT_FALSE(buffer.SetSize(~0ul));
-    EXPECT_EQ(0u, buffer.GetSize());
-    EXPECT_EQ(nullptr, static_cast<unsigned char *>(buffer));
+    expectEmpty(buffer);
 }
 
 // A lock policy that records how deep it is held: SetSize releases the old

@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
@@ -17,6 +18,18 @@ namespace
 
 using KZF::CLogger;
 
+CLogger &logger()
+{
+    return CLogger::GetInstance();
+}
+
+void logText(int level, const char *text)
+{
+    logger().LogMessage(level, __FILE__, __LINE__, "f", CLogger::c_noneObjPtr, "%s", text);
+}
+
+// Records every delivery; Log is virtual so that derived devices can log or
+// detach from inside it.
 class CRecordingDevice : public KZF::ILogOutputDevice
 {
   public:
@@ -34,11 +47,6 @@ class CRecordingDevice : public KZF::ILogOutputDevice
         m_texts.push_back(message.m_text);
         m_pointers.push_back(text);
     }
-    std::vector<std::string> Lines()
-    {
-        std::lock_guard<std::mutex> lock(m_mutex);
-        return m_lines;
-    }
 
     bool m_acceptInit = true;
     int m_inits = 0;
@@ -54,21 +62,25 @@ class CRecordingDevice : public KZF::ILogOutputDevice
 class LoggerTest : public ::testing::Test
 {
   protected:
-    void SetUp() override { m_threshold = CLogger::GetInstance().GetLevelThreshold(); }
-    void TearDown() override { CLogger::GetInstance().SetLevelThreshold(m_threshold); }
+    void SetUp() override { m_threshold = logger().GetLevelThreshold(); }
+    void TearDown() override { logger().SetLevelThreshold(m_threshold); }
     int m_threshold = 0;
 };
 
-TEST_F(LoggerTest, LineCarriesTimeLevelLocationFunctionAndText)
+TEST_F(LoggerTest, OneLineWithTimeLevelLocationFunctionAndTextGoesToEveryDevice)
 {
-    CRecordingDevice device;
-    ASSERT_TRUE(CLogger::GetInstance().AddOutputDevice(&device));
-    CLogger::GetInstance().LogMessage(8, "/src/Source/Cpp/HTTP/HTTPLayer.cpp", 104, "NewConnectionRequested",
-                                      CLogger::c_noneObjPtr, "HTTPLayer : create connection point (%s)->(%s)",
-                                      "a", "b");
-    ASSERT_TRUE(CLogger::GetInstance().RemoveOutputDevice(&device));
+    CRecordingDevice device, second;
+    ASSERT_TRUE(logger().AddOutputDevice(&device));
+    ASSERT_TRUE(logger().AddOutputDevice(&second));
+    logger().LogMessage(8, "/src/Source/Cpp/HTTP/HTTPLayer.cpp", 104, "NewConnectionRequested",
+                        CLogger::c_noneObjPtr, "HTTPLayer : create connection point (%s)->(%s)", "a", "b");
+    logText(8, "CHTTPLogHandler : received interrupt!\n");
+    const std::string longText(5000, 'x');
+    logText(1, (longText + "\r\n").c_str());
+    ASSERT_TRUE(logger().RemoveOutputDevice(&device));
+    ASSERT_TRUE(logger().RemoveOutputDevice(&second));
 
-    ASSERT_EQ(1u, device.m_lines.size());
+    ASSERT_EQ(3u, device.m_lines.size());
     EXPECT_TRUE(::testing::internal::RE::FullMatch(
         device.m_lines[0],
         "[0-9]{4}-[0-9]{2}-[0-9]{2} [0-9]{2}:[0-9]{2}:[0-9]{2}\\.[0-9]{3} \\[8\\] HTTPLayer\\.cpp:104 "
@@ -76,117 +88,73 @@ TEST_F(LoggerTest, LineCarriesTimeLevelLocationFunctionAndText)
         << device.m_lines[0];
     EXPECT_EQ(8u, device.m_levels[0]);
     EXPECT_EQ("HTTPLayer : create connection point (a)->(b)", device.m_texts[0]);
+    // Trailing line feeds are dropped, long texts kept whole.
+    EXPECT_EQ("CHTTPLogHandler : received interrupt!", device.m_texts[1]);
+    EXPECT_EQ(longText, device.m_texts[2]);
+    EXPECT_EQ(std::string::npos, device.m_lines[2].find('\n'));
+    EXPECT_EQ(longText, device.m_lines[2].substr(device.m_lines[2].size() - longText.size()));
+    // Formatted once: both devices see the same buffer.
+    EXPECT_EQ(device.m_pointers, second.m_pointers);
+    EXPECT_EQ(device.m_lines, second.m_lines);
 }
 
-TEST_F(LoggerTest, TrailingLineFeedsAreDroppedAndLongTextsKeptWhole)
+TEST_F(LoggerTest, AttachmentRulesInitTerminateAndThreshold)
 {
     CRecordingDevice device;
-    ASSERT_TRUE(CLogger::GetInstance().AddOutputDevice(&device));
-    CLogger::GetInstance().LogMessage(8, __FILE__, __LINE__, "f", CLogger::c_noneObjPtr,
-                                      "CHTTPLogHandler : received interrupt!\n");
-    const std::string longText(5000, 'x');
-    CLogger::GetInstance().LogMessage(1, __FILE__, __LINE__, "f", CLogger::c_noneObjPtr, "%s\r\n",
-                                      longText.c_str());
-    CLogger::GetInstance().RemoveOutputDevice(&device);
-
-    ASSERT_EQ(2u, device.m_texts.size());
-    EXPECT_EQ("CHTTPLogHandler : received interrupt!", device.m_texts[0]);
-    EXPECT_EQ(longText, device.m_texts[1]);
-    EXPECT_EQ(std::string::npos, device.m_lines[1].find('\n'));
-    EXPECT_EQ(longText, device.m_lines[1].substr(device.m_lines[1].size() - longText.size()));
-}
-
-TEST_F(LoggerTest, OneFormattedLineIsHandedToEveryDevice)
-{
-    CRecordingDevice first;
-    CRecordingDevice second;
-    ASSERT_TRUE(CLogger::GetInstance().AddOutputDevice(&first));
-    ASSERT_TRUE(CLogger::GetInstance().AddOutputDevice(&second));
-    CLogger::GetInstance().LogMessage(3, __FILE__, __LINE__, "f", CLogger::c_noneObjPtr, "n=%d", 5);
-    CLogger::GetInstance().RemoveOutputDevice(&first);
-    CLogger::GetInstance().RemoveOutputDevice(&second);
-    ASSERT_EQ(1u, first.m_pointers.size());
-    ASSERT_EQ(1u, second.m_pointers.size());
-    EXPECT_EQ(first.m_pointers[0], second.m_pointers[0]);
-    EXPECT_EQ(first.m_lines[0], second.m_lines[0]);
-}
-
-TEST_F(LoggerTest, ThresholdDropsHigherLevels)
-{
-    CRecordingDevice device;
-    ASSERT_TRUE(CLogger::GetInstance().AddOutputDevice(&device));
-    EXPECT_TRUE(CLogger::GetInstance().IsEnabled(1000)) << "every level is delivered by default";
-    CLogger::GetInstance().SetLevelThreshold(4);
-    CLogger::GetInstance().LogMessage(8, __FILE__, __LINE__, "f", CLogger::c_noneObjPtr, "dropped");
-    CLogger::GetInstance().LogMessage(4, __FILE__, __LINE__, "f", CLogger::c_noneObjPtr, "kept");
-    CLogger::GetInstance().RemoveOutputDevice(&device);
-    ASSERT_EQ(1u, device.m_texts.size());
-    EXPECT_EQ("kept", device.m_texts[0]);
-}
-
-TEST_F(LoggerTest, AttachmentRulesAndInitTerminateCalls)
-{
-    CRecordingDevice device;
-    EXPECT_FALSE(CLogger::GetInstance().RemoveOutputDevice(&device));
-    EXPECT_TRUE(CLogger::GetInstance().AddOutputDevice(&device));
-    EXPECT_FALSE(CLogger::GetInstance().AddOutputDevice(&device));
+    EXPECT_FALSE(logger().RemoveOutputDevice(&device));
+    EXPECT_TRUE(logger().AddOutputDevice(&device));
+    EXPECT_FALSE(logger().AddOutputDevice(&device));
     EXPECT_EQ(1, device.m_inits);
-    EXPECT_TRUE(CLogger::GetInstance().RemoveOutputDevice(&device));
+    EXPECT_TRUE(logger().IsEnabled(1000)) << "every level is delivered by default";
+    logger().SetLevelThreshold(4);
+    EXPECT_FALSE(logger().IsEnabled(5));
+    logText(5, "dropped");
+    logText(4, "kept");
+    EXPECT_TRUE(logger().RemoveOutputDevice(&device));
     EXPECT_EQ(1, device.m_terminates);
-    EXPECT_FALSE(CLogger::GetInstance().RemoveOutputDevice(&device));
-    EXPECT_FALSE(CLogger::GetInstance().AddOutputDevice(nullptr));
+    EXPECT_FALSE(logger().RemoveOutputDevice(&device));
+    EXPECT_FALSE(logger().AddOutputDevice(nullptr));
+    EXPECT_EQ(std::vector<std::string>{"kept"}, device.m_texts);
 
     CRecordingDevice refusing;
     refusing.m_acceptInit = false;
-    EXPECT_FALSE(CLogger::GetInstance().AddOutputDevice(&refusing));
-    CLogger::GetInstance().LogMessage(1, __FILE__, __LINE__, "f", CLogger::c_noneObjPtr, "x");
+    EXPECT_FALSE(logger().AddOutputDevice(&refusing));
+    logText(1, "x");
     EXPECT_TRUE(refusing.m_lines.empty());
 }
 
-// A device that logs from inside its own Log, like the log handler's notices.
-class CEchoingDevice : public CRecordingDevice
+// Logs again from inside its own Log (like the log handler's notices) or
+// detaches itself there.
+class CReentrantDevice : public CRecordingDevice
 {
   public:
+    explicit CReentrantDevice(bool detach) : m_detach(detach) {}
     void Log(const char *text, unsigned int level, const CLogger::SLogMessage &message) override
     {
         CRecordingDevice::Log(text, level, message);
-        if (std::strcmp(message.m_text, "outer") == 0)
-            CLogger::GetInstance().LogMessage(1, __FILE__, __LINE__, "Log", CLogger::c_noneObjPtr, "inner");
+        if (m_detach)
+            m_removed = logger().RemoveOutputDevice(this);
+        else if (std::strcmp(message.m_text, "outer") == 0)
+            logText(1, "inner");
     }
-};
-
-TEST_F(LoggerTest, DeviceMayLogFromInsideItsOwnLog)
-{
-    CEchoingDevice device;
-    ASSERT_TRUE(CLogger::GetInstance().AddOutputDevice(&device));
-    CLogger::GetInstance().LogMessage(1, __FILE__, __LINE__, "f", CLogger::c_noneObjPtr, "outer");
-    CLogger::GetInstance().RemoveOutputDevice(&device);
-    ASSERT_EQ(2u, device.m_texts.size());
-    EXPECT_EQ("outer", device.m_texts[0]);
-    EXPECT_EQ("inner", device.m_texts[1]);
-}
-
-// A device that detaches itself while a delivery to it runs on its own thread.
-class CSelfRemovingDevice : public CRecordingDevice
-{
-  public:
-    void Log(const char *text, unsigned int level, const CLogger::SLogMessage &message) override
-    {
-        CRecordingDevice::Log(text, level, message);
-        m_removed = CLogger::GetInstance().RemoveOutputDevice(this);
-    }
+    bool m_detach;
     bool m_removed = false;
 };
 
-TEST_F(LoggerTest, DeviceMayDetachItselfFromInsideLog)
+TEST_F(LoggerTest, DeviceMayLogOrDetachFromInsideItsOwnLog)
 {
-    CSelfRemovingDevice device;
-    ASSERT_TRUE(CLogger::GetInstance().AddOutputDevice(&device));
-    CLogger::GetInstance().LogMessage(1, __FILE__, __LINE__, "f", CLogger::c_noneObjPtr, "one");
-    CLogger::GetInstance().LogMessage(1, __FILE__, __LINE__, "f", CLogger::c_noneObjPtr, "two");
-    EXPECT_TRUE(device.m_removed);
-    EXPECT_EQ(1u, device.m_texts.size());
-    EXPECT_EQ(1, device.m_terminates);
+    CReentrantDevice echoing(false), leaving(true);
+    ASSERT_TRUE(logger().AddOutputDevice(&echoing));
+    logText(1, "outer");
+    logger().RemoveOutputDevice(&echoing);
+    EXPECT_EQ((std::vector<std::string>{"outer", "inner"}), echoing.m_texts);
+
+    ASSERT_TRUE(logger().AddOutputDevice(&leaving));
+    logText(1, "one");
+    logText(1, "two");
+    EXPECT_TRUE(leaving.m_removed);
+    EXPECT_EQ(std::vector<std::string>{"one"}, leaving.m_texts);
+    EXPECT_EQ(1, leaving.m_terminates);
 }
 
 // Blocks inside Log until released, to hold a delivery open.
@@ -212,16 +180,15 @@ class CBlockingDevice : public KZF::ILogOutputDevice
 TEST_F(LoggerTest, RemoveWaitsForADeliveryUnderWay)
 {
     CBlockingDevice device;
-    ASSERT_TRUE(CLogger::GetInstance().AddOutputDevice(&device));
-    std::thread logging(
-        [] { CLogger::GetInstance().LogMessage(1, __FILE__, __LINE__, "f", CLogger::c_noneObjPtr, "held"); });
+    ASSERT_TRUE(logger().AddOutputDevice(&device));
+    std::thread logging([] { logText(1, "held"); });
     {
         std::unique_lock<std::mutex> lock(device.m_mutex);
         device.m_changed.wait(lock, [&] { return device.m_inside; });
     }
     std::atomic<bool> removed(false);
     std::thread removing([&] {
-        CLogger::GetInstance().RemoveOutputDevice(&device);
+        logger().RemoveOutputDevice(&device);
         removed = true;
     });
     std::this_thread::sleep_for(std::chrono::milliseconds(50));
@@ -233,7 +200,6 @@ TEST_F(LoggerTest, RemoveWaitsForADeliveryUnderWay)
     device.m_changed.notify_all();
     removing.join();
     logging.join();
-    EXPECT_TRUE(removed);
     EXPECT_FALSE(device.m_inside);
 }
 
@@ -257,31 +223,28 @@ class CCountingDevice : public KZF::ILogOutputDevice
 TEST_F(LoggerTest, ConcurrentLoggingWhileDevicesComeAndGo)
 {
     CCountingDevice steady;
-    ASSERT_TRUE(CLogger::GetInstance().AddOutputDevice(&steady));
-    std::atomic<bool> stop(false);
+    ASSERT_TRUE(logger().AddOutputDevice(&steady));
     std::vector<std::thread> loggers;
     const int perThread = 2000;
     for (int t = 0; t < 4; ++t) {
         loggers.emplace_back([t] {
             for (int i = 0; i < perThread; ++i)
-                CLogger::GetInstance().LogMessage(5, __FILE__, __LINE__, "worker", CLogger::c_noneObjPtr,
-                                                  "thread %d message %d", t, i);
+                logger().LogMessage(5, __FILE__, __LINE__, "worker", CLogger::c_noneObjPtr,
+                                    "thread %d message %d", t, i);
         });
     }
-    int rounds = 0;
-    while (rounds < 200) {
+    for (int round = 0; round < 200; ++round) {
         CCountingDevice transient;
-        ASSERT_TRUE(CLogger::GetInstance().AddOutputDevice(&transient));
+        ASSERT_TRUE(logger().AddOutputDevice(&transient));
         std::this_thread::yield();
-        ASSERT_TRUE(CLogger::GetInstance().RemoveOutputDevice(&transient));
+        ASSERT_TRUE(logger().RemoveOutputDevice(&transient));
         transient.m_detached = true;
         std::this_thread::yield();
         EXPECT_EQ(0, transient.m_lateDeliveries.load());
-        ++rounds;
     }
     for (std::thread &thread : loggers)
         thread.join();
-    CLogger::GetInstance().RemoveOutputDevice(&steady);
+    logger().RemoveOutputDevice(&steady);
     EXPECT_EQ(4 * perThread, steady.m_deliveries.load());
 }
 
@@ -291,13 +254,11 @@ TEST_F(LoggerTest, StdErrDeviceWritesWholeLinesUpToItsLevel)
     ASSERT_EQ(0, pipe(pipeEnds));
     const int savedStderr = dup(STDERR_FILENO);
     dup2(pipeEnds[1], STDERR_FILENO);
-
     KZF::CStdErrLogDevice device(4);
-    ASSERT_TRUE(CLogger::GetInstance().AddOutputDevice(&device));
-    CLogger::GetInstance().LogMessage(4, __FILE__, __LINE__, "f", CLogger::c_noneObjPtr, "shown %d", 1);
-    CLogger::GetInstance().LogMessage(8, __FILE__, __LINE__, "f", CLogger::c_noneObjPtr, "hidden");
-    CLogger::GetInstance().RemoveOutputDevice(&device);
-
+    ASSERT_TRUE(logger().AddOutputDevice(&device));
+    logText(4, "shown 1");
+    logText(5, "hidden");
+    logger().RemoveOutputDevice(&device);
     dup2(savedStderr, STDERR_FILENO);
     close(savedStderr);
     close(pipeEnds[1]);
@@ -307,7 +268,6 @@ TEST_F(LoggerTest, StdErrDeviceWritesWholeLinesUpToItsLevel)
     while ((n = read(pipeEnds[0], buffer, sizeof(buffer))) > 0)
         output.append(buffer, static_cast<size_t>(n));
     close(pipeEnds[0]);
-
     EXPECT_NE(std::string::npos, output.find("shown 1\n"));
     EXPECT_EQ(std::string::npos, output.find("hidden"));
     EXPECT_EQ(1, std::count(output.begin(), output.end(), '\n'));

@@ -1,6 +1,7 @@
 #include "NVQSockets/Linux/SocketServerLayer.h"
 
 #include "KZF_Utilities/Linux/Logger.h"
+#include "Support/CapturingLogDevice.h"
 #include "Support/TestClient.h"
 #include "Support/WaitFor.h"
 
@@ -146,6 +147,32 @@ void CTestConnection::OnConnectionClosed(NVQ::INVQDataLayer &)
     Detach();
 }
 
+// Holds deliveries inside the handler until released.
+struct SGate {
+    void Enter()
+    {
+        std::unique_lock<std::mutex> lock(m_mutex);
+        ++m_inside;
+        m_changed.notify_all();
+        m_changed.wait(lock, [&] { return m_release; });
+    }
+    bool WaitInside(int count)
+    {
+        std::unique_lock<std::mutex> lock(m_mutex);
+        return m_changed.wait_for(lock, std::chrono::seconds(5), [&] { return m_inside == count; });
+    }
+    void Release()
+    {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        m_release = true;
+        m_changed.notify_all();
+    }
+    std::mutex m_mutex;
+    std::condition_variable m_changed;
+    int m_inside = 0;
+    bool m_release = false;
+};
+
 class SocketServerLayerTest : public ::testing::Test
 {
   protected:
@@ -187,38 +214,20 @@ TEST_F(SocketServerLayerTest, EchoesOverIPv4AndIPv6AndNamesBothEnds)
     }
 }
 
-class CCapturingDevice : public KZF::ILogOutputDevice
-{
-  public:
-    bool Init() override { return true; }
-    void Terminate() override {}
-    void Log(const char *, unsigned int level, const KZF::CLogger::SLogMessage &message) override
-    {
-        std::lock_guard<std::mutex> lock(m_mutex);
-        m_messages.push_back(std::to_string(level) + " " + message.m_text);
-    }
-    std::mutex m_mutex;
-    std::vector<std::string> m_messages;
-};
-
-TEST_F(SocketServerLayerTest, StartFailsWhenThePortIsTakenOrTheServerRuns)
+TEST_F(SocketServerLayerTest, StartFailsWhenThePortIsTakenOrTheServerRunsAndRestartsAfterStop)
 {
     EXPECT_FALSE(m_server.StartServer(0, -1, false)) << "already running";
-
     NVQ::CSocketServerLayer second;
-    CCapturingDevice device;
-    KZF::CLogger::GetInstance().AddOutputDevice(&device);
-    EXPECT_FALSE(second.StartServer(m_port, -1, false));
-    KZF::CLogger::GetInstance().RemoveOutputDevice(&device);
+    {
+        NVQTest::CCapturingDevice device;
+        EXPECT_FALSE(second.StartServer(m_port, -1, false));
+        ASSERT_EQ(1u, device.Messages().size());
+        EXPECT_EQ(0u, device.Messages()[0].find("1 StartServer SocketServerLayer : cannot listen on port " +
+                                                std::to_string(m_port)))
+            << device.Messages()[0];
+    }
     EXPECT_FALSE(second.IsServerStarted());
-    ASSERT_EQ(1u, device.m_messages.size());
-    EXPECT_EQ(0u, device.m_messages[0].find("1 SocketServerLayer : cannot listen on port " +
-                                            std::to_string(m_port)))
-        << device.m_messages[0];
-}
 
-TEST_F(SocketServerLayerTest, RestartsAfterStop)
-{
     m_server.StopServer();
     EXPECT_FALSE(m_server.IsServerStarted());
     EXPECT_EQ(0, m_server.GetPort());
@@ -277,17 +286,11 @@ TEST_F(SocketServerLayerTest, StalledExchangesDoNotStallOthers)
     // More exchanges than the pool starts with block at once; all of them
     // must be running together before any is let go.
     const int stalled = 8;
-    std::mutex mutex;
-    std::condition_variable changed;
-    int inside = 0;
-    bool release = false;
+    SGate gate;
     m_listener.m_onData = [&](CTestConnection &, NVQ::INVQDataLayer &layer, const std::string &bytes) {
         if (bytes.empty())
             return;
-        std::unique_lock<std::mutex> lock(mutex);
-        ++inside;
-        changed.notify_all();
-        changed.wait(lock, [&] { return release; });
+        gate.Enter();
         layer.SendData("done", 4);
     };
     std::vector<CTestClient> clients(stalled);
@@ -295,13 +298,8 @@ TEST_F(SocketServerLayerTest, StalledExchangesDoNotStallOthers)
         ASSERT_TRUE(client.Connect(m_port));
         ASSERT_TRUE(client.Send("x"));
     }
-    {
-        std::unique_lock<std::mutex> lock(mutex);
-        EXPECT_TRUE(changed.wait_for(lock, std::chrono::seconds(5), [&] { return inside == stalled; }))
-            << inside << " of " << stalled << " exchanges started";
-        release = true;
-        changed.notify_all();
-    }
+    EXPECT_TRUE(gate.WaitInside(stalled)) << gate.m_inside << " of " << stalled << " exchanges started";
+    gate.Release();
     for (CTestClient &client : clients)
         EXPECT_EQ("done", client.Receive(4));
     EXPECT_GE(m_server.GetWorkerCount(), stalled);
@@ -370,25 +368,15 @@ TEST_F(SocketServerLayerTest, PeerCloseIsReportedOnceAndHalfCloseStillGetsTheAns
 
 TEST_F(SocketServerLayerTest, UnregisterWaitsForADeliveryOnAnotherThread)
 {
-    std::mutex mutex;
-    std::condition_variable changed;
-    bool inside = false;
-    bool release = false;
+    SGate gate;
     m_listener.m_onData = [&](CTestConnection &, NVQ::INVQDataLayer &, const std::string &bytes) {
-        if (bytes.empty())
-            return;
-        std::unique_lock<std::mutex> lock(mutex);
-        inside = true;
-        changed.notify_all();
-        changed.wait(lock, [&] { return release; });
+        if (!bytes.empty())
+            gate.Enter();
     };
     CTestClient client;
     ASSERT_TRUE(client.Connect(m_port));
     ASSERT_TRUE(client.Send("hold"));
-    {
-        std::unique_lock<std::mutex> lock(mutex);
-        ASSERT_TRUE(changed.wait_for(lock, std::chrono::seconds(5), [&] { return inside; }));
-    }
+    ASSERT_TRUE(gate.WaitInside(1));
     std::atomic<bool> unregistered(false);
     std::thread other([&] {
         m_listener.Connection(0).Detach();
@@ -396,13 +384,8 @@ TEST_F(SocketServerLayerTest, UnregisterWaitsForADeliveryOnAnotherThread)
     });
     std::this_thread::sleep_for(std::chrono::milliseconds(50));
     EXPECT_FALSE(unregistered) << "UnregisterNotification returned while its delivery ran";
-    {
-        std::lock_guard<std::mutex> lock(mutex);
-        release = true;
-    }
-    changed.notify_all();
+    gate.Release();
     other.join();
-    EXPECT_TRUE(unregistered);
 }
 
 TEST_F(SocketServerLayerTest, ClientThatNeverReadsBreaksTheConnectionAfterTheSendTimeout)
@@ -633,18 +616,11 @@ TEST(NotificationTest, ReferenceCountChecksOnDestruction)
         probe.ReleaseNotificationRef();
         EXPECT_EQ(0, probe.Count());
     }
-    EXPECT_DEATH(
-        {
-            CProbe held;
-            held.AddNotificationRef();
-        },
-        "m_notificationRef <= 0");
+    const auto leaveOneHeld = [] { CProbe().AddNotificationRef(); };
+    EXPECT_DEATH(leaveOneHeld(), "m_notificationRef <= 0");
     const int saved = GetKzfAssertMode();
     SetKzfAssertMode(1);
-    {
-        CProbe held;
-        held.AddNotificationRef();
-    }
+    leaveOneHeld();
     SetKzfAssertMode(saved);
 }
 
