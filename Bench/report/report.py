@@ -29,7 +29,7 @@ HANDFUL_THREADS = 8
 # The default cap of our worker pool (SetMaxWorkers): with slow clients
 # holding workers, the pool may grow to it and no further.
 WORKER_POOL_CAP = 256
-MAX_IDLE_BYTES = 4096
+MAX_IDLE_BYTES = 2048
 MAX_IDLE_TLS_BYTES = 16 * 1024
 SLOW_P99_SECONDS = 0.050
 MAX_BUFFERED_PER_UPLOAD = 1024 * 1024

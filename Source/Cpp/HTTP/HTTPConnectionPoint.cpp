@@ -419,11 +419,11 @@ void CHTTPConnectionPoint::UpdateIdle()
         return;
     const bool idle = m_exchange.load() == eNoExchange && m_receivedSize == 0;
     m_pDataLayer->SetIdle(idle);
-    // An idle TLS connection already costs OpenSSL's session state; its
-    // receive buffer need not add a kilobyte more while it waits. Next to
-    // the record crypto the allocation per request is lost in the noise,
-    // and plain connections keep their buffer as they always did.
-    if (idle && m_receiveBuffer.GetSize() != 0 && m_pDataLayer->IsSecure())
+    // A connection waiting between requests holds no receive buffer: idle
+    // connections are what a device has thousands of, and the kilobyte
+    // comes back from the allocator's per-thread cache with the next
+    // request's first bytes. Within a request the buffer grows and is kept.
+    if (idle && m_receiveBuffer.GetSize() != 0)
         m_receiveBuffer.SetSize(0);
 }
 
