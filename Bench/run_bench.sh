@@ -263,7 +263,7 @@ LINK="-lcivetweb" build_one civetweb_ws_echo "$BENCH_DIR/peers/civetweb_ws_echo.
 LINK="-lcpp-httplib -pthread" build_one httplib_static "$BENCH_DIR/peers/httplib_static.cpp" g++ -std=c++17 "${CFLAGS[@]}"
 LINK="-pthread" build_one floor_server "$BENCH_DIR/floor/floor_server.c" gcc "${CFLAGS[@]}"
 DEPS="$BENCH_DIR/tools/idle_conns_client.h" LINK="-lssl -lcrypto" build_one idle_conns "$BENCH_DIR/tools/idle_conns.cpp" g++ -std=c++17 "${CFLAGS[@]}"
-LINK="" build_one slow_readers "$BENCH_DIR/tools/slow_readers.cpp" g++ -std=c++17 "${CFLAGS[@]}"
+DEPS="$BENCH_DIR/tools/slow_readers_client.h" LINK="" build_one slow_readers "$BENCH_DIR/tools/slow_readers.cpp" g++ -std=c++17 "${CFLAGS[@]}"
 LINK="-pthread" build_one upload_client "$BENCH_DIR/tools/upload_client.cpp" g++ -std=c++17 "${CFLAGS[@]}"
 DEPS="$BENCH_DIR/tools/ws_load_worker.h" LINK="-pthread" build_one ws_load "$BENCH_DIR/tools/ws_load.cpp" g++ -std=c++17 "${CFLAGS[@]}"
 
