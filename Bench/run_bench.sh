@@ -244,10 +244,13 @@ export PATH="$PATH:/usr/sbin:/sbin"
 # ---------------------------------------------------------------------------
 BIN="$REPO/build/bench-peers"
 mkdir -p "$BIN"
-build_one() { # output source compiler flags...
-  local output=$1 source=$2
+build_one() { # output source compiler flags... (DEPS: headers the source includes)
+  local output=$1 source=$2 dep stale=0
   shift 2
-  if [ ! -x "$BIN/$output" ] || [ "$source" -nt "$BIN/$output" ]; then
+  for dep in "$source" ${DEPS:-}; do
+    if [ "$dep" -nt "$BIN/$output" ]; then stale=1; fi
+  done
+  if [ ! -x "$BIN/$output" ] || [ $stale = 1 ]; then
     log "building $output"
     "$@" -o "$BIN/$output.tmp" "$source" ${LINK:-} && mv "$BIN/$output.tmp" "$BIN/$output"
   fi
@@ -259,10 +262,10 @@ LINK="-lcivetweb" build_one civetweb_static "$BENCH_DIR/peers/civetweb_static.c"
 LINK="-lcivetweb" build_one civetweb_ws_echo "$BENCH_DIR/peers/civetweb_ws_echo.c" gcc "${CFLAGS[@]}"
 LINK="-lcpp-httplib -pthread" build_one httplib_static "$BENCH_DIR/peers/httplib_static.cpp" g++ -std=c++17 "${CFLAGS[@]}"
 LINK="-pthread" build_one floor_server "$BENCH_DIR/floor/floor_server.c" gcc "${CFLAGS[@]}"
-LINK="-lssl -lcrypto" build_one idle_conns "$BENCH_DIR/tools/idle_conns.cpp" g++ -std=c++17 "${CFLAGS[@]}"
-LINK="" build_one slow_readers "$BENCH_DIR/tools/slow_readers.cpp" g++ -std=c++17 "${CFLAGS[@]}"
+DEPS="$BENCH_DIR/tools/idle_conns_client.h" LINK="-lssl -lcrypto" build_one idle_conns "$BENCH_DIR/tools/idle_conns.cpp" g++ -std=c++17 "${CFLAGS[@]}"
+DEPS="$BENCH_DIR/tools/slow_readers_client.h" LINK="" build_one slow_readers "$BENCH_DIR/tools/slow_readers.cpp" g++ -std=c++17 "${CFLAGS[@]}"
 LINK="-pthread" build_one upload_client "$BENCH_DIR/tools/upload_client.cpp" g++ -std=c++17 "${CFLAGS[@]}"
-LINK="-pthread" build_one ws_load "$BENCH_DIR/tools/ws_load.cpp" g++ -std=c++17 "${CFLAGS[@]}"
+DEPS="$BENCH_DIR/tools/ws_load_worker.h" LINK="-pthread" build_one ws_load "$BENCH_DIR/tools/ws_load.cpp" g++ -std=c++17 "${CFLAGS[@]}"
 
 # Ours, optimised as a user would ship it. The WebSocket bench program is
 # built too once a target of that name exists (the benchmarks' CMake folder

@@ -17,9 +17,11 @@ install(EXPORT NVQHttpTargets NAMESPACE NVQHttp:: DESTINATION ${NVQ_PACKAGE_DIR}
 install(DIRECTORY ${PROJECT_SOURCE_DIR}/Build/Inc/
   DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/nvq
   FILES_MATCHING PATTERN "*.h")
+# A class's *Internal.h is shared by its own sources only.
 install(DIRECTORY ${PROJECT_SOURCE_DIR}/Source/Cpp/HTTP
   DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/nvq
-  FILES_MATCHING PATTERN "*.h")
+  FILES_MATCHING PATTERN "*.h"
+  PATTERN "*Internal.h" EXCLUDE)
 
 configure_package_config_file(${CMAKE_CURRENT_LIST_DIR}/NVQHttpConfig.cmake.in
   ${PROJECT_BINARY_DIR}/NVQHttpConfig.cmake
