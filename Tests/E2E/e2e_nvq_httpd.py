@@ -1,13 +1,10 @@
 #!/usr/bin/env python3
-"""End-to-end tests of the demo server with real clients.
-
-Usage: e2e_nvq_httpd.py NVQ_HTTPD SITE_DIR GROUP [EMULATOR [ARG...]]
-GROUP is one of: curl, http_client, chromium, sigterm, cap, web, web_chromium,
-web_nginx, websocket, wsidle, tls. A cross-compiled
-NVQ_HTTPD is started through EMULATOR (with its arguments); the clients run
-natively.
-Exit status 0 passed, 1 failed, 77 skipped (ctest's SKIP_RETURN_CODE).
-"""
+# End-to-end tests of the demo server with real clients.
+#
+# Usage: e2e_nvq_httpd.py NVQ_HTTPD SITE_DIR GROUP [EMULATOR [ARG...]]
+# GROUP is one of the keys of GROUPS below. A cross-compiled NVQ_HTTPD is
+# started through EMULATOR (with its arguments); the clients run natively.
+# Exit status 0 passed, 1 failed, 77 skipped (ctest's SKIP_RETURN_CODE).
 
 import base64
 import glob
@@ -32,30 +29,29 @@ NVQ_HTTPD = SITE_DIR = None
 EMULATOR = []
 
 
-class Server:
-    """nvq-httpd on a free port, serving a copy of the sample site plus test files."""
+def write_file(path, data):
+    with open(path, "wb") as f:
+        f.write(data)
 
+
+# nvq-httpd on a free port, serving a copy of the sample site plus test files.
+class Server:
     def __init__(self, extra_files=None, flags=()):
         self.root = tempfile.mkdtemp(prefix="nvq-e2e-")
         shutil.copytree(SITE_DIR, self.root, dirs_exist_ok=True)
         for name, data in (extra_files or {}).items():
-            with open(os.path.join(self.root, name), "wb") as f:
-                f.write(data)
+            write_file(os.path.join(self.root, name), data)
         self.process = subprocess.Popen(
             EMULATOR + [NVQ_HTTPD, "--port", "0", "--root", self.root, "--log-level", "4"] + list(flags),
             stderr=subprocess.PIPE, text=True)
-        self.port = self.tls_port = None
-        wants_tls = "--tls-port" in flags
+        ports = {}
         deadline = time.time() + 10
-        while (self.port is None or (wants_tls and self.tls_port is None)) and time.time() < deadline:
+        while len(ports) < 1 + ("--tls-port" in flags) and time.time() < deadline:
             line = self.process.stderr.readline()
             if not line:
                 break
-            match = re.search(r"(https?)://localhost:(\d+)/", line)
-            if match and match.group(1) == "http":
-                self.port = int(match.group(2))
-            elif match:
-                self.tls_port = int(match.group(2))
+            ports.update(re.findall(r"(https?)://localhost:(\d+)/", line))
+        self.port, self.tls_port = (int(ports[k]) if k in ports else None for k in ("http", "https"))
         if self.port is None:
             self.process.kill()
             raise RuntimeError("nvq-httpd did not report its port")
@@ -152,55 +148,61 @@ class HttpClientTest(ServerCase):
         connection.close()
 
 
-def raise_file_limit(test):
+GET_MISSING = b"GET /missing HTTP/1.1\r\nHost: x\r\n\r\n"
+
+
+def read_answer(sock, to_close=False):
+    # One answer: its head and Content-Length bytes, or everything up to the close.
+    data = b""
+    while True:
+        head, found, body = data.partition(b"\r\n\r\n")
+        length = re.search(rb"Content-Length: *(\d+)", head)
+        if found and not to_close and len(body) >= int(length.group(1) if length else 0):
+            return data
+        piece = sock.recv(65536)
+        if not piece:
+            return data
+        data += piece
+
+
+def hold_many(test, count, connect):
+    # count connections made by connect(), closed when the test ends.
     import resource
-    soft, hard = resource.getrlimit(resource.RLIMIT_NOFILE)
-    resource.setrlimit(resource.RLIMIT_NOFILE, (hard, hard))
-    test.addCleanup(resource.setrlimit, resource.RLIMIT_NOFILE, (soft, hard))
+    limits = resource.getrlimit(resource.RLIMIT_NOFILE)
+    resource.setrlimit(resource.RLIMIT_NOFILE, (limits[1], limits[1]))
+    test.addCleanup(resource.setrlimit, resource.RLIMIT_NOFILE, limits)
+    held = []
+    test.addCleanup(lambda: [connection.close() for connection in held])
+    for _ in range(count):
+        held.append(connect())
+    return held
 
 
 class CapTest(unittest.TestCase):
-    """At the default cap of 10,000 connections, held idle by one client."""
-
-    def answered(self, connection, send=True):
-        if send:
-            connection.sendall(b"GET /missing HTTP/1.1\r\nHost: x\r\n\r\n")
-        answer = b""
-        while b"\r\n\r\n" not in answer or len(answer) < answer.index(b"\r\n\r\n") + 4 + int(
-                re.search(rb"Content-Length: *(\d+)", answer).group(1)):
-            piece = connection.recv(4096)
-            self.assertTrue(piece, "closed before answering")
-            answer += piece
-        self.assertTrue(answer.startswith(b"HTTP/1.1 404"), answer[:40])
-        return connection
-
+    # At the default cap of 10,000 connections, held idle by one client.
     def test_the_longest_idle_connection_makes_room_for_a_newcomer(self):
-        raise_file_limit(self)
         server = Server()
-        held = []
-        try:
-            # The first connection is idle well before all others, so no clock
-            # tick shared between loops can make another one look older.
-            held.append(self.answered(socket.create_connection(("127.0.0.1", server.port), timeout=30)))
-            time.sleep(0.2)
-            for _ in range(9999):
-                held.append(socket.create_connection(("127.0.0.1", server.port), timeout=30))
-            # Every connection answered is one the server has taken in.
-            for connection in held[1:]:
-                connection.sendall(b"GET /missing HTTP/1.1\r\nHost: x\r\n\r\n")
-            for connection in held[1:]:
-                self.answered(connection, send=False)
-            newcomer = http.client.HTTPConnection("127.0.0.1", server.port, timeout=30)
-            newcomer.request("GET", "/index.html")
-            self.assertEqual(200, newcomer.getresponse().status)
-            newcomer.close()
-            held[0].settimeout(10)
-            self.assertEqual(b"", held[0].recv(1), "the connection idle longest was closed")
-            self.assertEqual(0, server.stop())
-        finally:
-            for connection in held:
-                connection.close()
-            server.stop(signal.SIGKILL, 1)
+        self.addCleanup(server.stop, signal.SIGKILL, 1)
+        connect = lambda: socket.create_connection(("127.0.0.1", server.port), timeout=30)
+        # The first connection is idle well before all others, so no clock
+        # tick shared between loops can make another one look older.
+        first = hold_many(self, 1, connect)[0]
+        first.sendall(GET_MISSING)
+        self.assertTrue(read_answer(first).startswith(b"HTTP/1.1 404"))
+        time.sleep(0.2)
+        held = hold_many(self, 9999, connect)
+        # Every connection answered is one the server has taken in.
+        for connection in held:
+            connection.sendall(GET_MISSING)
+        for connection in held:
+            self.assertTrue(read_answer(connection).startswith(b"HTTP/1.1 404"))
+        newcomer = http.client.HTTPConnection("127.0.0.1", server.port, timeout=30)
+        newcomer.request("GET", "/index.html")
+        self.assertEqual(200, newcomer.getresponse().status)
+        newcomer.close()
+        first.settimeout(10)
+        self.assertEqual(b"", first.recv(1), "the connection idle longest was closed")
+        self.assertEqual(0, server.stop())
 
 
 class WsClient:
@@ -246,6 +248,9 @@ class WsClient:
 
     def send(self, data):
         self.sock.sendall(data)
+
+    def close(self):
+        self.sock.close()
 
     def read(self, count):
         while len(self.buffer) < count:
@@ -369,58 +374,48 @@ class WebSocketTest(ServerCase):
 
 def process_status(pid, field):
     with open("/proc/%d/status" % pid) as f:
-        for line in f:
-            if line.startswith(field + ":"):
-                return int(line.split()[1])
-    return 0
+        return int(re.search(field + r":\s+(\d+)", f.read()).group(1))
 
 
 class WsIdleTest(unittest.TestCase):
-    """10,000 idle WebSockets (the default connection cap) cost bounded memory and no thread each."""
-
-    COUNT = 10000
-
+    # 10,000 idle WebSockets (the default connection cap) cost bounded memory and no thread each.
     def test_ten_thousand_idle_websockets(self):
-        raise_file_limit(self)
         server = Server(flags=["--ws-echo"])
-        held = []
-        try:
-            warm = WsClient(server.port)  # first session's one-time costs out of the figure
-            warm.send(WsClient.frame(1, b"warm"))
-            warm.receive()
-            time.sleep(0.2)
-            pid = server.process.pid
-            before = process_status(pid, "VmRSS")
-            for _ in range(self.COUNT - 1):
-                held.append(WsClient(server.port))
-            for client in held:
-                self.assertTrue(client.head.startswith("HTTP/1.1 101"), client.head)
-            time.sleep(0.5)
-            per = (process_status(pid, "VmRSS") - before) * 1024 / self.COUNT
-            threads = process_status(pid, "Threads")
-            print("idle WebSockets: %d, RSS per connection %.0f bytes, %d threads" % (self.COUNT, per, threads))
-            self.assertLessEqual(threads, 8)
-            self.assertLess(per, 32 * 1024)  # 4 KiB is the goal without sanitizers
-            for client in held[::1000]:
-                client.send(WsClient.frame(1, b"still here"))
-                self.assertEqual((True, 1, b"still here"), client.receive())
-            self.assertEqual(0, server.stop())
-        finally:
-            for client in held:
-                client.sock.close()
-            server.stop(signal.SIGKILL, 1)
+        self.addCleanup(server.stop, signal.SIGKILL, 1)
+        connect = lambda: WsClient(server.port)
+        warm = hold_many(self, 1, connect)[0]  # the first session's one-time costs out of the figure
+        warm.send(WsClient.frame(1, b"warm"))
+        warm.receive()
+        time.sleep(0.2)
+        before = process_status(server.process.pid, "VmRSS")
+        held = hold_many(self, 9999, connect)
+        for client in held:
+            self.assertTrue(client.head.startswith("HTTP/1.1 101"), client.head)
+        time.sleep(0.5)
+        per = (process_status(server.process.pid, "VmRSS") - before) * 1024 / 10000
+        threads = process_status(server.process.pid, "Threads")
+        print("idle WebSockets: 10000, RSS per connection %.0f bytes, %d threads" % (per, threads))
+        self.assertLessEqual(threads, 8)
+        self.assertLess(per, 32 * 1024)  # 4 KiB is the goal without sanitizers
+        for client in held[::1000]:
+            client.send(WsClient.frame(1, b"still here"))
+            self.assertEqual((True, 1, b"still here"), client.receive())
+        self.assertEqual(0, server.stop())
 
 
 def find_chromium():
     return next(filter(None, map(shutil.which, ("chromium", "chromium-browser", "google-chrome"))), None)
 
 
-def dump_dom(browser, profile, url, *flags):
-    command = [browser, "--headless", "--no-sandbox", "--disable-gpu", "--disable-quic", "--no-first-run",
+def dump_dom(url, *flags):
+    profile = tempfile.mkdtemp(prefix="nvq-chromium-")
+    command = [find_chromium(), "--headless", "--no-sandbox", "--disable-gpu", "--disable-quic", "--no-first-run",
                "--disable-background-networking", "--disable-component-update", "--disable-sync",
                "--disable-dev-shm-usage", "--user-data-dir=" + profile, "--virtual-time-budget=5000"] + list(flags)
-    result = subprocess.run(command + ["--dump-dom", url], capture_output=True, text=True, timeout=120, check=False)
-    return result.stdout
+    try:
+        return subprocess.run(command + ["--dump-dom", url], capture_output=True, text=True, timeout=120).stdout
+    finally:
+        shutil.rmtree(profile, ignore_errors=True)
 
 
 # Opens the sample log page in a frame, waits for its first lines, then opens
@@ -454,14 +449,8 @@ def assert_sample_page(test, dom):
 class ChromiumTest(ServerCase):
     FILES = {"live-probe.html": LIVE_PROBE}
 
-    def setUp(self):
-        super().setUp()
-        self.browser = find_chromium()
-        self.profile = tempfile.mkdtemp(prefix="nvq-chromium-")
-        self.addCleanup(shutil.rmtree, self.profile, True)
-
     def dump_dom(self, path):
-        return dump_dom(self.browser, self.profile, self.server.url(path))
+        return dump_dom(self.server.url(path))
 
     def test_index_page_loads_stylesheet_script_and_image(self):
         assert_sample_page(self, self.dump_dom("/index.html"))
@@ -558,26 +547,23 @@ class WebTest(ServerCase):
         connection.close()
 
 
-def start_nginx(upstream_port):
-    """nginx in front of upstream_port, with a keep-alive pool; (process, port, directory)."""
+def start_nginx(test, upstream_port):
+    # nginx in front of upstream_port, with a keep-alive pool; its port.
     directory = tempfile.mkdtemp(prefix="nvq-nginx-")
-    probe = socket.socket()
-    probe.bind(("127.0.0.1", 0))
+    probe = socket.create_server(("127.0.0.1", 0))
     port = probe.getsockname()[1]
     probe.close()
-    with open(os.path.join(directory, "nginx.conf"), "w") as f:
-        f.write(NGINX_CONF.replace("{dir}", directory).replace("{port}", str(port))
-                .replace("{upstream}", str(upstream_port)))
+    write_file(directory + "/nginx.conf", NGINX_CONF.replace("{dir}", directory).replace("{port}", str(port))
+               .replace("{upstream}", str(upstream_port)).encode())
     process = subprocess.Popen(["/usr/sbin/nginx", "-p", directory + "/", "-c", directory + "/nginx.conf",
                                 "-e", directory + "/error.log", "-g", "daemon off;"])
+    test.addCleanup(shutil.rmtree, directory, True)
+    test.addCleanup(process.wait, 10)
+    test.addCleanup(process.send_signal, signal.SIGQUIT)
     deadline = time.time() + 10
-    while time.time() < deadline:
-        try:
-            socket.create_connection(("127.0.0.1", port), timeout=1).close()
-            break
-        except OSError:
-            time.sleep(0.05)
-    return process, port, directory
+    while time.time() < deadline and socket.socket().connect_ex(("127.0.0.1", port)) != 0:
+        time.sleep(0.05)
+    return port
 
 
 # The configuration the README shows, around the test's own paths.
@@ -601,39 +587,18 @@ http {
 """
 
 
+# The page that needs --web, loaded by Chromium, directly or through nginx.
 class WebPage(unittest.TestCase):
-    """The page that needs --web, loaded by Chromium, directly or through nginx."""
-
-    def setUp(self):
-        self.browser = find_chromium()
-        self.profile = tempfile.mkdtemp(prefix="nvq-chromium-")
-
-    def tearDown(self):
-        shutil.rmtree(self.profile, ignore_errors=True)
-
     def page(self, flags, through_nginx=False):
-        self.server = Server(web_files(), flags)
-        nginx = None
-        try:
-            port = self.server.port
-            if through_nginx:
-                nginx = start_nginx(self.server.port)
-                port = nginx[1]
-                url = "http://127.0.0.1:%d/big.bin" % port
-                self.assertTrue(curl(url, url).stdout == BIG + BIG)
-                self.assertEqual(BIG[5:10], curl("-r", "5-9", url).stdout)
-                sample = dump_dom(self.browser, self.profile, "http://127.0.0.1:%d/index.html" % port)
-                self.assertIn("script: ran", sample)
-                self.assertIn("image: loaded 96px", sample)
-            dom = dump_dom(self.browser, self.profile, "http://127.0.0.1:%d/web.html" % port)
-            return re.sub(r"\s+", " ", dom)
-        finally:
-            if nginx:
-                nginx[0].send_signal(signal.SIGQUIT)
-                nginx[0].wait(10)
-                shutil.rmtree(nginx[2], ignore_errors=True)
-            self.assertEqual(0, self.server.stop())
-
+        server = Server(web_files(), flags)
+        self.addCleanup(lambda: self.assertEqual(0, server.stop()))
+        port = start_nginx(self, server.port) if through_nginx else server.port
+        if through_nginx:
+            url = "http://127.0.0.1:%d/big.bin" % port
+            self.assertTrue(curl(url, url).stdout == BIG + BIG)
+            self.assertEqual(BIG[5:10], curl("-r", "5-9", url).stdout)
+            assert_sample_page(self, dump_dom("http://127.0.0.1:%d/index.html" % port))
+        return re.sub(r"\s+", " ", dump_dom("http://127.0.0.1:%d/web.html" % port))
 
 
 class WebChromiumTest(WebPage):
@@ -678,38 +643,28 @@ class SigtermTest(unittest.TestCase):
 
 
 def make_certificates(directory):
-    """A test CA and two certificates it signed for localhost, named first and second."""
-    def new(name, *args):
-        subprocess.run(["openssl", "req", "-newkey", "ec", "-pkeyopt", "ec_paramgen_curve:prime256v1", "-nodes",
-                        "-keyout", name + ".key", "-subj", "/CN=" + name] + list(args),
-                       cwd=directory, check=True, capture_output=True)
-    new("ca", "-x509", "-days", "2", "-out", "ca.pem")
-    with open(os.path.join(directory, "ext"), "w") as f:
-        f.write("subjectAltName=DNS:localhost,IP:127.0.0.1\n")
-    for name in ("first", "second"):
-        new(name, "-out", name + ".csr")
-        subprocess.run(["openssl", "x509", "-req", "-in", name + ".csr", "-CA", "ca.pem", "-CAkey", "ca.key",
-                        "-CAcreateserial", "-days", "2", "-extfile", "ext", "-out", name + ".pem"],
-                       cwd=directory, check=True, capture_output=True)
+    # A test CA and two certificates it signed for localhost, named first and second.
+    subprocess.run("""set -e
+new() { openssl req -newkey ec -pkeyopt ec_paramgen_curve:prime256v1 -nodes -keyout $1.key -subj /CN=$1 "${@:2}"; }
+new ca -x509 -days 2 -out ca.pem
+echo subjectAltName=DNS:localhost,IP:127.0.0.1 > ext
+for n in first second; do new $n -out $n.csr; openssl x509 -req -in $n.csr -CA ca.pem -CAkey ca.key \
+  -CAcreateserial -days 2 -extfile ext -out $n.pem; done""", shell=True, executable="/bin/bash", cwd=directory,
+                   check=True, capture_output=True)
 
 
-class TlsTest(unittest.TestCase):
-    """HTTPS next to plain HTTP, with the test CA's certificate."""
-
+# HTTPS next to plain HTTP, with the test CA's certificate.
+class TlsTest(ServerCase):
     def setUp(self):
         self.certs = tempfile.mkdtemp(prefix="nvq-e2e-tls-")
+        self.addCleanup(shutil.rmtree, self.certs, True)
         make_certificates(self.certs)
-        self.cert, self.key = os.path.join(self.certs, "cert.pem"), os.path.join(self.certs, "key.pem")
+        self.cert, self.key, self.ca = (os.path.join(self.certs, n) for n in ("cert.pem", "key.pem", "ca.pem"))
         self.use("first")
-        self.ca = os.path.join(self.certs, "ca.pem")
-        self.server = Server({"big.bin": BIG, "small.txt": SMALL},
-                             ["--tls-cert", self.cert, "--tls-key", self.key, "--tls-port", "0", "--ws-echo"])
+        self.FLAGS = ["--tls-cert", self.cert, "--tls-key", self.key, "--tls-port", "0", "--ws-echo"]
+        super().setUp()
         self.context = ssl.create_default_context(cafile=self.ca)
         self.context.set_alpn_protocols(["h2", "http/1.1"])
-
-    def tearDown(self):
-        self.assertEqual(0, self.server.stop())
-        shutil.rmtree(self.certs, ignore_errors=True)
 
     def use(self, name):
         shutil.copy(os.path.join(self.certs, name + ".pem"), self.cert)
@@ -740,19 +695,6 @@ class TlsTest(unittest.TestCase):
         self.assertEqual(SMALL, curl(self.server.url("/small.txt")).stdout)
 
     def test_answers_over_tls_are_the_bytes_of_plain_http(self):
-        def answer(sock, to_close):
-            data = b""
-            while True:
-                if not to_close and b"\r\n\r\n" in data:
-                    head, _, body = data.partition(b"\r\n\r\n")
-                    length = re.search(rb"Content-Length: *(\d+)", head)
-                    if len(body) >= int(length.group(1) if length else 0):
-                        return data
-                piece = sock.recv(65536)
-                if not piece:
-                    return data
-                data += piece
-
         plain = socket.create_connection(("127.0.0.1", self.server.port), timeout=30)
         secure = self.context.wrap_socket(socket.create_connection(("127.0.0.1", self.server.tls_port), timeout=30),
                                           server_hostname="localhost")
@@ -764,9 +706,9 @@ class TlsTest(unittest.TestCase):
             request = b"GET " + path.encode() + b" HTTP/1.1\r\nHost: x\r\n" + extra + b"\r\n"
             plain.sendall(request)
             secure.sendall(request)
-            expected = answer(plain, to_close)
+            expected = read_answer(plain, to_close)
             self.assertTrue(expected.startswith(b"HTTP/1.1 "), name)
-            self.assertEqual(expected, answer(secure, to_close), name)
+            self.assertEqual(expected, read_answer(secure, to_close), name)
         self.assertTrue(expected.endswith(BIG))
         plain.close()
         secure.close()
@@ -807,13 +749,9 @@ class TlsTest(unittest.TestCase):
         held.close()
 
     def test_chromium_loads_the_page_over_https(self):
-        browser = find_chromium()
-        if browser is None:
+        if find_chromium() is None:
             self.skipTest("Chromium is not installed")
-        profile = tempfile.mkdtemp(prefix="nvq-chromium-")
-        dom = dump_dom(browser, profile, self.url("/index.html"), "--ignore-certificate-errors")
-        shutil.rmtree(profile, ignore_errors=True)
-        assert_sample_page(self, dom)
+        assert_sample_page(self, dump_dom(self.url("/index.html"), "--ignore-certificate-errors"))
 
 
 GROUPS = {"curl": CurlTest, "http_client": HttpClientTest, "chromium": ChromiumTest, "sigterm": SigtermTest,
@@ -825,7 +763,7 @@ GROUPS = {"curl": CurlTest, "http_client": HttpClientTest, "chromium": ChromiumT
 def main():
     global NVQ_HTTPD, SITE_DIR, EMULATOR
     if len(sys.argv) < 4 or sys.argv[3] not in GROUPS:
-        print(__doc__, file=sys.stderr)
+        print("usage: e2e_nvq_httpd.py NVQ_HTTPD SITE_DIR {%s} [EMULATOR...]" % ",".join(GROUPS), file=sys.stderr)
         return 2
     NVQ_HTTPD, SITE_DIR, group = sys.argv[1], sys.argv[2], sys.argv[3]
     EMULATOR = sys.argv[4:]
