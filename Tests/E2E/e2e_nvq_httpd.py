@@ -29,6 +29,11 @@ NVQ_HTTPD = SITE_DIR = None
 EMULATOR = []
 
 
+def data_file(name):
+    with open(os.path.join(os.path.dirname(os.path.abspath(__file__)), "files", name), "rb") as f:
+        return f.read()
+
+
 def write_file(path, data):
     with open(path, "wb") as f:
         f.write(data)
@@ -69,8 +74,7 @@ class Server:
         try:
             code = self.process.wait(timeout)
         except subprocess.TimeoutExpired:
-            self.process.kill()
-            code = None
+            code = self.process.kill()
         self.reader.join(5)
         shutil.rmtree(self.root, ignore_errors=True)
         return code
@@ -81,13 +85,16 @@ def curl(*args, seconds=30):
                           capture_output=True, check=False)
 
 
+def status(*args):
+    return curl("--output", "/dev/null", "--write-out", "%{http_code}", *args).stdout.decode()
+
+
 BIG = os.urandom(5 * 1024 * 1024 + 123)
 SMALL = b"small file\n"
 
 
+# One server per test, started with the class's files and flags, that must exit cleanly.
 class ServerCase(unittest.TestCase):
-    """One server per test, started with the class's files and flags, that must exit cleanly."""
-
     FILES, FLAGS = {"big.bin": BIG, "small.txt": SMALL}, []
 
     def setUp(self):
@@ -104,8 +111,7 @@ class CurlTest(ServerCase):
         self.assertEqual(hashlib.sha256(BIG).hexdigest(), hashlib.sha256(big).hexdigest())
 
     def test_missing_file_is_404(self):
-        result = curl("--output", "/dev/null", "--write-out", "%{http_code}", self.server.url("/missing.html"))
-        self.assertEqual(b"404", result.stdout)
+        self.assertEqual("404", status(self.server.url("/missing.html")))
 
     def test_log_endpoint_with_parameters(self):
         for _ in range(3):
@@ -214,37 +220,31 @@ class WsClient:
         self.sock = socket.create_connection(("127.0.0.1", port), timeout=20)
         if context is not None:  # wss://
             self.sock = context.wrap_socket(self.sock, server_hostname="localhost")
-        self.buffer = b""
-        key = base64.b64encode(os.urandom(16))
+        self.buffer, key = b"", base64.b64encode(os.urandom(16))
         self.sock.sendall(b"GET %s HTTP/1.1\r\nHost: 127.0.0.1\r\nUpgrade: websocket\r\nConnection: Upgrade\r\n"
-                          b"Sec-WebSocket-Key: %s\r\n%s\r\n" % (path.encode(), key,
-                                                                (headers or "Sec-WebSocket-Version: 13\r\n").encode()))
-        while b"\r\n\r\n" not in self.buffer:
-            piece = self.sock.recv(65536)
-            if not piece:
-                break
-            self.buffer += piece
+                          b"Sec-WebSocket-Key: %s\r\n%s\r\n"
+                          % (path.encode(), key, (headers or "Sec-WebSocket-Version: 13\r\n").encode()))
+        while b"\r\n\r\n" not in self.buffer and self.more():
+            pass
         head, _, self.buffer = self.buffer.partition(b"\r\n\r\n")
         self.head = head.decode("latin-1")
         self.accept = base64.b64encode(hashlib.sha1(key + self.GUID).digest()).decode()
 
+    def more(self):
+        piece = self.sock.recv(1 << 20)
+        self.buffer += piece
+        return piece != b""
+
     @staticmethod
     def frame(opcode, payload=b"", fin=True, mask=True, rsv=0):
-        head = bytes([(0x80 if fin else 0) | rsv | opcode])
         size = len(payload)
-        bit = 0x80 if mask else 0
-        if size < 126:
-            head += bytes([bit | size])
-        elif size < 65536:
-            head += bytes([bit | 126]) + size.to_bytes(2, "big")
-        else:
-            head += bytes([bit | 127]) + size.to_bytes(8, "big")
-        if not mask:
-            return head + payload
-        key = os.urandom(4)
-        whole = key * (size // 4 + 1)
-        masked = (int.from_bytes(payload, "big") ^ int.from_bytes(whole[:size], "big")).to_bytes(size, "big")
-        return head + key + masked
+        wide = 0 if size < 126 else 2 if size < 65536 else 8
+        head = bytes([(0x80 if fin else 0) | rsv | opcode, (0x80 if mask else 0) | {0: size, 2: 126, 8: 127}[wide]])
+        key = os.urandom(4) if mask else b""
+        if mask:
+            whole = int.from_bytes((key * (size // 4 + 1))[:size], "big")
+            payload = (int.from_bytes(payload, "big") ^ whole).to_bytes(size, "big")
+        return head + (size.to_bytes(wide, "big") if wide else b"") + key + payload
 
     def send(self, data):
         self.sock.sendall(data)
@@ -254,22 +254,17 @@ class WsClient:
 
     def read(self, count):
         while len(self.buffer) < count:
-            piece = self.sock.recv(1 << 20)
-            if not piece:
+            if not self.more():
                 raise EOFError("closed")
-            self.buffer += piece
         data, self.buffer = self.buffer[:count], self.buffer[count:]
         return data
 
     def receive(self):
-        """The next frame: (fin, opcode, payload)."""
+        # The next frame: (fin, opcode, payload).
         b0, b1 = self.read(2)
         self.assert_unmasked = not b1 & 0x80
-        size = b1 & 0x7F
-        if size == 126:
-            size = int.from_bytes(self.read(2), "big")
-        elif size == 127:
-            size = int.from_bytes(self.read(8), "big")
+        wide = {126: 2, 127: 8}.get(b1 & 0x7F)
+        size = int.from_bytes(self.read(wide), "big") if wide else b1 & 0x7F
         return bool(b0 & 0x80), b0 & 0x0F, self.read(size)
 
     def closed_by_server(self):
@@ -421,24 +416,7 @@ def dump_dom(url, *flags):
 # Opens the sample log page in a frame, waits for its first lines, then opens
 # a connection (which the server logs) and notes how long the page takes to
 # show that message, and whether the page ever polled /proxy/log.
-LIVE_PROBE = b"""<!DOCTYPE html><html><body><p id="result">waiting</p><iframe id="f" src="log.html"></iframe>
-<script>
-var frame = document.getElementById('f');
-function count(doc) { return (doc.getElementById('log').textContent.match(/create connection point/g) || []).length; }
-function start() {
-  var doc = frame.contentDocument;
-  if (!doc || !doc.getElementById('log') || count(doc) == 0) { setTimeout(start, 20); return; }
-  var before = count(doc), started = Date.now();
-  new WebSocket('ws://' + location.host + '/no-such-socket');
-  (function poll() {
-    if (count(doc) <= before) { setTimeout(poll, 5); return; }
-    var polls = frame.contentWindow.performance.getEntriesByType('resource').filter(function (e) {
-      return e.name.indexOf('/proxy/log') >= 0; }).length;
-    document.getElementById('result').textContent = 'seen after ' + (Date.now() - started) + ' ms, ' + polls + ' polls';
-  })();
-}
-frame.onload = start;
-</script></body></html>"""
+LIVE_PROBE = data_file("live-probe.html")
 
 
 def assert_sample_page(test, dom):
@@ -449,19 +427,16 @@ def assert_sample_page(test, dom):
 class ChromiumTest(ServerCase):
     FILES = {"live-probe.html": LIVE_PROBE}
 
-    def dump_dom(self, path):
-        return dump_dom(self.server.url(path))
-
     def test_index_page_loads_stylesheet_script_and_image(self):
-        assert_sample_page(self, self.dump_dom("/index.html"))
+        assert_sample_page(self, dump_dom(self.server.url("/index.html")))
 
     def test_log_page_shows_log_lines(self):
-        dom = self.dump_dom("/log.html")
+        dom = dump_dom(self.server.url("/log.html"))
         self.assertRegex(dom, r"\d{4}-\d\d-\d\dT\d\d:\d\d:\d\d - ")
         self.assertIn("create connection point", dom)
 
     def test_log_page_shows_a_new_message_at_once_without_polling(self):
-        dom = self.dump_dom("/live-probe.html")
+        dom = dump_dom(self.server.url("/live-probe.html"))
         match = re.search(r"seen after (\d+) ms, (\d+) polls", dom)
         self.assertIsNotNone(match, dom[:2000])
         print(match.group(0))
@@ -480,15 +455,8 @@ class ChromiumTest(ServerCase):
 WASM_ANSWER = bytes.fromhex("0061736d01000000" "0105016000017f" "03020100" "070a0106616e737765720000"
                             "0a06010400412a0b")
 WEB_FILES = {
-    "web.html": b"<!DOCTYPE html><html><head><meta charset='utf-8'><style>@font-face{font-family:T;"
-                b"src:url(font.ttf)}</style><script type='module' src='web.mjs'></script></head>"
-                b"<body><p id='out'>pending</p></body></html>",
-    "web.mjs": b"const parts = [];\n"
-               b"try { const { instance } = await WebAssembly.instantiateStreaming(fetch('answer.wasm'));\n"
-               b"  parts.push('wasm ' + instance.exports.answer()); } catch (e) { parts.push('wasm failed'); }\n"
-               b"const faces = await document.fonts.load('16px T').catch(() => []);\n"
-               b"parts.push('font ' + (faces.length > 0 ? 'loaded' : 'failed'));\n"
-               b"document.getElementById('out').textContent = parts.join(', ');\n",
+    "web.html": data_file("web.html"),
+    "web.mjs": data_file("web.mjs"),
     "answer.wasm": WASM_ANSWER,
     "big.bin": BIG,
     "small.txt": SMALL,
@@ -567,24 +535,7 @@ def start_nginx(test, upstream_port):
 
 
 # The configuration the README shows, around the test's own paths.
-NGINX_CONF = """worker_processes 1; pid {dir}/nginx.pid; error_log {dir}/error.log;
-events { worker_connections 256; }
-http {
-  access_log off; client_body_temp_path {dir}/body; proxy_temp_path {dir}/proxy;
-  fastcgi_temp_path {dir}/fastcgi; uwsgi_temp_path {dir}/uwsgi; scgi_temp_path {dir}/scgi;
-  upstream nvq { server 127.0.0.1:{upstream}; keepalive 16; }
-  server {
-    listen 127.0.0.1:{port};
-    location / {
-      proxy_pass http://nvq;
-      proxy_http_version 1.1;
-      proxy_set_header Connection "";
-      proxy_set_header Host $host;
-      proxy_max_temp_file_size 0;
-    }
-  }
-}
-"""
+NGINX_CONF = data_file("nginx.conf").decode()
 
 
 # The page that needs --web, loaded by Chromium, directly or through nginx.
@@ -621,8 +572,7 @@ class SigtermTest(unittest.TestCase):
         self.assertTrue(client.recv(4096).startswith(b"HTTP/1.1 200 OK"))
         time.sleep(0.3)  # the download is under way, held back by the slow reader
         started = time.time()
-        code = server.stop(signal.SIGTERM, timeout=10)
-        self.assertEqual(0, code)
+        self.assertEqual(0, server.stop(signal.SIGTERM, timeout=10))
         self.assertLess(time.time() - started, 5)
         client.close()
 
@@ -630,9 +580,7 @@ class SigtermTest(unittest.TestCase):
         result = subprocess.run(EMULATOR + [NVQ_HTTPD, "--bogus"], capture_output=True, text=True, timeout=10)
         self.assertNotEqual(0, result.returncode)
         self.assertIn("unknown flag", result.stderr.splitlines()[0])
-        taken = socket.socket()
-        taken.bind(("0.0.0.0", 0))
-        taken.listen()
+        taken = socket.create_server(("0.0.0.0", 0))
         port = taken.getsockname()[1]
         result = subprocess.run(EMULATOR + [NVQ_HTTPD, "--port", str(port), "--root", SITE_DIR], capture_output=True,
                                 text=True, timeout=10)
@@ -687,9 +635,7 @@ class TlsTest(ServerCase):
         self.assertEqual(SMALL, curl("--cacert", self.ca, self.url("/small.txt")).stdout)
         big = curl("--cacert", self.ca, self.url("/big.bin")).stdout
         self.assertEqual(hashlib.sha256(BIG).hexdigest(), hashlib.sha256(big).hexdigest())
-        result = curl("--cacert", self.ca, "--output", "/dev/null", "--write-out", "%{http_code}",
-                      self.url("/missing.html"))
-        self.assertEqual(b"404", result.stdout)
+        self.assertEqual("404", status("--cacert", self.ca, self.url("/missing.html")))
         # Without the CA the certificate is refused; plain HTTP goes on beside.
         self.assertNotEqual(0, curl(self.url("/small.txt")).returncode)
         self.assertEqual(SMALL, curl(self.server.url("/small.txt")).stdout)

@@ -1,11 +1,10 @@
 #!/usr/bin/env python3
-"""End-to-end tests of uploads and access control in the demo server.
-
-Usage: e2e_uploads.py NVQ_HTTPD SITE_DIR [EMULATOR [ARG...]]
-Memory is checked only for a native build without sanitizers
-(NVQ_E2E_PLAIN=1 in the environment). Exit status 0 passed, 1 failed,
-77 skipped.
-"""
+# End-to-end tests of uploads and access control in the demo server.
+#
+# Usage: e2e_uploads.py NVQ_HTTPD SITE_DIR [EMULATOR [ARG...]]
+# Memory is checked only for a native build without sanitizers
+# (NVQ_E2E_PLAIN=1 in the environment). Exit status 0 passed, 1 failed,
+# 77 skipped.
 
 import hashlib
 import http.client
@@ -48,13 +47,10 @@ class UploadTest(unittest.TestCase):
     def setUp(self):
         self.store = tempfile.mkdtemp(prefix="nvq-store-", dir=self.work)
         self.server = e2e.Server(flags=["--strict", "--upload-dir", self.store])
-
-    def tearDown(self):
-        self.assertEqual(0, self.server.stop())
+        self.addCleanup(lambda: self.assertEqual(0, self.server.stop()))
 
     def peak_memory_kib(self):
-        with open("/proc/%d/status" % self.server.process.pid) as f:
-            return int(re.search(r"VmHWM:\s+(\d+)", f.read()).group(1))
+        return e2e.process_status(self.server.process.pid, "VmHWM")
 
     def test_large_uploads_arrive_byte_exact_in_bounded_memory(self):
         url = self.server.url("/upload")
@@ -115,20 +111,15 @@ class AccessTest(unittest.TestCase):
         hashed = hashlib.md5(("admin:%s:secret" % self.REALM).encode()).hexdigest()
         self.users.write("admin:%s:%s\n" % (self.REALM, hashed))
         self.users.close()
-        self.servers = []
-
-    def tearDown(self):
-        for server in self.servers:
-            self.assertEqual(0, server.stop())
-        os.unlink(self.users.name)
+        self.addCleanup(os.unlink, self.users.name)
 
     def start(self, *flags):
-        self.servers.append(e2e.Server(flags=["--auth-file", self.users.name] + list(flags)))
-        return self.servers[-1]
+        server = e2e.Server(flags=["--auth-file", self.users.name] + list(flags))
+        self.addCleanup(lambda: self.assertEqual(0, server.stop()))
+        return server
 
     def status(self, server, *args):
-        return e2e.curl("--output", "/dev/null", "--write-out", "%{http_code}", *args,
-                        server.url("/proxy/log")).stdout.decode()
+        return e2e.status(*args, server.url("/proxy/log"))
 
     def test_credentials_by_scheme(self):
         digest_only = self.start()
@@ -142,8 +133,7 @@ class AccessTest(unittest.TestCase):
                  (with_basic, ["--basic", "-u", "admin:wrong"], "401")]
         for server, args, expected in cases:
             self.assertEqual(expected, self.status(server, *args), args)
-        page = e2e.curl("--write-out", "%{http_code}", digest_only.url("/index.html")).stdout.decode()
-        self.assertTrue(page.endswith("200"), "the front page stays public")
+        self.assertEqual("200", e2e.status(digest_only.url("/index.html")), "the front page stays public")
 
     def test_replayed_digest_is_refused(self):
         server = self.start()
@@ -173,9 +163,8 @@ class AccessTest(unittest.TestCase):
         self.assertEqual([200, 401], statuses, "the same nonce count twice")
 
 
+# Headless Chromium driven over its DevTools protocol, through the e2e WebSocket client.
 class DevTools:
-    """Headless Chromium driven over its DevTools protocol, through the e2e WebSocket client."""
-
     def __init__(self, test):
         browser = e2e.find_chromium()
         if browser is None:
@@ -185,18 +174,15 @@ class DevTools:
             [browser, "--headless", "--no-sandbox", "--disable-gpu", "--no-first-run", "--disable-dev-shm-usage",
              "--disable-background-networking", "--disable-component-update", "--user-data-dir=" + self.profile,
              "--remote-debugging-port=0", "about:blank"], stdout=subprocess.DEVNULL, stderr=subprocess.PIPE, text=True)
-        test.addCleanup(self.close)
+        test.addCleanup(shutil.rmtree, self.profile, True)
+        test.addCleanup(self.process.wait)
+        test.addCleanup(self.process.kill)
         port = next(int(m.group(1)) for m in map(re.compile(r"ws://127\.0\.0\.1:(\d+)/").search,
                                                   self.process.stderr) if m)
         pages = json.load(urllib.request.urlopen("http://127.0.0.1:%d/json/list" % port, timeout=10))
         url = next(p["webSocketDebuggerUrl"] for p in pages if p["type"] == "page")
         self.socket = e2e.WsClient(port, re.sub(r"^ws://[^/]+", "", url))
         self.calls = 0
-
-    def close(self):
-        self.process.kill()
-        self.process.wait()
-        shutil.rmtree(self.profile, ignore_errors=True)
 
     def call(self, method, **params):
         self.calls += 1
@@ -208,7 +194,7 @@ class DevTools:
                 return answer["result"]
 
     def value(self, expression, timeout=20):
-        """The expression's value once it is truthy (None after the timeout)."""
+        # The expression's value once it is truthy (None after the timeout).
         deadline = time.time() + timeout
         while time.time() < deadline:
             result = self.call("Runtime.evaluate", expression=expression, returnByValue=True)["result"]
@@ -218,7 +204,7 @@ class DevTools:
         return None
 
     def open(self, url):
-        """Navigates and answers the page's HTTP status."""
+        # Navigates and answers the page's HTTP status.
         self.call("Page.navigate", url=url)
         return self.value("document.readyState == 'complete' && location.href != 'about:blank' && "
                           "performance.getEntriesByType('navigation')[0].responseStatus")
