@@ -9,6 +9,7 @@
 #include <atomic>
 #include <condition_variable>
 #include <cstdio>
+#include <cstdlib>
 #include <functional>
 #include <memory>
 #include <mutex>
@@ -16,7 +17,6 @@
 #include <vector>
 
 #ifdef NVQ_WITH_TLS
-#include <openssl/pem.h>
 #include <openssl/ssl.h>
 #endif
 
@@ -539,31 +539,25 @@ TEST_F(SocketServerLayerTest, StopServerWakesBlockedSendsEndsWatchingExchangesAn
 #ifdef NVQ_WITH_TLS
 // A blocking OpenSSL client that checks nothing of the server's certificate.
 struct STlsClient {
-    STlsClient(int port, const char *alpn) : m_pContext(SSL_CTX_new(TLS_client_method()))
+    STlsClient(int port, const char *alpn)
     {
-        SSL_CTX_set_alpn_protos(m_pContext, reinterpret_cast<const unsigned char *>(alpn),
-                                static_cast<unsigned>(std::strlen(alpn)));
-        m_pSession = SSL_new(m_pContext);
+        SSL_set_alpn_protos(m_pSession.get(), reinterpret_cast<const unsigned char *>(alpn),
+                            static_cast<unsigned>(std::strlen(alpn)));
         const struct timeval limit = {5, 0};
         m_ok = m_tcp.Connect(port) &&
                setsockopt(m_tcp.Fd(), SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof(limit)) == 0 &&
-               SSL_set_fd(m_pSession, m_tcp.Fd()) == 1 && SSL_connect(m_pSession) == 1;
-    }
-    ~STlsClient()
-    {
-        SSL_free(m_pSession);
-        SSL_CTX_free(m_pContext);
+               SSL_set_fd(m_pSession.get(), m_tcp.Fd()) == 1 && SSL_connect(m_pSession.get()) == 1;
     }
     std::string Alpn()
     {
         const unsigned char *name = nullptr;
         unsigned size = 0;
-        SSL_get0_alpn_selected(m_pSession, &name, &size);
+        SSL_get0_alpn_selected(m_pSession.get(), &name, &size);
         return std::string(reinterpret_cast<const char *>(name), size);
     }
     bool Send(const std::string &bytes)
     {
-        return SSL_write(m_pSession, bytes.data(), static_cast<int>(bytes.size())) ==
+        return SSL_write(m_pSession.get(), bytes.data(), static_cast<int>(bytes.size())) ==
                static_cast<int>(bytes.size());
     }
     // Up to count bytes, fewer at the end of the session (m_end: how it ended).
@@ -572,45 +566,32 @@ struct STlsClient {
         std::string received;
         char buffer[16384];
         int n = 0;
-        while (received.size() < count && (n = SSL_read(m_pSession, buffer, sizeof(buffer))) > 0)
+        while (received.size() < count && (n = SSL_read(m_pSession.get(), buffer, sizeof(buffer))) > 0)
             received.append(buffer, static_cast<size_t>(n));
-        m_end = n > 0 ? 0 : SSL_get_error(m_pSession, n);
+        m_end = n > 0 ? 0 : SSL_get_error(m_pSession.get(), n);
         return received;
     }
-    SSL_CTX *m_pContext;
-    SSL *m_pSession;
+    std::unique_ptr<SSL_CTX, decltype(&SSL_CTX_free)> m_pContext{SSL_CTX_new(TLS_client_method()),
+                                                                 SSL_CTX_free};
+    std::unique_ptr<SSL, decltype(&SSL_free)> m_pSession{SSL_new(m_pContext.get()), SSL_free};
     CTestClient m_tcp;
     bool m_ok;
     int m_end = 0;
 };
 
-// A self-signed certificate and its key, as PEM text.
-std::pair<std::string, std::string> selfSigned()
-{
-    EVP_PKEY *key = EVP_EC_gen("prime256v1");
-    X509 *cert = X509_new();
-    X509_gmtime_adj(X509_getm_notBefore(cert), 0);
-    X509_gmtime_adj(X509_getm_notAfter(cert), 3600);
-    X509_set_pubkey(cert, key);
-    X509_sign(cert, key, EVP_sha256());
-    BIO *chain = BIO_new(BIO_s_mem()), *secret = BIO_new(BIO_s_mem());
-    PEM_write_bio_X509(chain, cert);
-    PEM_write_bio_PrivateKey(secret, key, nullptr, nullptr, 0, nullptr, nullptr);
-    char *text[2];
-    const long sizes[2] = {BIO_get_mem_data(chain, &text[0]), BIO_get_mem_data(secret, &text[1])};
-    std::pair<std::string, std::string> pem(std::string(text[0], sizes[0]), std::string(text[1], sizes[1]));
-    BIO_free(chain);
-    BIO_free(secret);
-    X509_free(cert);
-    EVP_PKEY_free(key);
-    return pem;
-}
-
 TEST_F(SocketServerLayerTest, TlsPortEchoesSendsFilesAndEndsSessionsWithCloseNotify)
 {
     m_server.StopServer();
-    const std::pair<std::string, std::string> pem = selfSigned();
-    ASSERT_TRUE(m_server.SetTlsCertificate(pem.first, pem.second, false));
+    char directory[] = "/tmp/nvq-sockets-tls-XXXXXX";
+    ASSERT_NE(nullptr, mkdtemp(directory));
+    const std::string cert = directory + std::string("/cert.pem"), key = directory + std::string("/key.pem");
+    ASSERT_EQ(
+        0, std::system(("openssl req -x509 -newkey ec -pkeyopt ec_paramgen_curve:prime256v1 -nodes -days 1 "
+                        "-subj /CN=localhost -keyout " +
+                        key + " -out " + cert + " 2> /dev/null")
+                           .c_str()));
+    ASSERT_TRUE(m_server.SetTlsCertificate(cert, key, true));
+    EXPECT_EQ(0, std::system(("rm -r " + std::string(directory)).c_str()));
     m_server.SetTlsPort(0);
     ASSERT_TRUE(m_server.StartServer(0, -1, true));
     std::string content;
@@ -633,7 +614,7 @@ TEST_F(SocketServerLayerTest, TlsPortEchoesSendsFilesAndEndsSessionsWithCloseNot
     EXPECT_EQ("http/1.1", echo.Alpn());
     ASSERT_TRUE(echo.Send(content + content));
     EXPECT_EQ(content + content, echo.Receive(2 * content.size()));
-    SSL_shutdown(echo.m_pSession);
+    SSL_shutdown(echo.m_pSession.get());
     EXPECT_TRUE(waitFor([&] { return m_listener.m_closes.load() == 1; }))
         << "close_notify ends the connection";
 
