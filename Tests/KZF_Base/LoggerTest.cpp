@@ -4,9 +4,9 @@
 
 #include <algorithm>
 #include <atomic>
-#include <condition_variable>
 #include <cstring>
 #include <functional>
+#include <future>
 #include <mutex>
 #include <string>
 #include <thread>
@@ -148,20 +148,15 @@ TEST_F(LoggerTest, DeviceMayLogOrDetachFromInsideItsOwnLog)
 TEST_F(LoggerTest, RemoveWaitsForADeliveryUnderWay)
 {
     CRecordingDevice device;
-    std::mutex mutex;
-    std::condition_variable changed;
-    bool inside = false, release = false;
+    std::promise<void> entered, release;
+    std::shared_future<void> released = release.get_future().share();
     device.m_onLog = [&](const std::string &) {
-        std::unique_lock<std::mutex> lock(mutex);
-        inside = true;
-        changed.notify_all();
-        changed.wait(lock, [&] { return release; });
+        entered.set_value();
+        released.wait();
     };
     ASSERT_TRUE(logger().AddOutputDevice(&device));
     std::thread logging([] { logText(1, "held"); });
-    std::unique_lock<std::mutex> lock(mutex);
-    changed.wait(lock, [&] { return inside; });
-    lock.unlock();
+    entered.get_future().wait();
     std::atomic<bool> removed(false);
     std::thread removing([&] {
         logger().RemoveOutputDevice(&device);
@@ -169,10 +164,7 @@ TEST_F(LoggerTest, RemoveWaitsForADeliveryUnderWay)
     });
     std::this_thread::sleep_for(std::chrono::milliseconds(50));
     EXPECT_FALSE(removed) << "RemoveOutputDevice returned while a delivery was under way";
-    lock.lock();
-    release = true;
-    changed.notify_all();
-    lock.unlock();
+    release.set_value();
     removing.join();
     logging.join();
 }
