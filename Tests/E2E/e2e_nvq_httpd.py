@@ -85,6 +85,17 @@ def curl(*args, seconds=30):
                           capture_output=True, check=False)
 
 
+def connect(port, timeout=30):
+    return http.client.HTTPConnection("127.0.0.1", port, timeout=timeout)
+
+
+def get(connection, path, **headers):
+    # One request on the connection: (status, body, response).
+    connection.request("GET", path, headers=headers)
+    response = connection.getresponse()
+    return response.status, response.read(), response
+
+
 def status(*args):
     return curl("--output", "/dev/null", "--write-out", "%{http_code}", *args).stdout.decode()
 
@@ -128,26 +139,22 @@ class CurlTest(ServerCase):
 
 class HttpClientTest(ServerCase):
     def test_keep_alive_across_several_requests(self):
-        connection = http.client.HTTPConnection("127.0.0.1", self.server.port, timeout=10)
+        connection = connect(self.server.port)
         connection.connect()
         first_socket = connection.sock
         for path in ["/small.txt", "/index.html", "/missing", "/small.txt"]:
-            connection.request("GET", path)
-            response = connection.getresponse()
-            body = response.read()
-            self.assertIn(response.status, (200, 404))
+            code, body, _ = get(connection, path)
+            self.assertIn(code, (200, 404))
             if path == "/small.txt":
                 self.assertEqual(SMALL, body)
             self.assertIs(first_socket, connection.sock, "the connection was not kept alive")
         connection.close()
 
     def test_streamed_answer_read_to_the_close(self):
-        connection = http.client.HTTPConnection("127.0.0.1", self.server.port, timeout=30)
-        connection.request("GET", "/big.bin")
-        response = connection.getresponse()
-        self.assertEqual(200, response.status)
+        connection = connect(self.server.port)
+        code, body, response = get(connection, "/big.bin")
+        self.assertEqual((200, BIG), (code, body))
         self.assertEqual(str(len(BIG)), response.getheader("Content-Length").strip())
-        self.assertEqual(BIG, response.read())
         # The server ends a streamed answer by closing the connection.
         connection.sock.settimeout(5)
         self.assertEqual(b"", connection.sock.recv(1) if connection.sock else b"")
@@ -202,18 +209,14 @@ class CapTest(unittest.TestCase):
             connection.sendall(GET_MISSING)
         for connection in held:
             self.assertTrue(read_answer(connection).startswith(b"HTTP/1.1 404"))
-        newcomer = http.client.HTTPConnection("127.0.0.1", server.port, timeout=30)
-        newcomer.request("GET", "/index.html")
-        self.assertEqual(200, newcomer.getresponse().status)
-        newcomer.close()
+        self.assertEqual(200, get(connect(server.port), "/index.html")[0])
         first.settimeout(10)
         self.assertEqual(b"", first.recv(1), "the connection idle longest was closed")
         self.assertEqual(0, server.stop())
 
 
+# A minimal RFC 6455 client of the test's own: masked frames out, frames in as they come.
 class WsClient:
-    """A minimal RFC 6455 client of the test's own: masked frames out, frames in as they come."""
-
     GUID = b"258EAFA5-E914-47DA-95CA-C5AB0DC85B11"
 
     def __init__(self, port, path="/ws/echo", headers="", context=None):
@@ -301,9 +304,7 @@ class WebSocketTest(ServerCase):
                 self.assertIn(present, client.head)
                 if absent:
                     self.assertNotIn(absent, client.head)
-        plain = http.client.HTTPConnection("127.0.0.1", self.server.port, timeout=20)
-        plain.request("GET", "/ws/echo")
-        self.assertEqual(426, plain.getresponse().status)
+        self.assertEqual(426, get(connect(self.server.port), "/ws/echo")[0])
 
     def test_echo_text_and_binary_up_to_one_mebibyte(self):
         client = self.open()
@@ -471,9 +472,8 @@ def web_files():
         return dict(WEB_FILES, **{"font.ttf": f.read()})
 
 
+# nvq-httpd --web with curl and http.client.
 class WebTest(ServerCase):
-    """nvq-httpd --web with curl and http.client."""
-
     FILES, FLAGS = WEB_FILES, ["--web"]
     def test_curl_ranges_resume_compressed_and_head(self):
         url = self.server.url("/big.bin")
@@ -493,24 +493,16 @@ class WebTest(ServerCase):
         self.assertIn(b"Content-Length: %d\r\n" % len(BIG), head)
 
     def test_conditional_get_and_large_files_on_one_connection(self):
-        connection = http.client.HTTPConnection("127.0.0.1", self.server.port, timeout=30)
-        connection.request("GET", "/small.txt")
-        response = connection.getresponse()
-        response.read()
+        connection = connect(self.server.port)
+        response = get(connection, "/small.txt")[2]
         tag, modified = response.getheader("ETag"), response.getheader("Last-Modified")
         for field, value in (("If-None-Match", tag), ("If-Modified-Since", modified)):
-            connection.request("GET", "/small.txt", headers={field: value})
-            response = connection.getresponse()
-            self.assertEqual((304, b""), (response.status, response.read()), field)
-        with open(os.path.join(self.server.root, "small.txt"), "wb") as f:
-            f.write(b"changed\n")
-        connection.request("GET", "/small.txt", headers={"If-None-Match": tag})
-        response = connection.getresponse()
-        self.assertEqual((200, b"changed\n"), (response.status, response.read()))
+            self.assertEqual((304, b""), get(connection, "/small.txt", **{field: value})[:2], field)
+        write_file(os.path.join(self.server.root, "small.txt"), b"changed\n")
+        self.assertEqual((200, b"changed\n"), get(connection, "/small.txt", **{"If-None-Match": tag})[:2])
         first_socket = connection.sock
         for _ in range(3):
-            connection.request("GET", "/big.bin")
-            self.assertEqual(BIG, connection.getresponse().read())
+            self.assertEqual(BIG, get(connection, "/big.bin")[1])
             self.assertIs(first_socket, connection.sock, "the connection was not kept after a large file")
         connection.close()
 
@@ -661,8 +653,7 @@ class TlsTest(ServerCase):
 
     def test_sighup_renews_the_certificate_while_a_client_stays_connected(self):
         held = self.connect()
-        held.request("GET", "/small.txt")
-        held.getresponse().read()
+        self.assertEqual(SMALL, get(held, "/small.txt")[1])
         self.assertIn((("commonName", "first"),), held.sock.getpeercert()["subject"])
         self.use("second")
         self.server.process.send_signal(signal.SIGHUP)
@@ -670,18 +661,14 @@ class TlsTest(ServerCase):
         while not any("certificate reloaded" in line for line in self.server.log) and time.time() < deadline:
             time.sleep(0.05)
         fresh = self.connect()
-        fresh.request("GET", "/small.txt")
-        self.assertEqual(SMALL, fresh.getresponse().read())
+        self.assertEqual(SMALL, get(fresh, "/small.txt")[1])
         self.assertIn((("commonName", "second"),), fresh.sock.getpeercert()["subject"])
         # Reloads racing handshakes on the loops: every newcomer is served.
         answers = []
 
         def newcomers():
             for _ in range(20):
-                connection = self.connect()
-                connection.request("GET", "/small.txt")
-                answers.append(connection.getresponse().read())
-                connection.close()
+                answers.append(get(self.connect(), "/small.txt")[1])
         clients = threading.Thread(target=newcomers)
         clients.start()
         for _ in range(10):
@@ -689,10 +676,7 @@ class TlsTest(ServerCase):
             time.sleep(0.02)
         clients.join()
         self.assertEqual([SMALL] * 20, answers)
-        held.request("GET", "/small.txt")
-        self.assertEqual(SMALL, held.getresponse().read())
-        fresh.close()
-        held.close()
+        self.assertEqual(SMALL, get(held, "/small.txt")[1])
 
     def test_chromium_loads_the_page_over_https(self):
         if find_chromium() is None:

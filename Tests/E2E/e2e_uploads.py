@@ -137,10 +137,7 @@ class AccessTest(unittest.TestCase):
 
     def test_replayed_digest_is_refused(self):
         server = self.start()
-        connection = http.client.HTTPConnection("127.0.0.1", server.port, timeout=10)
-        connection.request("GET", "/proxy/log")
-        challenge = connection.getresponse()
-        challenge.read()
+        challenge = e2e.get(e2e.connect(server.port), "/proxy/log")[2]
         fields = [value for name, value in challenge.getheaders()
                   if name.lower() == "www-authenticate" and "MD5" in value and "SHA-256" not in value]
         self.assertTrue(fields, challenge.getheaders())
@@ -152,14 +149,7 @@ class AccessTest(unittest.TestCase):
         response = md5("%s:%s:00000001:abc:auth:%s" % (ha1, nonce, ha2))
         authorization = ('Digest username="admin", realm="%s", nonce="%s", uri="/proxy/log", algorithm=MD5, '
                          'qop=auth, nc=00000001, cnonce="abc", response="%s"' % (self.REALM, nonce, response))
-        statuses = []
-        for _ in range(2):
-            connection = http.client.HTTPConnection("127.0.0.1", server.port, timeout=10)
-            connection.request("GET", "/proxy/log", headers={"Authorization": authorization})
-            answer = connection.getresponse()
-            answer.read()
-            statuses.append(answer.status)
-            connection.close()
+        statuses = [e2e.get(e2e.connect(server.port), "/proxy/log", Authorization=authorization)[0] for _ in "12"]
         self.assertEqual([200, 401], statuses, "the same nonce count twice")
 
 
