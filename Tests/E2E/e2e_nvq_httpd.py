@@ -196,14 +196,14 @@ class CapTest(unittest.TestCase):
     def test_the_longest_idle_connection_makes_room_for_a_newcomer(self):
         server = Server()
         self.addCleanup(server.stop, signal.SIGKILL, 1)
-        connect = lambda: socket.create_connection(("127.0.0.1", server.port), timeout=30)
+        dial = lambda: socket.create_connection(("127.0.0.1", server.port), timeout=30)
         # The first connection is idle well before all others, so no clock
         # tick shared between loops can make another one look older.
-        first = hold_many(self, 1, connect)[0]
+        first = hold_many(self, 1, dial)[0]
         first.sendall(GET_MISSING)
         self.assertTrue(read_answer(first).startswith(b"HTTP/1.1 404"))
         time.sleep(0.2)
-        held = hold_many(self, 9999, connect)
+        held = hold_many(self, 9999, dial)
         # Every connection answered is one the server has taken in.
         for connection in held:
             connection.sendall(GET_MISSING)
