@@ -566,7 +566,6 @@ class SigtermTest(unittest.TestCase):
         started = time.time()
         self.assertEqual(0, server.stop(signal.SIGTERM, timeout=10))
         self.assertLess(time.time() - started, 5)
-        client.close()
 
     def test_bad_flag_and_port_in_use_fail_in_one_line(self):
         result = subprocess.run(EMULATOR + [NVQ_HTTPD, "--bogus"], capture_output=True, text=True, timeout=10)
@@ -685,9 +684,8 @@ class TlsTest(ServerCase):
 
 
 GROUPS = {"curl": CurlTest, "http_client": HttpClientTest, "chromium": ChromiumTest, "sigterm": SigtermTest,
-          "cap": CapTest, "web": WebTest, "web_chromium": WebChromiumTest,
-          "web_nginx": WebNginxTest, "websocket": WebSocketTest, "wsidle": WsIdleTest,
-          "tls": TlsTest}
+          "cap": CapTest, "web": WebTest, "web_chromium": WebChromiumTest, "web_nginx": WebNginxTest,
+          "websocket": WebSocketTest, "wsidle": WsIdleTest, "tls": TlsTest}
 
 
 def main():
@@ -695,8 +693,7 @@ def main():
     if len(sys.argv) < 4 or sys.argv[3] not in GROUPS:
         print("usage: e2e_nvq_httpd.py NVQ_HTTPD SITE_DIR {%s} [EMULATOR...]" % ",".join(GROUPS), file=sys.stderr)
         return 2
-    NVQ_HTTPD, SITE_DIR, group = sys.argv[1], sys.argv[2], sys.argv[3]
-    EMULATOR = sys.argv[4:]
+    NVQ_HTTPD, SITE_DIR, group, EMULATOR = sys.argv[1], sys.argv[2], sys.argv[3], sys.argv[4:]
     needs = [  # groups, what they need, the reason given when it is missing
         (("curl", "tls", "web", "web_chromium", "web_nginx"), lambda: shutil.which("curl"), "curl is not installed"),
         (("tls",), lambda: shutil.which("openssl"), "the openssl command is not installed"),
@@ -709,8 +706,7 @@ def main():
             print("SKIPPED: " + reason)
             return SKIPPED
     suite = unittest.defaultTestLoader.loadTestsFromTestCase(GROUPS[group])
-    result = unittest.TextTestRunner(verbosity=2).run(suite)
-    return 0 if result.wasSuccessful() else 1
+    return 0 if unittest.TextTestRunner(verbosity=2).run(suite).wasSuccessful() else 1
 
 
 if __name__ == "__main__":

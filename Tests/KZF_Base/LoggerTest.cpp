@@ -10,7 +10,6 @@
 #include <mutex>
 #include <string>
 #include <thread>
-#include <unistd.h>
 #include <vector>
 
 namespace
@@ -197,22 +196,13 @@ TEST_F(LoggerTest, ConcurrentLoggingWhileDevicesComeAndGo)
 
 TEST_F(LoggerTest, StdErrDeviceWritesWholeLinesUpToItsLevel)
 {
-    int pipeEnds[2];
-    ASSERT_EQ(0, pipe(pipeEnds));
-    const int savedStderr = dup(STDERR_FILENO);
-    dup2(pipeEnds[1], STDERR_FILENO);
     KZF::CStdErrLogDevice device(4);
+    ::testing::internal::CaptureStderr();
     ASSERT_TRUE(logger().AddOutputDevice(&device));
     logText(4, "shown 1");
     logText(5, "hidden");
     logger().RemoveOutputDevice(&device);
-    dup2(savedStderr, STDERR_FILENO);
-    close(savedStderr);
-    close(pipeEnds[1]);
-    char buffer[512];
-    const ssize_t n = read(pipeEnds[0], buffer, sizeof(buffer));
-    close(pipeEnds[0]);
-    const std::string output(buffer, static_cast<size_t>(std::max<ssize_t>(n, 0)));
+    const std::string output = ::testing::internal::GetCapturedStderr();
     EXPECT_NE(std::string::npos, output.find("shown 1\n"));
     EXPECT_EQ(std::string::npos, output.find("hidden"));
     EXPECT_EQ(1, std::count(output.begin(), output.end(), '\n'));

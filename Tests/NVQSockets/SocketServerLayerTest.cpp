@@ -7,10 +7,10 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
-#include <condition_variable>
 #include <cstdio>
 #include <cstdlib>
 #include <functional>
+#include <future>
 #include <memory>
 #include <mutex>
 #include <thread>
@@ -142,26 +142,17 @@ void CTestConnection::OnConnectionClosed(INVQDataLayer &)
 struct SGate {
     void Enter()
     {
-        std::unique_lock<std::mutex> lock(m_mutex);
         ++m_inside;
-        m_changed.notify_all();
-        m_changed.wait(lock, [&] { return m_release; });
+        m_released.wait();
     }
     bool WaitInside(int count)
     {
-        std::unique_lock<std::mutex> lock(m_mutex);
-        return m_changed.wait_for(lock, std::chrono::seconds(5), [&] { return m_inside == count; });
+        return waitFor([&] { return m_inside.load() == count; });
     }
-    void Release()
-    {
-        std::lock_guard<std::mutex> lock(m_mutex);
-        m_release = true;
-        m_changed.notify_all();
-    }
-    std::mutex m_mutex;
-    std::condition_variable m_changed;
-    int m_inside = 0;
-    bool m_release = false;
+    void Release() { m_release.set_value(); }
+    std::promise<void> m_release;
+    std::shared_future<void> m_released = m_release.get_future().share();
+    std::atomic<int> m_inside{0};
 };
 
 // Writes until a write fails.
@@ -286,7 +277,8 @@ TEST_F(SocketServerLayerTest, StalledExchangesDoNotStallOthers)
     std::vector<CTestClient> clients(stalled);
     for (CTestClient &client : clients)
         ASSERT_TRUE(Open(client, "x"));
-    EXPECT_TRUE(gate.WaitInside(stalled)) << gate.m_inside << " of " << stalled << " exchanges started";
+    EXPECT_TRUE(gate.WaitInside(stalled))
+        << gate.m_inside.load() << " of " << stalled << " exchanges started";
     gate.Release();
     for (CTestClient &client : clients)
         EXPECT_EQ("done", client.Receive(4));
