@@ -4,8 +4,6 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
-#include <condition_variable>
-#include <mutex>
 #include <sys/syscall.h>
 #include <thread>
 #include <unistd.h>
@@ -13,7 +11,7 @@
 namespace
 {
 
-// Runs until asked to stop (OnStopRequested wakes it), or once and ends by itself.
+// Runs until asked to stop, or once and ends by itself.
 class CTestThread : public KZF::CThread
 {
   public:
@@ -29,20 +27,11 @@ class CTestThread : public KZF::CThread
     {
         ++m_runs;
         m_runThreadId = static_cast<long>(::syscall(SYS_gettid));
-        std::unique_lock<std::mutex> lock(m_mutex);
-        m_wake.wait(lock, [this] { return !m_waits || IsStopRequested(); });
+        while (m_waits && !IsStopRequested())
+            std::this_thread::sleep_for(std::chrono::milliseconds(1));
         return 0;
     }
-    void OnStopRequested() override
-    {
-        m_woken = true;
-        std::lock_guard<std::mutex> lock(m_mutex);
-        m_wake.notify_all();
-    }
-
-  private:
-    std::mutex m_mutex;
-    std::condition_variable m_wake;
+    void OnStopRequested() override { m_woken = true; }
 };
 
 TEST(ThreadTest, RunsOnItsOwnThreadUntilStoppedAndCanStartAgain)
