@@ -155,6 +155,13 @@ struct SGate {
     std::atomic<int> m_inside{0};
 };
 
+// Answers only complete lines; anything else leaves its connection inside a request.
+void answerLines(CTestConnection &, INVQDataLayer &layer, const std::string &bytes)
+{
+    if (bytes.find('\n') != std::string::npos)
+        layer.SendData("ok", 2);
+}
+
 // Writes until a write fails.
 void flood(INVQDataLayer &layer, int pieceSize = 65536)
 {
@@ -377,12 +384,7 @@ TEST_F(SocketServerLayerTest, ClientThatNeverReadsBreaksTheConnectionAfterTheSen
 TEST_F(SocketServerLayerTest, NeverCompletedRequestsAndIdleConnectionsAreClosedAfterTheirTimeouts)
 {
     m_server.SetRequestTimeout(200);
-    // Answers only complete lines; a client that trickles bytes without one
-    // keeps the request open.
-    m_listener.m_onData = [](CTestConnection &, INVQDataLayer &layer, const std::string &bytes) {
-        if (bytes.find('\n') != std::string::npos)
-            layer.SendData("ok", 2);
-    };
+    m_listener.m_onData = answerLines; // a client that trickles bytes without a line stays in its request
     CTestClient slow, prompt, answered, silent;
     ASSERT_TRUE(slow.Connect(m_port));
     ASSERT_TRUE(prompt.Connect(m_port));
@@ -408,11 +410,7 @@ TEST_F(SocketServerLayerTest, NeverCompletedRequestsAndIdleConnectionsAreClosedA
 TEST_F(SocketServerLayerTest, AtTheCapTheLongestIdleMakesRoomUnlessNoneIsIdle)
 {
     m_server.SetMaxConnections(3);
-    // Lines are answered; anything else leaves its connection inside a request.
-    m_listener.m_onData = [](CTestConnection &, INVQDataLayer &layer, const std::string &bytes) {
-        if (bytes.find('\n') != std::string::npos)
-            layer.SendData("ok", 2);
-    };
+    m_listener.m_onData = answerLines;
     auto served = [](CTestClient &client) { return client.Send("in\n") && client.Receive(2) == "ok"; };
     std::vector<CTestClient> clients(3);
     for (CTestClient &client : clients) {
