@@ -486,6 +486,32 @@ TEST_F(SocketServerLayerTest, OtherThreadsSeeWhatWaitsWakeTheWriterSendFilesAndG
     EXPECT_TRUE(waitFor([&] { return m_listener.m_closes.load() == 1; }));
 }
 
+TEST_F(SocketServerLayerTest, FilePiecesOfOneDeliveryArriveInOrderAndCountAsItsAnswer)
+{
+    // The first two pieces join into one, past the size that flushes inside
+    // the delivery; the third is not the next piece of the file. A request
+    // answered by files alone is answered: the request timeout no longer runs.
+    m_server.SetRequestTimeout(200);
+    std::string content;
+    for (int i = 0; i < (3 << 19); ++i)
+        content += static_cast<char>('a' + i % 23);
+    std::FILE *file = std::tmpfile();
+    std::fwrite(content.data(), 1, content.size(), file);
+    std::fflush(file);
+    m_listener.m_onData = [&](CTestConnection &, INVQDataLayer &layer, const std::string &) {
+        layer.SendFile(fileno(file), 0, 1000, nullptr);
+        layer.SendFile(fileno(file), 1000, (1 << 20) + 1000, nullptr);
+        layer.SendFile(fileno(file), 10, 20, nullptr);
+    };
+    CTestClient client;
+    ASSERT_TRUE(Open(client, "get"));
+    const std::string expected = content.substr(0, (1 << 20) + 2000) + content.substr(10, 20);
+    EXPECT_EQ(expected, client.Receive(expected.size()));
+    EXPECT_EQ("", client.ReceiveUntilClosed(400)) << "nothing more";
+    EXPECT_FALSE(client.IsClosed());
+    std::fclose(file);
+}
+
 TEST_F(SocketServerLayerTest, ReaderTakingSmallHelpingsGetsAllThatWaitsWithoutNewEvents)
 {
     m_listener.m_readLimit = 100;
