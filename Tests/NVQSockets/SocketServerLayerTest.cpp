@@ -460,7 +460,9 @@ TEST_F(SocketServerLayerTest, OtherThreadsSeeWhatWaitsWakeTheWriterSendFilesAndG
     CTestClient client;
     ASSERT_TRUE(Open(client, "go"));
     ASSERT_TRUE(waitFor([&] { return layerSeen.load() != nullptr; }));
-    INVQDataLayer &layer = *layerSeen.load();
+    // Its own reference: the test writes on after the close unregistered it.
+    const KZF::CRefCountPtr<INVQDataLayer> held(layerSeen.load());
+    INVQDataLayer &layer = *held.GetPtr();
     // More than both sockets' buffers hold while the peer reads nothing.
     const std::string piece(32 * 1024 * 1024, 'p');
     std::thread([&] { layer.SendData(piece.data(), static_cast<int>(piece.size())); }).join();
