@@ -1,13 +1,10 @@
 #!/usr/bin/env python3
-"""End-to-end tests of the demo server with real clients.
-
-Usage: e2e_nvq_httpd.py NVQ_HTTPD SITE_DIR GROUP [EMULATOR [ARG...]]
-GROUP is one of: curl, http_client, chromium, sigterm, cap, web, web_chromium,
-web_nginx, websocket, wsidle, tls. A cross-compiled
-NVQ_HTTPD is started through EMULATOR (with its arguments); the clients run
-natively.
-Exit status 0 passed, 1 failed, 77 skipped (ctest's SKIP_RETURN_CODE).
-"""
+# End-to-end tests of the demo server with real clients.
+#
+# Usage: e2e_nvq_httpd.py NVQ_HTTPD SITE_DIR GROUP [EMULATOR [ARG...]]
+# GROUP is one of the keys of GROUPS below. A cross-compiled NVQ_HTTPD is
+# started through EMULATOR (with its arguments); the clients run natively.
+# Exit status 0 passed, 1 failed, 77 skipped (ctest's SKIP_RETURN_CODE).
 
 import base64
 import glob
@@ -32,30 +29,34 @@ NVQ_HTTPD = SITE_DIR = None
 EMULATOR = []
 
 
-class Server:
-    """nvq-httpd on a free port, serving a copy of the sample site plus test files."""
+def data_file(name):
+    with open(os.path.join(os.path.dirname(os.path.abspath(__file__)), "files", name), "rb") as f:
+        return f.read()
 
+
+def write_file(path, data):
+    with open(path, "wb") as f:
+        f.write(data)
+
+
+# nvq-httpd on a free port, serving a copy of the sample site plus test files.
+class Server:
     def __init__(self, extra_files=None, flags=()):
         self.root = tempfile.mkdtemp(prefix="nvq-e2e-")
         shutil.copytree(SITE_DIR, self.root, dirs_exist_ok=True)
         for name, data in (extra_files or {}).items():
-            with open(os.path.join(self.root, name), "wb") as f:
-                f.write(data)
+            write_file(os.path.join(self.root, name), data)
         self.process = subprocess.Popen(
             EMULATOR + [NVQ_HTTPD, "--port", "0", "--root", self.root, "--log-level", "4"] + list(flags),
             stderr=subprocess.PIPE, text=True)
-        self.port = self.tls_port = None
-        wants_tls = "--tls-port" in flags
+        ports = {}
         deadline = time.time() + 10
-        while (self.port is None or (wants_tls and self.tls_port is None)) and time.time() < deadline:
+        while len(ports) < 1 + ("--tls-port" in flags) and time.time() < deadline:
             line = self.process.stderr.readline()
             if not line:
                 break
-            match = re.search(r"(https?)://localhost:(\d+)/", line)
-            if match and match.group(1) == "http":
-                self.port = int(match.group(2))
-            elif match:
-                self.tls_port = int(match.group(2))
+            ports.update(re.findall(r"(https?)://localhost:(\d+)/", line))
+        self.port, self.tls_port = (int(ports[k]) if k in ports else None for k in ("http", "https"))
         if self.port is None:
             self.process.kill()
             raise RuntimeError("nvq-httpd did not report its port")
@@ -73,8 +74,7 @@ class Server:
         try:
             code = self.process.wait(timeout)
         except subprocess.TimeoutExpired:
-            self.process.kill()
-            code = None
+            code = self.process.kill()
         self.reader.join(5)
         shutil.rmtree(self.root, ignore_errors=True)
         return code
@@ -85,13 +85,27 @@ def curl(*args, seconds=30):
                           capture_output=True, check=False)
 
 
+def connect(port, timeout=30):
+    return http.client.HTTPConnection("127.0.0.1", port, timeout=timeout)
+
+
+def get(connection, path, **headers):
+    # One request on the connection: (status, body, response).
+    connection.request("GET", path, headers=headers)
+    response = connection.getresponse()
+    return response.status, response.read(), response
+
+
+def status(*args):
+    return curl("--output", "/dev/null", "--write-out", "%{http_code}", *args).stdout.decode()
+
+
 BIG = os.urandom(5 * 1024 * 1024 + 123)
 SMALL = b"small file\n"
 
 
+# One server per test, started with the class's files and flags, that must exit cleanly.
 class ServerCase(unittest.TestCase):
-    """One server per test, started with the class's files and flags, that must exit cleanly."""
-
     FILES, FLAGS = {"big.bin": BIG, "small.txt": SMALL}, []
 
     def setUp(self):
@@ -108,8 +122,7 @@ class CurlTest(ServerCase):
         self.assertEqual(hashlib.sha256(BIG).hexdigest(), hashlib.sha256(big).hexdigest())
 
     def test_missing_file_is_404(self):
-        result = curl("--output", "/dev/null", "--write-out", "%{http_code}", self.server.url("/missing.html"))
-        self.assertEqual(b"404", result.stdout)
+        self.assertEqual("404", status(self.server.url("/missing.html")))
 
     def test_log_endpoint_with_parameters(self):
         for _ in range(3):
@@ -126,145 +139,135 @@ class CurlTest(ServerCase):
 
 class HttpClientTest(ServerCase):
     def test_keep_alive_across_several_requests(self):
-        connection = http.client.HTTPConnection("127.0.0.1", self.server.port, timeout=10)
+        connection = connect(self.server.port)
         connection.connect()
         first_socket = connection.sock
         for path in ["/small.txt", "/index.html", "/missing", "/small.txt"]:
-            connection.request("GET", path)
-            response = connection.getresponse()
-            body = response.read()
-            self.assertIn(response.status, (200, 404))
+            code, body, _ = get(connection, path)
+            self.assertIn(code, (200, 404))
             if path == "/small.txt":
                 self.assertEqual(SMALL, body)
             self.assertIs(first_socket, connection.sock, "the connection was not kept alive")
         connection.close()
 
     def test_streamed_answer_read_to_the_close(self):
-        connection = http.client.HTTPConnection("127.0.0.1", self.server.port, timeout=30)
-        connection.request("GET", "/big.bin")
-        response = connection.getresponse()
-        self.assertEqual(200, response.status)
+        connection = connect(self.server.port)
+        code, body, response = get(connection, "/big.bin")
+        self.assertEqual((200, BIG), (code, body))
         self.assertEqual(str(len(BIG)), response.getheader("Content-Length").strip())
-        self.assertEqual(BIG, response.read())
         # The server ends a streamed answer by closing the connection.
         connection.sock.settimeout(5)
         self.assertEqual(b"", connection.sock.recv(1) if connection.sock else b"")
         connection.close()
 
 
-def raise_file_limit(test):
+GET_MISSING = b"GET /missing HTTP/1.1\r\nHost: x\r\n\r\n"
+
+
+def read_answer(sock, to_close=False):
+    # One answer: its head and Content-Length bytes, or everything up to the close.
+    data = b""
+    while True:
+        head, found, body = data.partition(b"\r\n\r\n")
+        length = re.search(rb"Content-Length: *(\d+)", head)
+        if found and not to_close and len(body) >= int(length.group(1) if length else 0):
+            return data
+        piece = sock.recv(65536)
+        if not piece:
+            return data
+        data += piece
+
+
+def hold_many(test, count, connect):
+    # count connections made by connect(), closed when the test ends.
     import resource
-    soft, hard = resource.getrlimit(resource.RLIMIT_NOFILE)
-    resource.setrlimit(resource.RLIMIT_NOFILE, (hard, hard))
-    test.addCleanup(resource.setrlimit, resource.RLIMIT_NOFILE, (soft, hard))
+    limits = resource.getrlimit(resource.RLIMIT_NOFILE)
+    resource.setrlimit(resource.RLIMIT_NOFILE, (limits[1], limits[1]))
+    test.addCleanup(resource.setrlimit, resource.RLIMIT_NOFILE, limits)
+    held = []
+    test.addCleanup(lambda: [connection.close() for connection in held])
+    for _ in range(count):
+        held.append(connect())
+    return held
 
 
 class CapTest(unittest.TestCase):
-    """At the default cap of 10,000 connections, held idle by one client."""
-
-    def answered(self, connection, send=True):
-        if send:
-            connection.sendall(b"GET /missing HTTP/1.1\r\nHost: x\r\n\r\n")
-        answer = b""
-        while b"\r\n\r\n" not in answer or len(answer) < answer.index(b"\r\n\r\n") + 4 + int(
-                re.search(rb"Content-Length: *(\d+)", answer).group(1)):
-            piece = connection.recv(4096)
-            self.assertTrue(piece, "closed before answering")
-            answer += piece
-        self.assertTrue(answer.startswith(b"HTTP/1.1 404"), answer[:40])
-        return connection
-
+    # At the default cap of 10,000 connections, held idle by one client.
     def test_the_longest_idle_connection_makes_room_for_a_newcomer(self):
-        raise_file_limit(self)
         server = Server()
-        held = []
-        try:
-            # The first connection is idle well before all others, so no clock
-            # tick shared between loops can make another one look older.
-            held.append(self.answered(socket.create_connection(("127.0.0.1", server.port), timeout=30)))
-            time.sleep(0.2)
-            for _ in range(9999):
-                held.append(socket.create_connection(("127.0.0.1", server.port), timeout=30))
-            # Every connection answered is one the server has taken in.
-            for connection in held[1:]:
-                connection.sendall(b"GET /missing HTTP/1.1\r\nHost: x\r\n\r\n")
-            for connection in held[1:]:
-                self.answered(connection, send=False)
-            newcomer = http.client.HTTPConnection("127.0.0.1", server.port, timeout=30)
-            newcomer.request("GET", "/index.html")
-            self.assertEqual(200, newcomer.getresponse().status)
-            newcomer.close()
-            held[0].settimeout(10)
-            self.assertEqual(b"", held[0].recv(1), "the connection idle longest was closed")
-            self.assertEqual(0, server.stop())
-        finally:
-            for connection in held:
-                connection.close()
-            server.stop(signal.SIGKILL, 1)
+        self.addCleanup(server.stop, signal.SIGKILL, 1)
+        dial = lambda: socket.create_connection(("127.0.0.1", server.port), timeout=30)
+        # The first connection is idle well before all others, so no clock
+        # tick shared between loops can make another one look older.
+        first = hold_many(self, 1, dial)[0]
+        first.sendall(GET_MISSING)
+        self.assertTrue(read_answer(first).startswith(b"HTTP/1.1 404"))
+        time.sleep(0.2)
+        held = hold_many(self, 9999, dial)
+        # Every connection answered is one the server has taken in.
+        for connection in held:
+            connection.sendall(GET_MISSING)
+        for connection in held:
+            self.assertTrue(read_answer(connection).startswith(b"HTTP/1.1 404"))
+        self.assertEqual(200, get(connect(server.port), "/index.html")[0])
+        first.settimeout(10)
+        self.assertEqual(b"", first.recv(1), "the connection idle longest was closed")
+        self.assertEqual(0, server.stop())
 
 
+# A minimal RFC 6455 client of the test's own: masked frames out, frames in as they come.
 class WsClient:
-    """A minimal RFC 6455 client of the test's own: masked frames out, frames in as they come."""
-
     GUID = b"258EAFA5-E914-47DA-95CA-C5AB0DC85B11"
 
     def __init__(self, port, path="/ws/echo", headers="", context=None):
         self.sock = socket.create_connection(("127.0.0.1", port), timeout=20)
         if context is not None:  # wss://
             self.sock = context.wrap_socket(self.sock, server_hostname="localhost")
-        self.buffer = b""
-        key = base64.b64encode(os.urandom(16))
+        self.buffer, key = b"", base64.b64encode(os.urandom(16))
         self.sock.sendall(b"GET %s HTTP/1.1\r\nHost: 127.0.0.1\r\nUpgrade: websocket\r\nConnection: Upgrade\r\n"
-                          b"Sec-WebSocket-Key: %s\r\n%s\r\n" % (path.encode(), key,
-                                                                (headers or "Sec-WebSocket-Version: 13\r\n").encode()))
-        while b"\r\n\r\n" not in self.buffer:
-            piece = self.sock.recv(65536)
-            if not piece:
-                break
-            self.buffer += piece
+                          b"Sec-WebSocket-Key: %s\r\n%s\r\n"
+                          % (path.encode(), key, (headers or "Sec-WebSocket-Version: 13\r\n").encode()))
+        while b"\r\n\r\n" not in self.buffer and self.more():
+            pass
         head, _, self.buffer = self.buffer.partition(b"\r\n\r\n")
         self.head = head.decode("latin-1")
         self.accept = base64.b64encode(hashlib.sha1(key + self.GUID).digest()).decode()
 
+    def more(self):
+        piece = self.sock.recv(1 << 20)
+        self.buffer += piece
+        return piece != b""
+
     @staticmethod
     def frame(opcode, payload=b"", fin=True, mask=True, rsv=0):
-        head = bytes([(0x80 if fin else 0) | rsv | opcode])
         size = len(payload)
-        bit = 0x80 if mask else 0
-        if size < 126:
-            head += bytes([bit | size])
-        elif size < 65536:
-            head += bytes([bit | 126]) + size.to_bytes(2, "big")
-        else:
-            head += bytes([bit | 127]) + size.to_bytes(8, "big")
-        if not mask:
-            return head + payload
-        key = os.urandom(4)
-        whole = key * (size // 4 + 1)
-        masked = (int.from_bytes(payload, "big") ^ int.from_bytes(whole[:size], "big")).to_bytes(size, "big")
-        return head + key + masked
+        wide = 0 if size < 126 else 2 if size < 65536 else 8
+        head = bytes([(0x80 if fin else 0) | rsv | opcode, (0x80 if mask else 0) | {0: size, 2: 126, 8: 127}[wide]])
+        key = os.urandom(4) if mask else b""
+        if mask:
+            whole = int.from_bytes((key * (size // 4 + 1))[:size], "big")
+            payload = (int.from_bytes(payload, "big") ^ whole).to_bytes(size, "big")
+        return head + (size.to_bytes(wide, "big") if wide else b"") + key + payload
 
     def send(self, data):
         self.sock.sendall(data)
 
+    def close(self):
+        self.sock.close()
+
     def read(self, count):
         while len(self.buffer) < count:
-            piece = self.sock.recv(1 << 20)
-            if not piece:
+            if not self.more():
                 raise EOFError("closed")
-            self.buffer += piece
         data, self.buffer = self.buffer[:count], self.buffer[count:]
         return data
 
     def receive(self):
-        """The next frame: (fin, opcode, payload)."""
+        # The next frame: (fin, opcode, payload).
         b0, b1 = self.read(2)
         self.assert_unmasked = not b1 & 0x80
-        size = b1 & 0x7F
-        if size == 126:
-            size = int.from_bytes(self.read(2), "big")
-        elif size == 127:
-            size = int.from_bytes(self.read(8), "big")
+        wide = {126: 2, 127: 8}.get(b1 & 0x7F)
+        size = int.from_bytes(self.read(wide), "big") if wide else b1 & 0x7F
         return bool(b0 & 0x80), b0 & 0x0F, self.read(size)
 
     def closed_by_server(self):
@@ -301,9 +304,7 @@ class WebSocketTest(ServerCase):
                 self.assertIn(present, client.head)
                 if absent:
                     self.assertNotIn(absent, client.head)
-        plain = http.client.HTTPConnection("127.0.0.1", self.server.port, timeout=20)
-        plain.request("GET", "/ws/echo")
-        self.assertEqual(426, plain.getresponse().status)
+        self.assertEqual(426, get(connect(self.server.port), "/ws/echo")[0])
 
     def test_echo_text_and_binary_up_to_one_mebibyte(self):
         client = self.open()
@@ -369,81 +370,54 @@ class WebSocketTest(ServerCase):
 
 def process_status(pid, field):
     with open("/proc/%d/status" % pid) as f:
-        for line in f:
-            if line.startswith(field + ":"):
-                return int(line.split()[1])
-    return 0
+        return int(re.search(field + r":\s+(\d+)", f.read()).group(1))
 
 
 class WsIdleTest(unittest.TestCase):
-    """10,000 idle WebSockets (the default connection cap) cost bounded memory and no thread each."""
-
-    COUNT = 10000
-
+    # 10,000 idle WebSockets (the default connection cap) cost bounded memory and no thread each.
     def test_ten_thousand_idle_websockets(self):
-        raise_file_limit(self)
         server = Server(flags=["--ws-echo"])
-        held = []
-        try:
-            warm = WsClient(server.port)  # first session's one-time costs out of the figure
-            warm.send(WsClient.frame(1, b"warm"))
-            warm.receive()
-            time.sleep(0.2)
-            pid = server.process.pid
-            before = process_status(pid, "VmRSS")
-            for _ in range(self.COUNT - 1):
-                held.append(WsClient(server.port))
-            for client in held:
-                self.assertTrue(client.head.startswith("HTTP/1.1 101"), client.head)
-            time.sleep(0.5)
-            per = (process_status(pid, "VmRSS") - before) * 1024 / self.COUNT
-            threads = process_status(pid, "Threads")
-            print("idle WebSockets: %d, RSS per connection %.0f bytes, %d threads" % (self.COUNT, per, threads))
-            self.assertLessEqual(threads, 8)
-            self.assertLess(per, 32 * 1024)  # 4 KiB is the goal without sanitizers
-            for client in held[::1000]:
-                client.send(WsClient.frame(1, b"still here"))
-                self.assertEqual((True, 1, b"still here"), client.receive())
-            self.assertEqual(0, server.stop())
-        finally:
-            for client in held:
-                client.sock.close()
-            server.stop(signal.SIGKILL, 1)
+        self.addCleanup(server.stop, signal.SIGKILL, 1)
+        connect = lambda: WsClient(server.port)
+        warm = hold_many(self, 1, connect)[0]  # the first session's one-time costs out of the figure
+        warm.send(WsClient.frame(1, b"warm"))
+        warm.receive()
+        time.sleep(0.2)
+        before = process_status(server.process.pid, "VmRSS")
+        held = hold_many(self, 9999, connect)
+        for client in held:
+            self.assertTrue(client.head.startswith("HTTP/1.1 101"), client.head)
+        time.sleep(0.5)
+        per = (process_status(server.process.pid, "VmRSS") - before) * 1024 / 10000
+        threads = process_status(server.process.pid, "Threads")
+        print("idle WebSockets: 10000, RSS per connection %.0f bytes, %d threads" % (per, threads))
+        self.assertLessEqual(threads, 8)
+        self.assertLess(per, 32 * 1024)  # 4 KiB is the goal without sanitizers
+        for client in held[::1000]:
+            client.send(WsClient.frame(1, b"still here"))
+            self.assertEqual((True, 1, b"still here"), client.receive())
+        self.assertEqual(0, server.stop())
 
 
 def find_chromium():
     return next(filter(None, map(shutil.which, ("chromium", "chromium-browser", "google-chrome"))), None)
 
 
-def dump_dom(browser, profile, url, *flags):
-    command = [browser, "--headless", "--no-sandbox", "--disable-gpu", "--disable-quic", "--no-first-run",
+def dump_dom(url, *flags):
+    profile = tempfile.mkdtemp(prefix="nvq-chromium-")
+    command = [find_chromium(), "--headless", "--no-sandbox", "--disable-gpu", "--disable-quic", "--no-first-run",
                "--disable-background-networking", "--disable-component-update", "--disable-sync",
                "--disable-dev-shm-usage", "--user-data-dir=" + profile, "--virtual-time-budget=5000"] + list(flags)
-    result = subprocess.run(command + ["--dump-dom", url], capture_output=True, text=True, timeout=120, check=False)
-    return result.stdout
+    try:
+        return subprocess.run(command + ["--dump-dom", url], capture_output=True, text=True, timeout=120).stdout
+    finally:
+        shutil.rmtree(profile, ignore_errors=True)
 
 
 # Opens the sample log page in a frame, waits for its first lines, then opens
 # a connection (which the server logs) and notes how long the page takes to
 # show that message, and whether the page ever polled /proxy/log.
-LIVE_PROBE = b"""<!DOCTYPE html><html><body><p id="result">waiting</p><iframe id="f" src="log.html"></iframe>
-<script>
-var frame = document.getElementById('f');
-function count(doc) { return (doc.getElementById('log').textContent.match(/create connection point/g) || []).length; }
-function start() {
-  var doc = frame.contentDocument;
-  if (!doc || !doc.getElementById('log') || count(doc) == 0) { setTimeout(start, 20); return; }
-  var before = count(doc), started = Date.now();
-  new WebSocket('ws://' + location.host + '/no-such-socket');
-  (function poll() {
-    if (count(doc) <= before) { setTimeout(poll, 5); return; }
-    var polls = frame.contentWindow.performance.getEntriesByType('resource').filter(function (e) {
-      return e.name.indexOf('/proxy/log') >= 0; }).length;
-    document.getElementById('result').textContent = 'seen after ' + (Date.now() - started) + ' ms, ' + polls + ' polls';
-  })();
-}
-frame.onload = start;
-</script></body></html>"""
+LIVE_PROBE = data_file("live-probe.html")
 
 
 def assert_sample_page(test, dom):
@@ -454,25 +428,16 @@ def assert_sample_page(test, dom):
 class ChromiumTest(ServerCase):
     FILES = {"live-probe.html": LIVE_PROBE}
 
-    def setUp(self):
-        super().setUp()
-        self.browser = find_chromium()
-        self.profile = tempfile.mkdtemp(prefix="nvq-chromium-")
-        self.addCleanup(shutil.rmtree, self.profile, True)
-
-    def dump_dom(self, path):
-        return dump_dom(self.browser, self.profile, self.server.url(path))
-
     def test_index_page_loads_stylesheet_script_and_image(self):
-        assert_sample_page(self, self.dump_dom("/index.html"))
+        assert_sample_page(self, dump_dom(self.server.url("/index.html")))
 
     def test_log_page_shows_log_lines(self):
-        dom = self.dump_dom("/log.html")
+        dom = dump_dom(self.server.url("/log.html"))
         self.assertRegex(dom, r"\d{4}-\d\d-\d\dT\d\d:\d\d:\d\d - ")
         self.assertIn("create connection point", dom)
 
     def test_log_page_shows_a_new_message_at_once_without_polling(self):
-        dom = self.dump_dom("/live-probe.html")
+        dom = dump_dom(self.server.url("/live-probe.html"))
         match = re.search(r"seen after (\d+) ms, (\d+) polls", dom)
         self.assertIsNotNone(match, dom[:2000])
         print(match.group(0))
@@ -491,15 +456,8 @@ class ChromiumTest(ServerCase):
 WASM_ANSWER = bytes.fromhex("0061736d01000000" "0105016000017f" "03020100" "070a0106616e737765720000"
                             "0a06010400412a0b")
 WEB_FILES = {
-    "web.html": b"<!DOCTYPE html><html><head><meta charset='utf-8'><style>@font-face{font-family:T;"
-                b"src:url(font.ttf)}</style><script type='module' src='web.mjs'></script></head>"
-                b"<body><p id='out'>pending</p></body></html>",
-    "web.mjs": b"const parts = [];\n"
-               b"try { const { instance } = await WebAssembly.instantiateStreaming(fetch('answer.wasm'));\n"
-               b"  parts.push('wasm ' + instance.exports.answer()); } catch (e) { parts.push('wasm failed'); }\n"
-               b"const faces = await document.fonts.load('16px T').catch(() => []);\n"
-               b"parts.push('font ' + (faces.length > 0 ? 'loaded' : 'failed'));\n"
-               b"document.getElementById('out').textContent = parts.join(', ');\n",
+    "web.html": data_file("web.html"),
+    "web.mjs": data_file("web.mjs"),
     "answer.wasm": WASM_ANSWER,
     "big.bin": BIG,
     "small.txt": SMALL,
@@ -514,9 +472,8 @@ def web_files():
         return dict(WEB_FILES, **{"font.ttf": f.read()})
 
 
+# nvq-httpd --web with curl and http.client.
 class WebTest(ServerCase):
-    """nvq-httpd --web with curl and http.client."""
-
     FILES, FLAGS = WEB_FILES, ["--web"]
     def test_curl_ranges_resume_compressed_and_head(self):
         url = self.server.url("/big.bin")
@@ -536,104 +493,55 @@ class WebTest(ServerCase):
         self.assertIn(b"Content-Length: %d\r\n" % len(BIG), head)
 
     def test_conditional_get_and_large_files_on_one_connection(self):
-        connection = http.client.HTTPConnection("127.0.0.1", self.server.port, timeout=30)
-        connection.request("GET", "/small.txt")
-        response = connection.getresponse()
-        response.read()
+        connection = connect(self.server.port)
+        response = get(connection, "/small.txt")[2]
         tag, modified = response.getheader("ETag"), response.getheader("Last-Modified")
         for field, value in (("If-None-Match", tag), ("If-Modified-Since", modified)):
-            connection.request("GET", "/small.txt", headers={field: value})
-            response = connection.getresponse()
-            self.assertEqual((304, b""), (response.status, response.read()), field)
-        with open(os.path.join(self.server.root, "small.txt"), "wb") as f:
-            f.write(b"changed\n")
-        connection.request("GET", "/small.txt", headers={"If-None-Match": tag})
-        response = connection.getresponse()
-        self.assertEqual((200, b"changed\n"), (response.status, response.read()))
+            self.assertEqual((304, b""), get(connection, "/small.txt", **{field: value})[:2], field)
+        write_file(os.path.join(self.server.root, "small.txt"), b"changed\n")
+        self.assertEqual((200, b"changed\n"), get(connection, "/small.txt", **{"If-None-Match": tag})[:2])
         first_socket = connection.sock
         for _ in range(3):
-            connection.request("GET", "/big.bin")
-            self.assertEqual(BIG, connection.getresponse().read())
+            self.assertEqual(BIG, get(connection, "/big.bin")[1])
             self.assertIs(first_socket, connection.sock, "the connection was not kept after a large file")
         connection.close()
 
 
-def start_nginx(upstream_port):
-    """nginx in front of upstream_port, with a keep-alive pool; (process, port, directory)."""
+def start_nginx(test, upstream_port):
+    # nginx in front of upstream_port, with a keep-alive pool; its port.
     directory = tempfile.mkdtemp(prefix="nvq-nginx-")
-    probe = socket.socket()
-    probe.bind(("127.0.0.1", 0))
+    probe = socket.create_server(("127.0.0.1", 0))
     port = probe.getsockname()[1]
     probe.close()
-    with open(os.path.join(directory, "nginx.conf"), "w") as f:
-        f.write(NGINX_CONF.replace("{dir}", directory).replace("{port}", str(port))
-                .replace("{upstream}", str(upstream_port)))
+    write_file(directory + "/nginx.conf", NGINX_CONF.replace("{dir}", directory).replace("{port}", str(port))
+               .replace("{upstream}", str(upstream_port)).encode())
     process = subprocess.Popen(["/usr/sbin/nginx", "-p", directory + "/", "-c", directory + "/nginx.conf",
                                 "-e", directory + "/error.log", "-g", "daemon off;"])
+    test.addCleanup(shutil.rmtree, directory, True)
+    test.addCleanup(process.wait, 10)
+    test.addCleanup(process.send_signal, signal.SIGQUIT)
     deadline = time.time() + 10
-    while time.time() < deadline:
-        try:
-            socket.create_connection(("127.0.0.1", port), timeout=1).close()
-            break
-        except OSError:
-            time.sleep(0.05)
-    return process, port, directory
+    while time.time() < deadline and socket.socket().connect_ex(("127.0.0.1", port)) != 0:
+        time.sleep(0.05)
+    return port
 
 
 # The configuration the README shows, around the test's own paths.
-NGINX_CONF = """worker_processes 1; pid {dir}/nginx.pid; error_log {dir}/error.log;
-events { worker_connections 256; }
-http {
-  access_log off; client_body_temp_path {dir}/body; proxy_temp_path {dir}/proxy;
-  fastcgi_temp_path {dir}/fastcgi; uwsgi_temp_path {dir}/uwsgi; scgi_temp_path {dir}/scgi;
-  upstream nvq { server 127.0.0.1:{upstream}; keepalive 16; }
-  server {
-    listen 127.0.0.1:{port};
-    location / {
-      proxy_pass http://nvq;
-      proxy_http_version 1.1;
-      proxy_set_header Connection "";
-      proxy_set_header Host $host;
-      proxy_max_temp_file_size 0;
-    }
-  }
-}
-"""
+NGINX_CONF = data_file("nginx.conf").decode()
 
 
+# The page that needs --web, loaded by Chromium, directly or through nginx.
 class WebPage(unittest.TestCase):
-    """The page that needs --web, loaded by Chromium, directly or through nginx."""
-
-    def setUp(self):
-        self.browser = find_chromium()
-        self.profile = tempfile.mkdtemp(prefix="nvq-chromium-")
-
-    def tearDown(self):
-        shutil.rmtree(self.profile, ignore_errors=True)
-
     def page(self, flags, through_nginx=False):
-        self.server = Server(web_files(), flags)
-        nginx = None
-        try:
-            port = self.server.port
-            if through_nginx:
-                nginx = start_nginx(self.server.port)
-                port = nginx[1]
-                url = "http://127.0.0.1:%d/big.bin" % port
-                self.assertTrue(curl(url, url).stdout == BIG + BIG)
-                self.assertEqual(BIG[5:10], curl("-r", "5-9", url).stdout)
-                sample = dump_dom(self.browser, self.profile, "http://127.0.0.1:%d/index.html" % port)
-                self.assertIn("script: ran", sample)
-                self.assertIn("image: loaded 96px", sample)
-            dom = dump_dom(self.browser, self.profile, "http://127.0.0.1:%d/web.html" % port)
-            return re.sub(r"\s+", " ", dom)
-        finally:
-            if nginx:
-                nginx[0].send_signal(signal.SIGQUIT)
-                nginx[0].wait(10)
-                shutil.rmtree(nginx[2], ignore_errors=True)
-            self.assertEqual(0, self.server.stop())
-
+        server = Server(web_files(), flags)
+        self.addCleanup(lambda: self.assertEqual(0, server.stop()))
+        port = start_nginx(self, server.port) if through_nginx else server.port
+        if through_nginx:
+            url = "http://127.0.0.1:%d/big.bin" % port
+            self.assertTrue(curl(url, url).stdout == BIG + BIG)
+            self.assertEqual(BIG[5:10], curl("-r", "5-9", url).stdout)
+            assert_sample_page(self, dump_dom("http://127.0.0.1:%d/index.html" % port))
+        return re.sub(r"\s+", " ", dump_dom("http://127.0.0.1:%d/web.html" % port))
 
 
 class WebChromiumTest(WebPage):
@@ -656,18 +564,14 @@ class SigtermTest(unittest.TestCase):
         self.assertTrue(client.recv(4096).startswith(b"HTTP/1.1 200 OK"))
         time.sleep(0.3)  # the download is under way, held back by the slow reader
         started = time.time()
-        code = server.stop(signal.SIGTERM, timeout=10)
-        self.assertEqual(0, code)
+        self.assertEqual(0, server.stop(signal.SIGTERM, timeout=10))
         self.assertLess(time.time() - started, 5)
-        client.close()
 
     def test_bad_flag_and_port_in_use_fail_in_one_line(self):
         result = subprocess.run(EMULATOR + [NVQ_HTTPD, "--bogus"], capture_output=True, text=True, timeout=10)
         self.assertNotEqual(0, result.returncode)
         self.assertIn("unknown flag", result.stderr.splitlines()[0])
-        taken = socket.socket()
-        taken.bind(("0.0.0.0", 0))
-        taken.listen()
+        taken = socket.create_server(("0.0.0.0", 0))
         port = taken.getsockname()[1]
         result = subprocess.run(EMULATOR + [NVQ_HTTPD, "--port", str(port), "--root", SITE_DIR], capture_output=True,
                                 text=True, timeout=10)
@@ -678,38 +582,28 @@ class SigtermTest(unittest.TestCase):
 
 
 def make_certificates(directory):
-    """A test CA and two certificates it signed for localhost, named first and second."""
-    def new(name, *args):
-        subprocess.run(["openssl", "req", "-newkey", "ec", "-pkeyopt", "ec_paramgen_curve:prime256v1", "-nodes",
-                        "-keyout", name + ".key", "-subj", "/CN=" + name] + list(args),
-                       cwd=directory, check=True, capture_output=True)
-    new("ca", "-x509", "-days", "2", "-out", "ca.pem")
-    with open(os.path.join(directory, "ext"), "w") as f:
-        f.write("subjectAltName=DNS:localhost,IP:127.0.0.1\n")
-    for name in ("first", "second"):
-        new(name, "-out", name + ".csr")
-        subprocess.run(["openssl", "x509", "-req", "-in", name + ".csr", "-CA", "ca.pem", "-CAkey", "ca.key",
-                        "-CAcreateserial", "-days", "2", "-extfile", "ext", "-out", name + ".pem"],
-                       cwd=directory, check=True, capture_output=True)
+    # A test CA and two certificates it signed for localhost, named first and second.
+    subprocess.run("""set -e
+new() { openssl req -newkey ec -pkeyopt ec_paramgen_curve:prime256v1 -nodes -keyout $1.key -subj /CN=$1 "${@:2}"; }
+new ca -x509 -days 2 -out ca.pem
+echo subjectAltName=DNS:localhost,IP:127.0.0.1 > ext
+for n in first second; do new $n -out $n.csr; openssl x509 -req -in $n.csr -CA ca.pem -CAkey ca.key \
+  -CAcreateserial -days 2 -extfile ext -out $n.pem; done""", shell=True, executable="/bin/bash", cwd=directory,
+                   check=True, capture_output=True)
 
 
-class TlsTest(unittest.TestCase):
-    """HTTPS next to plain HTTP, with the test CA's certificate."""
-
+# HTTPS next to plain HTTP, with the test CA's certificate.
+class TlsTest(ServerCase):
     def setUp(self):
         self.certs = tempfile.mkdtemp(prefix="nvq-e2e-tls-")
+        self.addCleanup(shutil.rmtree, self.certs, True)
         make_certificates(self.certs)
-        self.cert, self.key = os.path.join(self.certs, "cert.pem"), os.path.join(self.certs, "key.pem")
+        self.cert, self.key, self.ca = (os.path.join(self.certs, n) for n in ("cert.pem", "key.pem", "ca.pem"))
         self.use("first")
-        self.ca = os.path.join(self.certs, "ca.pem")
-        self.server = Server({"big.bin": BIG, "small.txt": SMALL},
-                             ["--tls-cert", self.cert, "--tls-key", self.key, "--tls-port", "0", "--ws-echo"])
+        self.FLAGS = ["--tls-cert", self.cert, "--tls-key", self.key, "--tls-port", "0", "--ws-echo"]
+        super().setUp()
         self.context = ssl.create_default_context(cafile=self.ca)
         self.context.set_alpn_protocols(["h2", "http/1.1"])
-
-    def tearDown(self):
-        self.assertEqual(0, self.server.stop())
-        shutil.rmtree(self.certs, ignore_errors=True)
 
     def use(self, name):
         shutil.copy(os.path.join(self.certs, name + ".pem"), self.cert)
@@ -732,27 +626,12 @@ class TlsTest(unittest.TestCase):
         self.assertEqual(SMALL, curl("--cacert", self.ca, self.url("/small.txt")).stdout)
         big = curl("--cacert", self.ca, self.url("/big.bin")).stdout
         self.assertEqual(hashlib.sha256(BIG).hexdigest(), hashlib.sha256(big).hexdigest())
-        result = curl("--cacert", self.ca, "--output", "/dev/null", "--write-out", "%{http_code}",
-                      self.url("/missing.html"))
-        self.assertEqual(b"404", result.stdout)
+        self.assertEqual("404", status("--cacert", self.ca, self.url("/missing.html")))
         # Without the CA the certificate is refused; plain HTTP goes on beside.
         self.assertNotEqual(0, curl(self.url("/small.txt")).returncode)
         self.assertEqual(SMALL, curl(self.server.url("/small.txt")).stdout)
 
     def test_answers_over_tls_are_the_bytes_of_plain_http(self):
-        def answer(sock, to_close):
-            data = b""
-            while True:
-                if not to_close and b"\r\n\r\n" in data:
-                    head, _, body = data.partition(b"\r\n\r\n")
-                    length = re.search(rb"Content-Length: *(\d+)", head)
-                    if len(body) >= int(length.group(1) if length else 0):
-                        return data
-                piece = sock.recv(65536)
-                if not piece:
-                    return data
-                data += piece
-
         plain = socket.create_connection(("127.0.0.1", self.server.port), timeout=30)
         secure = self.context.wrap_socket(socket.create_connection(("127.0.0.1", self.server.tls_port), timeout=30),
                                           server_hostname="localhost")
@@ -764,17 +643,16 @@ class TlsTest(unittest.TestCase):
             request = b"GET " + path.encode() + b" HTTP/1.1\r\nHost: x\r\n" + extra + b"\r\n"
             plain.sendall(request)
             secure.sendall(request)
-            expected = answer(plain, to_close)
+            expected = read_answer(plain, to_close)
             self.assertTrue(expected.startswith(b"HTTP/1.1 "), name)
-            self.assertEqual(expected, answer(secure, to_close), name)
+            self.assertEqual(expected, read_answer(secure, to_close), name)
         self.assertTrue(expected.endswith(BIG))
         plain.close()
         secure.close()
 
     def test_sighup_renews_the_certificate_while_a_client_stays_connected(self):
         held = self.connect()
-        held.request("GET", "/small.txt")
-        held.getresponse().read()
+        self.assertEqual(SMALL, get(held, "/small.txt")[1])
         self.assertIn((("commonName", "first"),), held.sock.getpeercert()["subject"])
         self.use("second")
         self.server.process.send_signal(signal.SIGHUP)
@@ -782,18 +660,14 @@ class TlsTest(unittest.TestCase):
         while not any("certificate reloaded" in line for line in self.server.log) and time.time() < deadline:
             time.sleep(0.05)
         fresh = self.connect()
-        fresh.request("GET", "/small.txt")
-        self.assertEqual(SMALL, fresh.getresponse().read())
+        self.assertEqual(SMALL, get(fresh, "/small.txt")[1])
         self.assertIn((("commonName", "second"),), fresh.sock.getpeercert()["subject"])
         # Reloads racing handshakes on the loops: every newcomer is served.
         answers = []
 
         def newcomers():
             for _ in range(20):
-                connection = self.connect()
-                connection.request("GET", "/small.txt")
-                answers.append(connection.getresponse().read())
-                connection.close()
+                answers.append(get(self.connect(), "/small.txt")[1])
         clients = threading.Thread(target=newcomers)
         clients.start()
         for _ in range(10):
@@ -801,34 +675,25 @@ class TlsTest(unittest.TestCase):
             time.sleep(0.02)
         clients.join()
         self.assertEqual([SMALL] * 20, answers)
-        held.request("GET", "/small.txt")
-        self.assertEqual(SMALL, held.getresponse().read())
-        fresh.close()
-        held.close()
+        self.assertEqual(SMALL, get(held, "/small.txt")[1])
 
     def test_chromium_loads_the_page_over_https(self):
-        browser = find_chromium()
-        if browser is None:
+        if find_chromium() is None:
             self.skipTest("Chromium is not installed")
-        profile = tempfile.mkdtemp(prefix="nvq-chromium-")
-        dom = dump_dom(browser, profile, self.url("/index.html"), "--ignore-certificate-errors")
-        shutil.rmtree(profile, ignore_errors=True)
-        assert_sample_page(self, dom)
+        assert_sample_page(self, dump_dom(self.url("/index.html"), "--ignore-certificate-errors"))
 
 
 GROUPS = {"curl": CurlTest, "http_client": HttpClientTest, "chromium": ChromiumTest, "sigterm": SigtermTest,
-          "cap": CapTest, "web": WebTest, "web_chromium": WebChromiumTest,
-          "web_nginx": WebNginxTest, "websocket": WebSocketTest, "wsidle": WsIdleTest,
-          "tls": TlsTest}
+          "cap": CapTest, "web": WebTest, "web_chromium": WebChromiumTest, "web_nginx": WebNginxTest,
+          "websocket": WebSocketTest, "wsidle": WsIdleTest, "tls": TlsTest}
 
 
 def main():
     global NVQ_HTTPD, SITE_DIR, EMULATOR
     if len(sys.argv) < 4 or sys.argv[3] not in GROUPS:
-        print(__doc__, file=sys.stderr)
+        print("usage: e2e_nvq_httpd.py NVQ_HTTPD SITE_DIR {%s} [EMULATOR...]" % ",".join(GROUPS), file=sys.stderr)
         return 2
-    NVQ_HTTPD, SITE_DIR, group = sys.argv[1], sys.argv[2], sys.argv[3]
-    EMULATOR = sys.argv[4:]
+    NVQ_HTTPD, SITE_DIR, group, EMULATOR = sys.argv[1], sys.argv[2], sys.argv[3], sys.argv[4:]
     needs = [  # groups, what they need, the reason given when it is missing
         (("curl", "tls", "web", "web_chromium", "web_nginx"), lambda: shutil.which("curl"), "curl is not installed"),
         (("tls",), lambda: shutil.which("openssl"), "the openssl command is not installed"),
@@ -841,8 +706,7 @@ def main():
             print("SKIPPED: " + reason)
             return SKIPPED
     suite = unittest.defaultTestLoader.loadTestsFromTestCase(GROUPS[group])
-    result = unittest.TextTestRunner(verbosity=2).run(suite)
-    return 0 if result.wasSuccessful() else 1
+    return 0 if unittest.TextTestRunner(verbosity=2).run(suite).wasSuccessful() else 1
 
 
 if __name__ == "__main__":

@@ -2,8 +2,6 @@
 
 #include <gtest/gtest.h>
 
-#include <cstring>
-
 namespace
 {
 
@@ -11,31 +9,28 @@ typedef KZF::CDataBuffer<unsigned char, KZF::CFakeSynchronizationObject> CByteBu
 
 void fillPattern(CByteBuffer &buffer)
 {
-    unsigned char *p = buffer;
     for (unsigned long i = 0; i < buffer.GetSize(); ++i)
-        p[i] = static_cast<unsigned char>(i * 7 + 3);
+        static_cast<unsigned char *>(buffer)[i] = static_cast<unsigned char>(i * 7 + 3);
 }
 
 bool hasPattern(CByteBuffer &buffer, unsigned long count)
 {
-    const unsigned char *p = buffer;
     for (unsigned long i = 0; i < count; ++i) {
-        if (p[i] != static_cast<unsigned char>(i * 7 + 3))
+        if (static_cast<unsigned char *>(buffer)[i] != static_cast<unsigned char>(i * 7 + 3))
             return false;
     }
     return true;
 }
 
-void expectEmpty(CByteBuffer &buffer)
+bool isEmpty(CByteBuffer &buffer)
 {
-    EXPECT_EQ(0u, buffer.GetSize());
-    EXPECT_EQ(nullptr, static_cast<unsigned char *>(buffer));
+    return buffer.GetSize() == 0 && static_cast<unsigned char *>(buffer) == nullptr;
 }
 
 TEST(DataBufferTest, ResizingKeepsTheLeadingElementsAndSameSizeKeepsTheStorage)
 {
     CByteBuffer buffer;
-    expectEmpty(buffer);
+    EXPECT_TRUE(isEmpty(buffer));
     ASSERT_TRUE(buffer.SetSize(1024));
     fillPattern(buffer);
     unsigned char *before = buffer;
@@ -56,33 +51,26 @@ TEST(DataBufferTest, SizeZeroReleaseAndFailedAllocationLeaveItEmpty)
     EXPECT_TRUE(buffer.SetSize(0)) << "already empty";
     ASSERT_TRUE(buffer.SetSize(1024));
     EXPECT_FALSE(buffer.SetSize(0));
-    expectEmpty(buffer);
+    EXPECT_TRUE(isEmpty(buffer));
     ASSERT_TRUE(buffer.SetSize(64));
     buffer.Release();
     buffer.Release();
-    expectEmpty(buffer);
+    EXPECT_TRUE(isEmpty(buffer));
     ASSERT_TRUE(buffer.SetSize(64));
     // The whole address space, which no machine can give (half of it can
     // be had on a 32-bit target): the non-throwing new yields nothing.
     EXPECT_FALSE(buffer.SetSize(~0ul));
-    expectEmpty(buffer);
+    EXPECT_TRUE(isEmpty(buffer));
 }
 
 // A lock policy that records how deep it is held: SetSize releases the old
 // storage while it holds the lock, so the policy sees a nested lock.
 struct CCountingLock {
-    static int s_depth;
-    static int s_maxDepth;
-    void Lock()
-    {
-        ++s_depth;
-        if (s_depth > s_maxDepth)
-            s_maxDepth = s_depth;
-    }
+    static int s_depth, s_maxDepth;
+    void Lock() { s_maxDepth = std::max(s_maxDepth, ++s_depth); }
     void Unlock() { --s_depth; }
 };
-int CCountingLock::s_depth = 0;
-int CCountingLock::s_maxDepth = 0;
+int CCountingLock::s_depth = 0, CCountingLock::s_maxDepth = 0;
 
 TEST(DataBufferTest, ResizeTakesTheLockAgainInsideItself)
 {

@@ -4,13 +4,12 @@
 
 #include <algorithm>
 #include <atomic>
-#include <chrono>
-#include <condition_variable>
 #include <cstring>
+#include <functional>
+#include <future>
 #include <mutex>
 #include <string>
 #include <thread>
-#include <unistd.h>
 #include <vector>
 
 namespace
@@ -28,33 +27,36 @@ void logText(int level, const char *text)
     logger().LogMessage(level, __FILE__, __LINE__, "f", CLogger::c_noneObjPtr, "%s", text);
 }
 
-// Records every delivery; Log is virtual so that derived devices can log or
-// detach from inside it.
+// Records every delivery; m_onLog runs inside Log (to log again, detach or block there).
 class CRecordingDevice : public KZF::ILogOutputDevice
 {
   public:
-    bool Init() override
-    {
-        ++m_inits;
-        return m_acceptInit;
-    }
+    bool Init() override { return ++m_inits, m_acceptInit; }
     void Terminate() override { ++m_terminates; }
     void Log(const char *text, unsigned int level, const CLogger::SLogMessage &message) override
     {
+        {
+            std::lock_guard<std::mutex> lock(m_mutex);
+            m_lines.push_back(text);
+            m_levels.push_back(level);
+            m_texts.push_back(message.m_text);
+            m_pointers.push_back(text);
+        }
+        if (m_onLog)
+            m_onLog(message.m_text);
+    }
+    size_t Count()
+    {
         std::lock_guard<std::mutex> lock(m_mutex);
-        m_lines.push_back(text);
-        m_levels.push_back(level);
-        m_texts.push_back(message.m_text);
-        m_pointers.push_back(text);
+        return m_lines.size();
     }
 
     bool m_acceptInit = true;
-    int m_inits = 0;
-    int m_terminates = 0;
+    int m_inits = 0, m_terminates = 0;
+    std::function<void(const std::string &)> m_onLog;
     std::mutex m_mutex;
-    std::vector<std::string> m_lines;
+    std::vector<std::string> m_lines, m_texts;
     std::vector<unsigned int> m_levels;
-    std::vector<std::string> m_texts;
     std::vector<const void *> m_pointers;
 };
 
@@ -100,7 +102,7 @@ TEST_F(LoggerTest, OneLineWithTimeLevelLocationFunctionAndTextGoesToEveryDevice)
 
 TEST_F(LoggerTest, AttachmentRulesInitTerminateAndThreshold)
 {
-    CRecordingDevice device;
+    CRecordingDevice device, refusing;
     EXPECT_FALSE(logger().RemoveOutputDevice(&device));
     EXPECT_TRUE(logger().AddOutputDevice(&device));
     EXPECT_FALSE(logger().AddOutputDevice(&device));
@@ -115,77 +117,45 @@ TEST_F(LoggerTest, AttachmentRulesInitTerminateAndThreshold)
     EXPECT_FALSE(logger().RemoveOutputDevice(&device));
     EXPECT_FALSE(logger().AddOutputDevice(nullptr));
     EXPECT_EQ(std::vector<std::string>{"kept"}, device.m_texts);
-
-    CRecordingDevice refusing;
     refusing.m_acceptInit = false;
     EXPECT_FALSE(logger().AddOutputDevice(&refusing));
     logText(1, "x");
     EXPECT_TRUE(refusing.m_lines.empty());
 }
 
-// Logs again from inside its own Log (like the log handler's notices) or
-// detaches itself there.
-class CReentrantDevice : public CRecordingDevice
-{
-  public:
-    explicit CReentrantDevice(bool detach) : m_detach(detach) {}
-    void Log(const char *text, unsigned int level, const CLogger::SLogMessage &message) override
-    {
-        CRecordingDevice::Log(text, level, message);
-        if (m_detach)
-            m_removed = logger().RemoveOutputDevice(this);
-        else if (std::strcmp(message.m_text, "outer") == 0)
-            logText(1, "inner");
-    }
-    bool m_detach;
-    bool m_removed = false;
-};
-
 TEST_F(LoggerTest, DeviceMayLogOrDetachFromInsideItsOwnLog)
 {
-    CReentrantDevice echoing(false), leaving(true);
+    CRecordingDevice echoing, leaving;
+    echoing.m_onLog = [](const std::string &text) {
+        if (text == "outer")
+            logText(1, "inner");
+    };
+    bool removed = false;
+    leaving.m_onLog = [&](const std::string &) { removed = logger().RemoveOutputDevice(&leaving); };
     ASSERT_TRUE(logger().AddOutputDevice(&echoing));
     logText(1, "outer");
     logger().RemoveOutputDevice(&echoing);
     EXPECT_EQ((std::vector<std::string>{"outer", "inner"}), echoing.m_texts);
-
     ASSERT_TRUE(logger().AddOutputDevice(&leaving));
     logText(1, "one");
     logText(1, "two");
-    EXPECT_TRUE(leaving.m_removed);
+    EXPECT_TRUE(removed);
     EXPECT_EQ(std::vector<std::string>{"one"}, leaving.m_texts);
     EXPECT_EQ(1, leaving.m_terminates);
 }
 
-// Blocks inside Log until released, to hold a delivery open.
-class CBlockingDevice : public KZF::ILogOutputDevice
-{
-  public:
-    bool Init() override { return true; }
-    void Terminate() override {}
-    void Log(const char *, unsigned int, const CLogger::SLogMessage &) override
-    {
-        std::unique_lock<std::mutex> lock(m_mutex);
-        m_inside = true;
-        m_changed.notify_all();
-        m_changed.wait(lock, [this] { return m_release; });
-        m_inside = false;
-    }
-    std::mutex m_mutex;
-    std::condition_variable m_changed;
-    bool m_inside = false;
-    bool m_release = false;
-};
-
 TEST_F(LoggerTest, RemoveWaitsForADeliveryUnderWay)
 {
-    CBlockingDevice device;
+    CRecordingDevice device;
+    std::promise<void> entered, release;
+    std::shared_future<void> released = release.get_future().share();
+    device.m_onLog = [&](const std::string &) {
+        entered.set_value();
+        released.wait();
+    };
     ASSERT_TRUE(logger().AddOutputDevice(&device));
     std::thread logging([] { logText(1, "held"); });
-    {
-        std::unique_lock<std::mutex> lock(device.m_mutex);
-        device.m_changed.wait(lock, [&] { return device.m_inside; });
-    }
+    entered.get_future().wait();
     std::atomic<bool> removed(false);
     std::thread removing([&] {
         logger().RemoveOutputDevice(&device);
@@ -193,81 +163,46 @@ TEST_F(LoggerTest, RemoveWaitsForADeliveryUnderWay)
     });
     std::this_thread::sleep_for(std::chrono::milliseconds(50));
     EXPECT_FALSE(removed) << "RemoveOutputDevice returned while a delivery was under way";
-    {
-        std::lock_guard<std::mutex> lock(device.m_mutex);
-        device.m_release = true;
-    }
-    device.m_changed.notify_all();
+    release.set_value();
     removing.join();
     logging.join();
-    EXPECT_FALSE(device.m_inside);
 }
-
-// Counts deliveries and flags any that starts after its removal returned.
-class CCountingDevice : public KZF::ILogOutputDevice
-{
-  public:
-    bool Init() override { return true; }
-    void Terminate() override {}
-    void Log(const char *, unsigned int, const CLogger::SLogMessage &) override
-    {
-        if (m_detached.load())
-            m_lateDeliveries.fetch_add(1);
-        m_deliveries.fetch_add(1);
-    }
-    std::atomic<bool> m_detached{false};
-    std::atomic<int> m_deliveries{0};
-    std::atomic<int> m_lateDeliveries{0};
-};
 
 TEST_F(LoggerTest, ConcurrentLoggingWhileDevicesComeAndGo)
 {
-    CCountingDevice steady;
+    CRecordingDevice steady;
     ASSERT_TRUE(logger().AddOutputDevice(&steady));
     std::vector<std::thread> loggers;
-    const int perThread = 2000;
     for (int t = 0; t < 4; ++t) {
         loggers.emplace_back([t] {
-            for (int i = 0; i < perThread; ++i)
-                logger().LogMessage(5, __FILE__, __LINE__, "worker", CLogger::c_noneObjPtr,
-                                    "thread %d message %d", t, i);
+            for (int i = 0; i < 2000; ++i)
+                logger().LogMessage(5, __FILE__, __LINE__, "worker", CLogger::c_noneObjPtr, "%d %d", t, i);
         });
     }
     for (int round = 0; round < 200; ++round) {
-        CCountingDevice transient;
+        CRecordingDevice transient;
         ASSERT_TRUE(logger().AddOutputDevice(&transient));
         std::this_thread::yield();
         ASSERT_TRUE(logger().RemoveOutputDevice(&transient));
-        transient.m_detached = true;
+        const size_t seen = transient.Count();
         std::this_thread::yield();
-        EXPECT_EQ(0, transient.m_lateDeliveries.load());
+        EXPECT_EQ(seen, transient.Count()) << "a delivery started after the removal returned";
     }
     for (std::thread &thread : loggers)
         thread.join();
     logger().RemoveOutputDevice(&steady);
-    EXPECT_EQ(4 * perThread, steady.m_deliveries.load());
+    EXPECT_EQ(8000u, steady.Count());
 }
 
 TEST_F(LoggerTest, StdErrDeviceWritesWholeLinesUpToItsLevel)
 {
-    int pipeEnds[2];
-    ASSERT_EQ(0, pipe(pipeEnds));
-    const int savedStderr = dup(STDERR_FILENO);
-    dup2(pipeEnds[1], STDERR_FILENO);
     KZF::CStdErrLogDevice device(4);
+    ::testing::internal::CaptureStderr();
     ASSERT_TRUE(logger().AddOutputDevice(&device));
     logText(4, "shown 1");
     logText(5, "hidden");
     logger().RemoveOutputDevice(&device);
-    dup2(savedStderr, STDERR_FILENO);
-    close(savedStderr);
-    close(pipeEnds[1]);
-    std::string output;
-    char buffer[512];
-    ssize_t n;
-    while ((n = read(pipeEnds[0], buffer, sizeof(buffer))) > 0)
-        output.append(buffer, static_cast<size_t>(n));
-    close(pipeEnds[0]);
+    const std::string output = ::testing::internal::GetCapturedStderr();
     EXPECT_NE(std::string::npos, output.find("shown 1\n"));
     EXPECT_EQ(std::string::npos, output.find("hidden"));
     EXPECT_EQ(1, std::count(output.begin(), output.end(), '\n'));

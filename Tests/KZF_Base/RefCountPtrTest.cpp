@@ -2,35 +2,47 @@
 
 #include <gtest/gtest.h>
 
-#include <atomic>
 #include <thread>
 #include <vector>
 
 namespace
 {
 
-// Counts live instances so tests can see exactly when objects die.
-struct CTracked : public KZF::CRefCount_Base {
+// Counts live instances so tests can see exactly when objects die; the
+// count base is not the first base, so the IRefCount sub-object sits at a
+// different address from the complete object. A destructor notes what the
+// watched pointer holds at that moment.
+struct CFirstBase {
+    virtual ~CFirstBase() {}
+    long m_padding[3] = {1, 2, 3};
+};
+struct CTracked : public CFirstBase, public KZF::CRefCount_Base {
     static int s_alive;
     CTracked() { ++s_alive; }
-    ~CTracked() override { --s_alive; }
+    ~CTracked() override
+    {
+        --s_alive;
+        if (m_pWatched != nullptr)
+            *m_pSeen = m_pWatched->GetPtr();
+    }
+    KZF::CRefCountPtr<CTracked> *m_pWatched = nullptr;
+    CTracked **m_pSeen = nullptr;
 };
 int CTracked::s_alive = 0;
+typedef KZF::CRefCountPtr<CTracked> CPtr;
 
-class RefCountPtrTest : public ::testing::Test
+TEST(RefCountPtrTest, CopiesCountAndTheLastPointerDestroysTheCompleteObject)
 {
-  protected:
-    void SetUp() override { CTracked::s_alive = 0; }
-};
-
-TEST_F(RefCountPtrTest, LastPointerDestroysTheObject)
-{
+    CTracked::s_alive = 0;
     CTracked *raw = new CTracked();
+    ASSERT_NE(static_cast<void *>(raw), static_cast<void *>(static_cast<KZF::IRefCount *>(raw)));
     {
-        KZF::CRefCountPtr<CTracked> first(raw);
+        CPtr first(raw);
+        EXPECT_EQ(raw, first.GetPtr());
         EXPECT_EQ(1, raw->GetRefCount());
         {
-            KZF::CRefCountPtr<CTracked> copy(first);
+            CPtr copy(first);
+            EXPECT_EQ(raw, copy.GetPtr());
             EXPECT_EQ(2, raw->GetRefCount());
         }
         EXPECT_EQ(1, CTracked::s_alive);
@@ -39,20 +51,25 @@ TEST_F(RefCountPtrTest, LastPointerDestroysTheObject)
     EXPECT_EQ(0, CTracked::s_alive);
 }
 
-TEST_F(RefCountPtrTest, AssigningReleasesTheOldObjectUnlessItIsTheHeldOne)
+TEST(RefCountPtrTest, AssigningReleasesTheOldObjectAfterTakingTheNewUnlessItIsTheHeldOne)
 {
-    KZF::CRefCountPtr<CTracked> p(new CTracked());
+    CTracked::s_alive = 0;
+    CPtr p(new CTracked());
     CTracked *raw = p.GetPtr();
     p = raw;
-    KZF::CRefCountPtr<CTracked> &alias = p;
+    CPtr &alias = p;
     p = alias;
     EXPECT_EQ(1, CTracked::s_alive);
     EXPECT_EQ(1, raw->GetRefCount());
     EXPECT_EQ(raw, p.GetPtr());
-
-    p = new CTracked();
+    CTracked *seen = nullptr;
+    p->m_pWatched = &p;
+    p->m_pSeen = &seen;
+    CTracked *replacement = new CTracked();
+    p = replacement;
+    EXPECT_EQ(replacement, seen) << "the pointer holds the new object while the old one is destroyed";
     EXPECT_EQ(1, CTracked::s_alive);
-    KZF::CRefCountPtr<CTracked> b(new CTracked());
+    CPtr b(new CTracked());
     p = b;
     EXPECT_EQ(1, CTracked::s_alive);
     EXPECT_EQ(p.GetPtr(), b.GetPtr());
@@ -62,54 +79,9 @@ TEST_F(RefCountPtrTest, AssigningReleasesTheOldObjectUnlessItIsTheHeldOne)
     EXPECT_TRUE(p.IsNull());
 }
 
-// The count base is not the first base, so the IRefCount sub-object sits at a
-// different address from the complete object.
-struct CFirstBase {
-    virtual ~CFirstBase() {}
-    long m_padding[3] = {1, 2, 3};
-};
-struct CCountNotFirst : public CFirstBase, public KZF::CRefCount_Base {
-    int m_value = 42;
-};
-
-TEST_F(RefCountPtrTest, GetPtrReturnsTheCompleteObjectWhenTheCountBaseIsNotFirst)
+TEST(RefCountPtrTest, ArrowOnNullFailsTheCheckOrGivesNullWithChecksOff)
 {
-    CCountNotFirst *raw = new CCountNotFirst();
-    ASSERT_NE(static_cast<void *>(raw), static_cast<void *>(static_cast<KZF::IRefCount *>(raw)));
-    KZF::CRefCountPtr<CCountNotFirst> p(raw);
-    EXPECT_EQ(raw, p.GetPtr());
-    EXPECT_EQ(42, p->m_value);
-    KZF::CRefCountPtr<CCountNotFirst> copy(p);
-    EXPECT_EQ(raw, copy.GetPtr());
-    EXPECT_EQ(2, raw->GetRefCount());
-}
-
-// When the old object's destructor runs, the pointer must already hold the
-// new object (destructors may look at or release other pointers).
-struct CObserver : public KZF::CRefCount_Base {
-    KZF::CRefCountPtr<CObserver> *m_pWatched = nullptr;
-    CObserver **m_pSeen = nullptr;
-    ~CObserver() override
-    {
-        if (m_pWatched != nullptr)
-            *m_pSeen = m_pWatched->GetPtr();
-    }
-};
-
-TEST_F(RefCountPtrTest, PointerHoldsTheNewObjectWhileTheOldOneIsDestroyed)
-{
-    KZF::CRefCountPtr<CObserver> p(new CObserver());
-    CObserver *seen = nullptr;
-    p->m_pWatched = &p;
-    p->m_pSeen = &seen;
-    CObserver *replacement = new CObserver();
-    p = replacement;
-    EXPECT_EQ(replacement, seen);
-}
-
-TEST_F(RefCountPtrTest, ArrowOnNullFailsTheCheckOrGivesNullWithChecksOff)
-{
-    KZF::CRefCountPtr<CTracked> p;
+    CPtr p;
     EXPECT_DEATH((void)p.operator->(), "GetPtr\\(\\) != __null");
     const int saved = GetKzfAssertMode();
     SetKzfAssertMode(1);
@@ -117,15 +89,15 @@ TEST_F(RefCountPtrTest, ArrowOnNullFailsTheCheckOrGivesNullWithChecksOff)
     SetKzfAssertMode(saved);
 }
 
-TEST_F(RefCountPtrTest, CountSurvivesCopiesOnManyThreads)
+TEST(RefCountPtrTest, CountSurvivesCopiesOnManyThreads)
 {
-    KZF::CRefCountPtr<CTracked> shared(new CTracked());
+    CTracked::s_alive = 0;
+    CPtr shared(new CTracked());
     std::vector<std::thread> threads;
     for (int t = 0; t < 4; ++t) {
         threads.emplace_back([&shared] {
             for (int i = 0; i < 20000; ++i) {
-                KZF::CRefCountPtr<CTracked> local(shared);
-                KZF::CRefCountPtr<CTracked> other;
+                CPtr local(shared), other;
                 other = local;
             }
         });

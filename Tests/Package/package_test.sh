@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
-# Installs the library (static, as built, and a shared build of it), then
-# builds the README's host program as an outside project against each
-# installation, through find_package and through pkg-config, and runs it.
+# Installs the library twice -- static as built, and a shared build without
+# TLS -- then builds the README's host program as an outside project against
+# each installation, through find_package and through pkg-config, and runs it.
 #   package_test.sh SOURCE_DIR BUILD_DIR
 set -euo pipefail
 source_dir=$1
@@ -10,63 +10,39 @@ work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
 
 # The host program is the README's first C++ block, compiled as shown.
-mkdir -p "$work/host"
+mkdir -p "$work/host" "$work/site"
 awk '/^```cpp/{inside=1; next} /^```/{if (inside) exit} inside' "$source_dir/README.md" > "$work/host/host.cpp"
 cmp -s "$work/host/host.cpp" "$source_dir/Tests/Package/host.cpp" ||
   { echo "README's host program differs from Tests/Package/host.cpp"; exit 1; }
 cp "$source_dir/Tests/Package/CMakeLists.txt.in" "$work/host/CMakeLists.txt"
-
-mkdir -p "$work/site"
 echo "hello from the installed library" > "$work/site/hello.txt"
 
-run_host() { # binary
-  local log=$work/host.log input=$work/host.in
-  rm -f "$input"
-  mkfifo "$input"
-  "$1" "$work/site" 0 < "$input" > "$log" &
-  local pid=$!
-  exec 3> "$input" # Enter, written below, stops the host
-  local port=
-  for _ in $(seq 100); do
-    port=$(sed -n 's|.*localhost:\([0-9]*\)/.*|\1|p' "$log")
-    [ -n "$port" ] && break
-    sleep 0.1
-  done
-  if [ -z "$port" ]; then
-    echo "host did not start"
-    exec 3>&-
-    kill $pid
-    return 1
-  fi
-  local body
-  body=$(python3 -c "import urllib.request; print(urllib.request.urlopen('http://127.0.0.1:$port/hello.txt').read().decode(), end='')")
-  echo >&3
-  exec 3>&-
-  wait $pid
-  [ "$body" = "hello from the installed library" ] || { echo "unexpected answer: $body"; return 1; }
+run_host() { # binary label: serves the site on a free port; Enter stops it
+  coproc HOST { "$1" "$work/site" 0; }
+  local line body
+  read -r -t 20 line <&"${HOST[0]}" || { echo "$2: host did not start"; kill "$HOST_PID"; return 1; }
+  line=${line#*localhost:}
+  body=$(python3 -c "import urllib.request; print(urllib.request.urlopen('http://127.0.0.1:${line%%/*}/hello.txt').read().decode(), end='')")
+  echo >&"${HOST[1]}"
+  wait "$HOST_PID"
+  [ "$body" = "hello from the installed library" ] || { echo "$2: unexpected answer: $body"; return 1; }
+  echo "$2 works"
 }
 
 check_installation() { # prefix label
-  local prefix=$1 label=$2
-  cmake -S "$work/host" -B "$work/host-build-$label" -DCMAKE_PREFIX_PATH="$prefix" > /dev/null
-  cmake --build "$work/host-build-$label" > /dev/null
-  run_host "$work/host-build-$label/host"
-  echo "$label: find_package host works"
-  if command -v pkg-config > /dev/null; then
-    local flags
-    flags=$(PKG_CONFIG_PATH="$prefix/lib/pkgconfig" pkg-config --cflags --libs nvqhttp)
-    # shellcheck disable=SC2086
-    g++ -std=c++17 "$work/host/host.cpp" -o "$work/host-pc-$label" $flags -Wl,-rpath,"$prefix/lib"
-    run_host "$work/host-pc-$label"
-    echo "$label: pkg-config host works"
-  fi
+  cmake -S "$work/host" -B "$work/build-$2" -DCMAKE_PREFIX_PATH="$1" > /dev/null
+  cmake --build "$work/build-$2" > /dev/null
+  run_host "$work/build-$2/host" "$2, find_package"
+  # shellcheck disable=SC2046
+  g++ -std=c++17 "$work/host/host.cpp" -o "$work/pc-$2" -Wl,-rpath,"$1/lib" \
+    $(PKG_CONFIG_PATH="$1/lib/pkgconfig" pkg-config --cflags --libs nvqhttp)
+  run_host "$work/pc-$2" "$2, pkg-config"
 }
 
 cmake --install "$build_dir" --prefix "$work/static" > /dev/null
-check_installation "$work/static" static
-
-cmake -S "$source_dir" -B "$work/shared-build" -G Ninja -DBUILD_SHARED_LIBS=ON -DNVQ_BUILD_TESTS=OFF \
-  -DCMAKE_BUILD_TYPE=Release > /dev/null
+check_installation "$work/static" "static$(grep -q '^NVQ_WITH_TLS:BOOL=ON' "$build_dir/CMakeCache.txt" && echo ', TLS')"
+cmake -S "$source_dir" -B "$work/shared-build" -G Ninja -DBUILD_SHARED_LIBS=ON -DNVQ_WITH_TLS=OFF \
+  -DNVQ_BUILD_TESTS=OFF -DNVQ_BUILD_DEMO=OFF -DCMAKE_BUILD_TYPE=Release > /dev/null
 cmake --build "$work/shared-build" > /dev/null
 cmake --install "$work/shared-build" --prefix "$work/shared" > /dev/null
-check_installation "$work/shared" shared
+check_installation "$work/shared" "shared, no TLS"
