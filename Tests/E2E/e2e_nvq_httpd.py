@@ -441,10 +441,7 @@ class ChromiumTest(ServerCase):
         match = re.search(r"seen after (\d+) ms, (\d+) polls", dom)
         self.assertIsNotNone(match, dom[:2000])
         print(match.group(0))
-        # A second on a plain build; sanitizers and emulators slow the server
-        # several times over, so there only the absence of polling counts.
-        if os.environ.get("NVQ_E2E_PLAIN") == "1" and not EMULATOR:
-            self.assertLess(int(match.group(1)), 1000)
+        # Pushed, not polled; how fast is the benchmark's business.
         self.assertEqual("0", match.group(2))
 
 
