@@ -58,6 +58,7 @@ struct SFixture {
         options.m_clock = [this] { return now; };
         options.m_allowBasic = true;
         options.m_maxFailures = 3;
+        options.m_maxClients = 2;
     }
     int64_t now = 1000;
     NVQTest::CScriptedHandler handler;
@@ -89,7 +90,7 @@ std::string Field(const KZF::CRefCountPtr<NVQ::CHTTPResponse> &answer, const cha
 TEST(HTTPAccessGuardTest, AuthorizationSequences)
 {
     const std::string sha1 = Digest("SHA-256", "00000001", c_sha);
-    const std::string other = "198.51.100.1:80";
+    const std::string other = "198.51.100.1:80", wrong = "Basic TXVmYXNhOng=";
     const struct {
         const char *name;
         bool issueNonce; // a first request without credentials gets the nonce out
@@ -121,6 +122,16 @@ TEST(HTTPAccessGuardTest, AuthorizationSequences)
           {sha1, 429},
           {sha1, 200, false, false, 0, other},
           {Digest("SHA-256", "00000002", c_shaNc2), 200, false, false, 60}}},
+        // Two addresses tracked at most: a third one pushes out an ended
+        // window, not the (first in order) one still throttled.
+        {"full table drops ended windows first",
+         false,
+         {{wrong, 401, false, true, 0, "192.0.2.9:1"},
+          {wrong, 401, false, true, 1, "192.0.2.1:1"},
+          {wrong, 401, false, true, 0, "192.0.2.1:1"},
+          {wrong, 401, false, true, 0, "192.0.2.1:1"},
+          {wrong, 401, false, true, 59, "192.0.2.5:1"},
+          {c_basic, 429, false, true, 0, "192.0.2.1:1"}}},
     };
     for (const auto &c : cases) {
         SCOPED_TRACE(c.name);

@@ -81,6 +81,8 @@ NVQ::CHTTPRequest *NewRequest(const SExchange &c)
     request->SetUri(c.uri);
     if (!c.contentType.empty())
         request->AddHeaderField("Content-Type", c.contentType);
+    if (!c.body.empty())
+        request->AddHeaderField("Content-Length", std::to_string(c.body.size()));
     return request;
 }
 
