@@ -23,6 +23,8 @@ TEST(HTTPDateTest, ReadsTheThreeFormsRefusesTheRestWritesTheFirst)
         {"Sun, 6 Nov 1994 08:49:37 GMT", -1},
         {"Sun, 06 Nov 1994 08:49:37 GMT ", -1},
         {"Sun, 06 Nov 1994 24:00:00 GMT", -1},
+        {"Sun, 06 Nov 1994 08:49:3/ GMT", -1}, // bytes beside the digits
+        {"Sun, 06 Nov 1994 08:49:3: GMT", -1},
         {"Mon, 29 Feb 1900 00:00:00 GMT", -1},
         {"Sun Nov  6 08:49:37 94", -1},
         {"Sun,", -1},

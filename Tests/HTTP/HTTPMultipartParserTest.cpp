@@ -126,6 +126,7 @@ TEST(HTTPMultipartParserTest, FormsWholeSplitAtEveryOffsetAndByteByByte)
         {"empty content and empty file name", Part(c_disposition + "a; filename=\"\"\r\n", "") + "--xyz--", "[a file=]|.", 0, nullptr},
         {"filename* wins", Part(c_disposition + "a; filename=\"e.txt\"; filename*=UTF-8''%e2%82%ac.txt\r\n", "x") + "--xyz--", "[a file=\xe2\x82\xac.txt]x|.", 0, nullptr},
         {"backslashes of a path stay", Part(c_disposition + "a; filename=\"C:\\d\\a \\\"q\\\".txt\"\r\n", "x") + "--xyz--", "[a file=C:\\d\\a \"q\".txt]x|.", 0, nullptr},
+        {"no blank after the colon", Part("Content-Disposition:form-data; name=a\r\n", "x") + "--xyz--", "[a]x|.", 0, nullptr},
         {"three fields and 128 header bytes", Part(fields3, "") + Part(header128, "") + "--xyz--", "[a]|[a]|.", 0, nullptr},
         {"LF-only lines", "--xyz\nContent-Disposition: form-data; name=a\n\nx\n--xyz--\n", "", CHTTPMultipartParser::eErrorLineEnd, "--xyz\n"},
         {"CR alone in a header", "--xyz\r\nContent-Disposition: form-data;\r name=a\r\n\r\nx\r\n--xyz--", "", CHTTPMultipartParser::eErrorLineEnd, ";\r "},
