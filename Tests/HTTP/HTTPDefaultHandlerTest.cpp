@@ -138,37 +138,6 @@ TEST_F(DefaultHandlerTest, UrisMapToFilesBelowTheDirectoryAndNoFurther)
     }
 }
 
-// Each piece as "<size>", "+" when it only carries data, "L=<length>" when
-// it announces the whole length, "." when it is the last.
-TEST_F(DefaultHandlerTest, PiecesOf8194WithTheHandlersOwnLengthAboveOnePiece)
-{
-    const struct {
-        size_t size;
-        const char *pieces;
-    } rows[] = {{1, "1."}, {8194, "8194."}, {8195, "8194L=8195 +1."}, {20000, "8194L=20000 +8194 +3612."}};
-    int id = 10;
-    for (const auto &row : rows) {
-        const std::string name = "f" + std::to_string(row.size);
-        std::string pieces, received;
-        KZF::tstring length;
-        for (KZF::CRefCountPtr<NVQ::CHTTPResponse> piece = Get("/" + name, ++id); !piece.IsNull();
-             piece = m_handler.GetAdditionalResponseData(id)) {
-            EXPECT_EQ(200, piece->GetCode());
-            EXPECT_EQ("OK", piece->GetPhrase());
-            EXPECT_EQ("", piece->GetContentType());
-            pieces += std::string(pieces.empty() ? "" : " ") + (piece->SendOnlyData() ? "+" : "") +
-                      std::to_string(piece->GetDataSize()) +
-                      (piece->GetHeaderFieldValueByName("Content-Length", length) ? "L=" + length : "") +
-                      (piece->IsLast() ? "." : "");
-            received += Data(piece);
-            if (piece->IsLast())
-                break;
-        }
-        EXPECT_EQ(row.pieces, pieces);
-        EXPECT_EQ(m_site.Read(name), received) << name;
-    }
-}
-
 TEST_F(DefaultHandlerTest, TransfersReleaseTheirStreams)
 {
     const int before = openDescriptors();
