@@ -179,6 +179,7 @@ TEST_F(DefaultHandlerTest, FileThatChangesDuringTheTransfer)
     while (!piece->IsLast()) {
         piece = m_handler.GetAdditionalResponseData(1);
         ASSERT_FALSE(piece.IsNull());
+        EXPECT_TRUE(piece->SendOnlyData() && piece->GetAdditionalHeaders().empty()) << "bytes only";
         total += static_cast<size_t>(piece->GetDataSize());
     }
     EXPECT_EQ(20000u, total);
