@@ -190,8 +190,11 @@ TEST(HTTPAccessGuardTest, ChallengesAndUsersFile)
     EXPECT_EQ(200, Send(guard, SStep{c_basic, 0, false, true})->GetCode());
 
     // A broken file changes nothing; a SHA-256 line brings SHA-256 first.
-    std::ofstream(path) << "Mufasa:" << c_realm << ":xyz\n";
-    EXPECT_FALSE(guard.LoadUsersFile(path));
+    for (const std::string &broken :
+         {":" + c_realm + ":3D78807DEFE7DE2157E2B0B6573A855F", "Mufasa:" + c_realm + ":xyz"}) {
+        std::ofstream(path) << broken << "\n";
+        EXPECT_FALSE(guard.LoadUsersFile(path)) << broken;
+    }
     EXPECT_EQ(200, Send(guard, SStep{Digest("MD5", "00000002", c_md5Nc2), 0})->GetCode());
     std::ofstream(path) << "Mufasa:" << c_realm
                         << ":7987c64c30e25f1b74be53f966b49b90f2808aa92faf9a00262392d7b4794232\n";

@@ -18,6 +18,7 @@ TEST(HTTPDateTest, ReadsTheThreeFormsRefusesTheRestWritesTheFirst)
         {"Sunday, 06-Nov-94 08:49:37 GMT", c_1994},
         {"Sun Nov  6 08:49:37 1994", c_1994},
         {"Tue, 29 Feb 2000 12:00:00 GMT", 951825600},
+        {"Wed, 31 Dec 1969 23:59:58 GMT", -2},
         {"Tue, 19 Jan 2038 03:14:08 GMT", time_t(2147483648LL)},   // past a 32-bit time_t
         {"Sat, 01 Jan 0000 00:00:00 GMT", time_t(-62167219200LL)}, // the first and last years written
         {"Fri, 31 Dec 9999 23:59:59 GMT", time_t(253402300799LL)},

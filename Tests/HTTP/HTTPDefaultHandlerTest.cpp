@@ -389,6 +389,8 @@ class WebFilesServerTest : public DefaultHandlerServerTest
     void SetUp() override
     {
         m_site.Write(m_site.m_root + "/app.3f9a1c2e.js", "js");
+        m_site.Write(m_site.m_root + "/sub/-3f9a1c2e.js", "hash first");
+        m_site.Write(m_site.m_root + "/sub/css", "no extension");
         m_site.Write(m_site.m_root + "/style.css", "body{}");
         m_site.Write(m_site.m_root + "/style.css.gz", "GZ");
         m_site.Write(m_site.m_root + "/style.css.br", "BR");
@@ -447,6 +449,8 @@ TEST_F(WebFilesServerTest, AnswersOnOneKeptConnection)
     // clang-format off
     const SCase cases[] = {
         {"hashed, host type", "GET", "/app.3f9a1c2e.js", "", "200 OK", {type + "application/javascript\r\nContent-Length: 2 \r\n", "Cache-Control: public, max-age=31536000, immutable\r\n", "ETag: \"", "Last-Modified: ", "Accept-Ranges: bytes\r\n", "Vary: Accept-Encoding\r\n"}, {}, "js"},
+        {"hash at the start of the name", "GET", "/sub/-3f9a1c2e.js", "", "200", {"immutable"}, {}, "hash first"},
+        {"no extension", "GET", "/sub/css", "", "200", {}, {"Content-Type"}, "no extension"},
         {"untyped", "GET", "/a", "", "200", {"Cache-Control: no-cache\r\n"}, {"Content-Type"}, "just a"},
         {"HEAD, stream", "HEAD", "/large", "", "200 OK", {"Content-Length: 3145745\r\n"}, {}, ""},
         {"HEAD, index", "HEAD", "/sub/", "", "200", {type + "text/html", "Content-Length: 10\r\n"}, {}, ""},

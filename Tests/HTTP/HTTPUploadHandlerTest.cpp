@@ -209,8 +209,9 @@ TEST(HTTPUploadHandlerTest, ExistingNamesLinksAndBufferedBodies)
     EXPECT_EQ("link=;old=old;", dir.List());
 
     // The link itself is replaced; nothing is written where it pointed.
-    options.m_replaceExisting = true;
-    CHTTPUploadHandler replacing(options);
+    CHTTPUploadHandler::SOptions replace; // by default
+    replace.m_directory = dir.m_path;
+    CHTTPUploadHandler replacing(replace);
     EXPECT_EQ(200, Exchange(replacing, {"", "PUT", "/upload/link", "", "new", 0, "", ""}, 9)->GetCode());
     EXPECT_EQ("link=new;old=old;", dir.List());
     EXPECT_EQ("", outside.List());
