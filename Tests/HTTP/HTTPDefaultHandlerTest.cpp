@@ -390,6 +390,7 @@ class WebFilesServerTest : public DefaultHandlerServerTest
     {
         m_site.Write(m_site.m_root + "/app.3f9a1c2e.js", "js");
         m_site.Write(m_site.m_root + "/sub/-3f9a1c2e.js", "hash first");
+        m_site.Write(m_site.m_root + "/sub/x." + std::string(63, 'a') + "1.js", "longest hash");
         m_site.Write(m_site.m_root + "/sub/css", "no extension");
         m_site.Write(m_site.m_root + "/style.css", "body{}");
         m_site.Write(m_site.m_root + "/style.css.gz", "GZ");
@@ -446,10 +447,12 @@ TEST_F(WebFilesServerTest, AnswersOnOneKeptConnection)
         std::string body;
     };
     const std::string type = "Content-Type: ", range = "Range: bytes=";
+    const std::string longest = "/sub/x." + std::string(63, 'a') + "1.js";
     // clang-format off
     const SCase cases[] = {
         {"hashed, host type", "GET", "/app.3f9a1c2e.js", "", "200 OK", {type + "application/javascript\r\nContent-Length: 2 \r\n", "Cache-Control: public, max-age=31536000, immutable\r\n", "ETag: \"", "Last-Modified: ", "Accept-Ranges: bytes\r\n", "Vary: Accept-Encoding\r\n"}, {}, "js"},
         {"hash at the start of the name", "GET", "/sub/-3f9a1c2e.js", "", "200", {"immutable"}, {}, "hash first"},
+        {"64-byte hash", "GET", longest.c_str(), "", "200", {"immutable"}, {}, "longest hash"},
         {"no extension", "GET", "/sub/css", "", "200", {}, {"Content-Type"}, "no extension"},
         {"untyped", "GET", "/a", "", "200", {"Cache-Control: no-cache\r\n"}, {"Content-Type"}, "just a"},
         {"HEAD, stream", "HEAD", "/large", "", "200 OK", {"Content-Length: 3145745\r\n"}, {}, ""},
@@ -467,6 +470,7 @@ TEST_F(WebFilesServerTest, AnswersOnOneKeptConnection)
         {"stale If-Range", "GET", "/f20000", range + "1-2\r\nIf-Range: \"old\"\r\n", "200", {}, {}, f20000},
         {"If-Range", "GET", "/f20000", range + "1-2\r\nIf-Range: " + tagF + "\r\n", "206", {}, {}, f20000.substr(1, 2)},
         {"gzip", "GET", "/style.css", "Accept-Encoding: br;q=0, gzip\r\n", "200", {"Content-Encoding: gzip\r\n", type + "text/css"}, {}, "GZ"},
+        {"blank before a weight", "GET", "/style.css", "Accept-Encoding: gzip ;q=0.5\r\n", "200", {"Content-Encoding: gzip\r\n"}, {}, "GZ"},
         {"br first", "GET", "/style.css", "Accept-Encoding: *\r\n", "200", {"Content-Encoding: br\r\n"}, {}, "BR"},
         {"refused", "GET", "/style.css", "Accept-Encoding: gzip;q=0, br;q=0.0\r\n", "200", {}, {"Content-Encoding"}, "body{}"},
         {"no file", "GET", "/a", "Accept-Encoding: gzip\r\n", "200", {}, {"Content-Encoding"}, "just a"},

@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <cerrno>
 #include <cstdio>
 #include <string>
 #include <unistd.h>
@@ -58,6 +59,7 @@ TEST(HTTPResponseTest, DataIsAPrivateCopyOrAHeldFileRangeOfTheLatestSet)
         ASSERT_TRUE(held.SetFileData(file.GetPtr(), 1, 3));
         ASSERT_TRUE(held.SetFileData(file.GetPtr(), 2, 3)); // the same file again
         EXPECT_EQ(2, references(*file));
+        errno = EINTR; // left from earlier: no reason to read again
         EXPECT_EQ("234", dataOf(held));
         EXPECT_EQ(2, held.GetFileOffset());
         EXPECT_FALSE(held.SetFileData(file.GetPtr(), -1, 3));
