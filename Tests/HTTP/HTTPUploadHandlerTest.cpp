@@ -193,6 +193,16 @@ TEST(HTTPUploadHandlerTest, CutUploadsLeaveNothing)
     EXPECT_EQ(IHTTPRequestBodyHandler::eAnswerNow, decision.m_choice);
     EXPECT_EQ(413, decision.m_answer->GetCode());
     EXPECT_EQ("a=;", dir.List());
+
+    // A malformed form stops the body at once.
+    KZF::CRefCountPtr<NVQ::CHTTPRequest> form(
+        NewRequest({"", "POST", "/upload", "multipart/form-data; boundary=b", "", 0, "", ""}));
+    EXPECT_EQ(IHTTPRequestBodyHandler::eTakeBody, handler.OnRequestHeaders(*form, 6).m_choice);
+    const std::string broken = Part("f", "b.bin", "x") + "--b!";
+    EXPECT_FALSE(
+        handler.OnRequestBodyData(reinterpret_cast<const unsigned char *>(broken.data()), broken.size(), 6));
+    handler.OnExchangeEnded(6);
+    EXPECT_EQ("a=;", dir.List());
 }
 
 TEST(HTTPUploadHandlerTest, ExistingNamesLinksAndBufferedBodies)
