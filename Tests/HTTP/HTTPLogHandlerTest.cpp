@@ -323,22 +323,10 @@ TEST_F(LogHandlerTest, OnlyGetOnUrisThatBeginWithTheEndpointIsAnswered)
     Capture("a");
     for (const char *method : {"POST", "HEAD", "get", "PUT"})
         EXPECT_TRUE(First("", 1, method).IsNull()) << method;
-    const struct {
-        const char *uri;
-        bool taken;
-    } rows[] = {
-        {"/proxy/log", true},
-        {"/proxy/log?count=5", true},
-        {"/proxy/logs", true},
-        {"/proxy/log/x", true},
-        {"/a/proxy/log", false},
-        {"/proxy/lo", false},
-        {"/PROXY/LOG", false},
-        {"", false},
-        {"/", false},
-    };
-    for (const auto &row : rows)
-        EXPECT_EQ(row.taken, m_handler.CanProcessUri(row.uri)) << row.uri;
+    for (const char *uri : {"/proxy/log", "/proxy/log?count=5", "/proxy/logs", "/proxy/log/x"})
+        EXPECT_TRUE(m_handler.CanProcessUri(uri)) << uri;
+    for (const char *uri : {"/a/proxy/log", "/proxy/lo", "/PROXY/LOG", "", "/"})
+        EXPECT_FALSE(m_handler.CanProcessUri(uri)) << uri;
 }
 
 // ---- Pieces
