@@ -390,6 +390,7 @@ class WebFilesServerTest : public DefaultHandlerServerTest
     {
         m_site.Write(m_site.m_root + "/app.3f9a1c2e.js", "js");
         m_site.Write(m_site.m_root + "/sub/-3f9a1c2e.js", "hash first");
+        m_site.Write(m_site.m_root + "/sub/app.v2.js", "no hash");
         m_site.Write(m_site.m_root + "/sub/x." + std::string(63, 'a') + "1.js", "longest hash");
         m_site.Write(m_site.m_root + "/sub/css", "no extension");
         m_site.Write(m_site.m_root + "/style.css", "body{}");
@@ -453,6 +454,7 @@ TEST_F(WebFilesServerTest, AnswersOnOneKeptConnection)
         {"hashed, host type", "GET", "/app.3f9a1c2e.js", "", "200 OK", {type + "application/javascript\r\nContent-Length: 2 \r\n", "Cache-Control: public, max-age=31536000, immutable\r\n", "ETag: \"", "Last-Modified: ", "Accept-Ranges: bytes\r\n", "Vary: Accept-Encoding\r\n"}, {}, "js"},
         {"hash at the start of the name", "GET", "/sub/-3f9a1c2e.js", "", "200", {"immutable"}, {}, "hash first"},
         {"64-byte hash", "GET", longest.c_str(), "", "200", {"immutable"}, {}, "longest hash"},
+        {"too short for a hash", "GET", "/sub/app.v2.js", "", "200", {"Cache-Control: no-cache\r\n"}, {"immutable"}, "no hash"},
         {"no extension", "GET", "/sub/css", "", "200", {}, {"Content-Type"}, "no extension"},
         {"untyped", "GET", "/a", "", "200", {"Cache-Control: no-cache\r\n"}, {"Content-Type"}, "just a"},
         {"HEAD, stream", "HEAD", "/large", "", "200 OK", {"Content-Length: 3145745\r\n"}, {}, ""},
