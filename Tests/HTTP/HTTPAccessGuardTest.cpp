@@ -58,6 +58,7 @@ struct SFixture {
         options.m_clock = [this] { return now; };
         options.m_allowBasic = true;
         options.m_maxFailures = 3;
+        options.m_maxClients = 2;
     }
     int64_t now = 1000;
     NVQTest::CScriptedHandler handler;
@@ -89,7 +90,7 @@ std::string Field(const KZF::CRefCountPtr<NVQ::CHTTPResponse> &answer, const cha
 TEST(HTTPAccessGuardTest, AuthorizationSequences)
 {
     const std::string sha1 = Digest("SHA-256", "00000001", c_sha);
-    const std::string other = "198.51.100.1:80";
+    const std::string other = "198.51.100.1:80", wrong = "Basic TXVmYXNhOng=";
     const struct {
         const char *name;
         bool issueNonce; // a first request without credentials gets the nonce out
@@ -105,22 +106,28 @@ TEST(HTTPAccessGuardTest, AuthorizationSequences)
         {"nonce never issued", false, {{sha1, 401, true}}},
         {"replayed nc", true, {{sha1, 200}, {sha1, 401}}},
         {"nc out of order", true, {{Digest("SHA-256", "00000002", c_shaNc2), 200}, {sha1, 200}, {sha1, 401}}},
+        {"replayed below the highest nc",
+         true,
+         {{sha1, 200}, {Digest("SHA-256", "00000002", c_shaNc2), 200}, {sha1, 401}}},
         {"algorithm swapped", true, {{Digest("MD5", "00000001", c_sha), 401}}},
         {"empty", true, {{"Digest ", 400}}},
         {"short nc", true, {{Digest("SHA-256", "1", c_sha), 400}}},
         {"parameter twice", true, {{sha1 + ", qop=auth", 400}}},
         {"Basic over plain HTTP", true, {{c_basic, 401}}},
         {"Basic over TLS", true, {{c_basic, 200, false, true}}},
-        {"Basic, wrong password", true, {{"Basic TXVmYXNhOng=", 401, false, true}}},
+        {"Basic, wrong password", true, {{wrong, 401, false, true}}},
         {"Basic, not base64", true, {{"Basic *", 400, false, true}}},
-        {"throttled per address, then forgiven",
-         true,
-         {{"Basic TXVmYXNhOng=", 401, false, true},
-          {"Basic TXVmYXNhOng=", 401, false, true, 0, "192.0.2.7:5001"},
-          {"Bearer x", 401},
-          {sha1, 429},
-          {sha1, 200, false, false, 0, other},
-          {Digest("SHA-256", "00000002", c_shaNc2), 200, false, false, 60}}},
+        // clang-format off
+        {"throttled per address, then forgiven", true,
+         {{wrong, 401, false, true}, {wrong, 401, false, true, 0, "192.0.2.7:5001"}, {"Bearer x", 401}, {sha1, 429},
+          {sha1, 200, false, false, 0, other}, {Digest("SHA-256", "00000002", c_shaNc2), 200, false, false, 60}}},
+        // Two addresses tracked at most: a third one pushes out an ended
+        // window, not the (first in order) one still throttled.
+        {"full table drops ended windows first", false,
+         {{wrong, 401, false, true, 0, "192.0.2.9:1"}, {wrong, 401, false, true, 1, "192.0.2.1:1"},
+          {wrong, 401, false, true, 0, "192.0.2.1:1"}, {wrong, 401, false, true, 0, "192.0.2.1:1"},
+          {wrong, 401, false, true, 59, "192.0.2.5:1"}, {c_basic, 429, false, true, 0, "192.0.2.1:1"}}},
+        // clang-format on
     };
     for (const auto &c : cases) {
         SCOPED_TRACE(c.name);
@@ -176,8 +183,11 @@ TEST(HTTPAccessGuardTest, ChallengesAndUsersFile)
     EXPECT_EQ(200, Send(guard, SStep{c_basic, 0, false, true})->GetCode());
 
     // A broken file changes nothing; a SHA-256 line brings SHA-256 first.
-    std::ofstream(path) << "Mufasa:" << c_realm << ":xyz\n";
-    EXPECT_FALSE(guard.LoadUsersFile(path));
+    for (const std::string &broken :
+         {":" + c_realm + ":3D78807DEFE7DE2157E2B0B6573A855F", "Mufasa:" + c_realm + ":xyz"}) {
+        std::ofstream(path) << broken << "\n";
+        EXPECT_FALSE(guard.LoadUsersFile(path)) << broken;
+    }
     EXPECT_EQ(200, Send(guard, SStep{Digest("MD5", "00000002", c_md5Nc2), 0})->GetCode());
     std::ofstream(path) << "Mufasa:" << c_realm
                         << ":7987c64c30e25f1b74be53f966b49b90f2808aa92faf9a00262392d7b4794232\n";

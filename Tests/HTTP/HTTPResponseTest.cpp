@@ -2,8 +2,10 @@
 
 #include <gtest/gtest.h>
 
-#include <memory>
+#include <cerrno>
+#include <cstdio>
 #include <string>
+#include <unistd.h>
 #include <vector>
 
 namespace
@@ -11,60 +13,81 @@ namespace
 
 using NVQ::CHTTPResponse;
 
-std::string DataOf(const CHTTPResponse &response)
+std::string dataOf(const CHTTPResponse &response)
 {
-    return std::string(reinterpret_cast<const char *>(response.GetData()),
-                       static_cast<size_t>(response.GetDataSize()));
+    const unsigned char *data = response.GetData();
+    return data == nullptr ? "<null>"
+                           : std::string(reinterpret_cast<const char *>(data),
+                                         static_cast<size_t>(response.GetDataSize()));
 }
 
-TEST(HTTPResponseTest, SetDataKeepsAPrivateCopyOfTheLatestBlock)
+const unsigned char *bytes(const char *text)
 {
-    CHTTPResponse response;
-    std::unique_ptr<unsigned char[]> first(new unsigned char[4]{'a', 'b', 'c', 'd'});
-    ASSERT_TRUE(response.SetData(first.get(), 4));
-    first.reset();
-    EXPECT_EQ("abcd", DataOf(response));
-
-    std::unique_ptr<unsigned char[]> second(new unsigned char[2]{'x', 'y'});
-    ASSERT_TRUE(response.SetData(second.get(), 2));
-    second.reset();
-    EXPECT_EQ("xy", DataOf(response));
-
-    ASSERT_TRUE(response.SetData(reinterpret_cast<const unsigned char *>(""), 0));
-    EXPECT_NE(nullptr, response.GetData());
-    EXPECT_EQ(0, response.GetDataSize());
+    return reinterpret_cast<const unsigned char *>(text);
 }
 
-TEST(HTTPResponseTest, SetDataRefusesANegativeSize)
+// The references held on the file, the caller's own one included.
+long references(NVQ::CHTTPFileBody &file)
+{
+    const long count = file.AddRef();
+    file.ReleaseRef();
+    return count - 1;
+}
+
+TEST(HTTPResponseTest, DataIsAPrivateCopyOrAHeldFileRangeOfTheLatestSet)
 {
     CHTTPResponse response;
-    ASSERT_TRUE(response.SetData(reinterpret_cast<const unsigned char *>("abc"), 3));
-    EXPECT_FALSE(response.SetData(reinterpret_cast<const unsigned char *>("abc"), -1));
+    std::string block = "abcd";
+    ASSERT_TRUE(response.SetData(bytes(block.c_str()), 4));
+    block = "ABCD";
+    EXPECT_EQ("abcd", dataOf(response));
+    ASSERT_TRUE(response.SetData(bytes("xy"), 2));
+    EXPECT_EQ("xy", dataOf(response));
+    ASSERT_TRUE(response.SetData(bytes(""), 0));
+    EXPECT_EQ("", dataOf(response));
+    EXPECT_FALSE(response.SetData(bytes("abc"), -1));
     EXPECT_EQ(nullptr, response.GetData());
     EXPECT_EQ(0, response.GetDataSize());
+
+    std::FILE *temporary = std::tmpfile();
+    ASSERT_EQ(6u, std::fwrite("012345", 1, 6, temporary));
+    std::fflush(temporary);
+    KZF::CRefCountPtr<NVQ::CHTTPFileBody> file(new NVQ::CHTTPFileBody(::dup(fileno(temporary))));
+    std::fclose(temporary);
+    {
+        CHTTPResponse held;
+        ASSERT_TRUE(held.SetFileData(file.GetPtr(), 1, 3));
+        ASSERT_TRUE(held.SetFileData(file.GetPtr(), 2, 3)); // the same file again
+        EXPECT_EQ(2, references(*file));
+        errno = EINTR; // left from earlier: no reason to read again
+        EXPECT_EQ("234", dataOf(held));
+        EXPECT_EQ(2, held.GetFileOffset());
+        EXPECT_FALSE(held.SetFileData(file.GetPtr(), -1, 3));
+        EXPECT_FALSE(held.SetFileData(file.GetPtr(), 0, -1));
+        EXPECT_EQ(1, references(*file)) << "a refused range holds nothing";
+        EXPECT_EQ(nullptr, held.GetFileBody());
+        ASSERT_TRUE(held.SetFileData(file.GetPtr(), 4, 5));
+        EXPECT_EQ("<null>", dataOf(held)) << "fewer bytes in the file than the range";
+        ASSERT_TRUE(held.SetData(bytes("m"), 1));
+        EXPECT_EQ(1, references(*file)) << "memory data lets the file go";
+        ASSERT_TRUE(held.SetFileData(file.GetPtr(), 0, 1));
+    }
+    EXPECT_EQ(1, references(*file)) << "and so does the end of the answer";
 }
 
 TEST(HTTPResponseTest, HeaderFieldsAreExactNamesInByteOrder)
 {
     CHTTPResponse response;
-    EXPECT_TRUE(response.AddHeaderField("Content-Length", "1"));
-    EXPECT_FALSE(response.AddHeaderField("Content-Length", "2"));
-    std::string value;
-    EXPECT_TRUE(response.GetHeaderFieldValueByName("Content-Length", value));
-    EXPECT_EQ("2", value);
-
-    value = "unchanged";
-    EXPECT_FALSE(response.GetHeaderFieldValueByName("content-length", value));
+    EXPECT_TRUE(response.AddHeaderField("b", "1"));
+    EXPECT_TRUE(response.AddHeaderField("A", "2"));
+    EXPECT_FALSE(response.AddHeaderField("b", "3"));
+    EXPECT_TRUE(response.AddHeaderField("a", "4"));
+    std::string value = "unchanged";
+    EXPECT_FALSE(response.GetHeaderFieldValueByName("B", value));
     EXPECT_EQ("unchanged", value);
-
-    CHTTPResponse ordered;
-    EXPECT_TRUE(ordered.AddHeaderField("b", "1"));
-    EXPECT_TRUE(ordered.AddHeaderField("A", "2"));
-    EXPECT_TRUE(ordered.AddHeaderField("a", "3"));
-    std::vector<std::string> names;
-    for (const auto &field : ordered.GetAdditionalHeaders())
-        names.push_back(field.first);
-    EXPECT_EQ((std::vector<std::string>{"A", "a", "b"}), names);
+    EXPECT_TRUE(response.GetHeaderFieldValueByName("b", value));
+    EXPECT_EQ("3", value);
+    EXPECT_EQ((NVQ::CKeyValueMap{{"A", "2"}, {"a", "4"}, {"b", "3"}}), response.GetAdditionalHeaders());
 }
 
 // The pages as they must go on the wire.
@@ -85,28 +108,25 @@ TEST(HTTPResponseTest, CannedAnswersAreCompleteFixedPages)
 {
     const NVQ::CNotFoundResponse notFound;
     const NVQ::CBadRequestResponse badRequest;
-    struct SCase {
+    const struct {
         const CHTTPResponse &response;
         int code;
         const char *phrase;
         long size;
         const char *page;
-    };
-    const SCase cases[] = {
-        {notFound, 404, "Not found", 406, c_expected404},
-        {badRequest, 400, "Bad Request", 402, c_expected400},
-    };
-    for (const SCase &c : cases) {
-        SCOPED_TRACE(c.code);
-        EXPECT_EQ(c.code, c.response.GetCode());
-        EXPECT_EQ(c.phrase, c.response.GetPhrase());
-        EXPECT_EQ(c.size, c.response.GetDataSize());
-        EXPECT_EQ(c.page, DataOf(c.response));
-        EXPECT_EQ("", c.response.GetContentType());
-        EXPECT_TRUE(c.response.IsLast());
-        EXPECT_FALSE(c.response.SendOnlyData());
+    } rows[] = {{notFound, 404, "Not found", 406, c_expected404},
+                {badRequest, 400, "Bad Request", 402, c_expected400}};
+    for (const auto &row : rows) {
+        SCOPED_TRACE(row.code);
+        EXPECT_EQ(row.code, row.response.GetCode());
+        EXPECT_EQ(row.phrase, row.response.GetPhrase());
+        EXPECT_EQ(row.size, row.response.GetDataSize());
+        EXPECT_EQ(row.page, dataOf(row.response));
+        EXPECT_EQ("", row.response.GetContentType());
+        EXPECT_TRUE(row.response.IsLast());
+        EXPECT_FALSE(row.response.SendOnlyData());
         EXPECT_EQ((NVQ::CKeyValueMap{{"Keep-Alive", "timeout=5, max=100"}}),
-                  c.response.GetAdditionalHeaders());
+                  row.response.GetAdditionalHeaders());
     }
 }
 

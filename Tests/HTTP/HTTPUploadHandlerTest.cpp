@@ -81,6 +81,8 @@ NVQ::CHTTPRequest *NewRequest(const SExchange &c)
     request->SetUri(c.uri);
     if (!c.contentType.empty())
         request->AddHeaderField("Content-Type", c.contentType);
+    if (!c.body.empty())
+        request->AddHeaderField("Content-Length", std::to_string(c.body.size()));
     return request;
 }
 
@@ -191,6 +193,16 @@ TEST(HTTPUploadHandlerTest, CutUploadsLeaveNothing)
     EXPECT_EQ(IHTTPRequestBodyHandler::eAnswerNow, decision.m_choice);
     EXPECT_EQ(413, decision.m_answer->GetCode());
     EXPECT_EQ("a=;", dir.List());
+
+    // A malformed form stops the body at once.
+    KZF::CRefCountPtr<NVQ::CHTTPRequest> form(
+        NewRequest({"", "POST", "/upload", "multipart/form-data; boundary=b", "", 0, "", ""}));
+    EXPECT_EQ(IHTTPRequestBodyHandler::eTakeBody, handler.OnRequestHeaders(*form, 6).m_choice);
+    const std::string broken = Part("f", "b.bin", "x") + "--b!";
+    EXPECT_FALSE(
+        handler.OnRequestBodyData(reinterpret_cast<const unsigned char *>(broken.data()), broken.size(), 6));
+    handler.OnExchangeEnded(6);
+    EXPECT_EQ("a=;", dir.List());
 }
 
 TEST(HTTPUploadHandlerTest, ExistingNamesLinksAndBufferedBodies)
@@ -207,8 +219,9 @@ TEST(HTTPUploadHandlerTest, ExistingNamesLinksAndBufferedBodies)
     EXPECT_EQ("link=;old=old;", dir.List());
 
     // The link itself is replaced; nothing is written where it pointed.
-    options.m_replaceExisting = true;
-    CHTTPUploadHandler replacing(options);
+    CHTTPUploadHandler::SOptions replace; // by default
+    replace.m_directory = dir.m_path;
+    CHTTPUploadHandler replacing(replace);
     EXPECT_EQ(200, Exchange(replacing, {"", "PUT", "/upload/link", "", "new", 0, "", ""}, 9)->GetCode());
     EXPECT_EQ("link=new;old=old;", dir.List());
     EXPECT_EQ("", outside.List());
