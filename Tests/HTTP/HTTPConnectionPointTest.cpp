@@ -251,6 +251,20 @@ TEST_F(ConnectionPointTest, StreamIsPulledUntilThePieceMarkedLastOrANullOne)
     EXPECT_EQ(std::vector<int>({7, 7}), m_handler.EndedIDs());
 }
 
+TEST_F(ConnectionPointTest, StreamToASlowPeerWaitsUntilItIsWritableAndThenEnds)
+{
+    m_handler.StreamPieces({"first", "m1", "end"});
+    Data().m_writable = false;
+    Request(c_getRoot);
+    EXPECT_EQ("HTTP/1.1 200 OK\r\n\r\nfirst", Data().WrittenBytes());
+    EXPECT_TRUE(m_handler.PullIDs().empty());
+    Data().m_writable = true;
+    Data().m_pNotification->OnDataSent(Data());
+    EXPECT_EQ("HTTP/1.1 200 OK\r\n\r\nfirstm1end", Data().WrittenBytes());
+    EXPECT_EQ(1, Data().m_closes);
+    EXPECT_EQ(std::vector<int>({7}), m_handler.EndedIDs());
+}
+
 TEST_F(ConnectionPointTest, OnlyTheFrontMostAcceptingHandlerIsAsked)
 {
     CScriptedHandler front("/");

@@ -2,7 +2,6 @@
 
 #include <gtest/gtest.h>
 
-#include <algorithm>
 #include <climits>
 #include <cstring>
 #include <map>
@@ -424,27 +423,6 @@ TEST(HTTPRequestParserTest, ResetStartsAFreshRequestAndClearsAnError)
     EXPECT_EQ("/b", parser.GetRequest()->GetUri());
     EXPECT_EQ((Fields{{"a", "b"}}), parser.GetRequest()->GetHeaderFields());
     EXPECT_EQ(nullptr, parser.GetRequest()->GetBody());
-}
-
-TEST(HTTPRequestParserTest, MegabyteUriInPieces)
-{
-    // A 1 MiB URI in 4 KiB pieces: consumed tracks the buffer and the word
-    // is collected once, whatever the piece boundaries.
-    const std::string uri = "/" + std::string(1 << 20, 'u');
-    const std::string wire = "GET " + uri + " HTTP/1.1\r\nX: y\r\n\r\n";
-    CHTTPRequestParser parser;
-    int consumed = 0, result = Incomplete;
-    const int n = static_cast<int>(wire.size());
-    for (int length = 4096;; length += 4096) {
-        length = std::min(n, length);
-        result = parser.Parse(reinterpret_cast<const unsigned char *>(wire.data()), length, consumed);
-        if (result != Incomplete || length == n)
-            break;
-        ASSERT_EQ(length, consumed);
-    }
-    EXPECT_EQ(Complete, result);
-    EXPECT_EQ(n, consumed);
-    EXPECT_EQ(uri, parser.GetRequest()->GetUri());
 }
 
 } // namespace
