@@ -37,8 +37,7 @@ class ConnectionPointTest : public ::testing::Test
         m_point = static_cast<NVQ::CHTTPConnectionPoint *>(nullptr);
         m_dataLayer = new CFakeDataLayer();
         m_point = new NVQ::CHTTPConnectionPoint(Data(), m_layer, 7);
-        if (strict)
-            m_point->SetStrict(true);
+        m_point->SetStrict(strict);
         for (const std::string &arrival : arrivals)
             Request(arrival);
         return NVQTest::summarize(Data().WrittenBytes(), Data().m_closes > 0);
