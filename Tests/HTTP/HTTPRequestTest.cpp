@@ -315,6 +315,21 @@ TEST(HTTPRequestTest, HeaderParamsAsTypedLists)
             type += "|" + param.m_name + "=" + param.m_value;
         EXPECT_EQ(c.second, parsed ? type : "refused") << c.first;
     }
+    // Extended values (name*=): UTF-8 only, every escape a pair of hex digits.
+    const std::pair<const char *, const char *> values[] = {
+        {"UTF-8''a%20b%e2%82%AC", "a b\xE2\x82\xAC"},
+        {"utf-8'en'%41", "A"},
+        {"UTF-8''%4", "refused"},
+        {"UTF-8''%g0", "refused"},
+        {"UTF-8''%0g", "refused"},
+        {"ISO-8859-1''a", "refused"},
+        {"UTF-8'a", "refused"},
+    };
+    for (const auto &c : values) {
+        std::string out;
+        EXPECT_EQ(c.second, NVQ::CHTTPHeaderParams::DecodeExtValue(c.first, out) ? out : "refused")
+            << c.first;
+    }
 }
 
 } // namespace
