@@ -261,17 +261,21 @@ TEST_F(ConnectionPointTest, StreamToASlowPeerWaitsUntilItIsWritable)
         response->AddHeaderField("Content-Length", "10");
         return response;
     };
-    m_point->SetKeepAfterStream(true);
-    Data().m_writable = false;
-    Request(c_getRoot);
-    EXPECT_EQ("HTTP/1.1 200 OK\r\nContent-Length: 10\r\n\r\nfirst", Data().WrittenBytes());
-    EXPECT_TRUE(m_handler.PullIDs().empty());
-    Data().m_writable = true;
-    Data().m_pNotification->OnDataSent(Data());
-    Request(c_getRoot);
-    EXPECT_EQ("200 firstm1end; 200 firstm1end; ",
-              NVQTest::summarize(Data().WrittenBytes(), Data().m_closes > 0));
-    EXPECT_EQ(std::vector<int>({7, 7}), m_handler.EndedIDs());
+    // Strict: the request that came behind it is answered once it is done.
+    for (const bool strict : {false, true}) {
+        Serve({}, strict);
+        m_point->SetKeepAfterStream(true);
+        Data().m_writable = false;
+        Request(strict ? std::string(c_getRoot) + c_getRoot : c_getRoot);
+        EXPECT_EQ("HTTP/1.1 200 OK\r\nContent-Length: 10\r\n\r\nfirst", Data().WrittenBytes());
+        Data().m_writable = true;
+        Data().m_pNotification->OnDataSent(Data());
+        if (!strict)
+            Request(c_getRoot);
+        EXPECT_EQ("200 firstm1end; 200 firstm1end; ",
+                  NVQTest::summarize(Data().WrittenBytes(), Data().m_closes > 0));
+    }
+    EXPECT_EQ(std::vector<int>(4, 7), m_handler.EndedIDs());
 }
 
 TEST_F(ConnectionPointTest, OnlyTheFrontMostAcceptingHandlerIsAsked)
