@@ -330,6 +330,7 @@ TEST(HTTPRequestTest, HeaderParamsAsTypedLists)
         EXPECT_EQ(c.second, NVQ::CHTTPHeaderParams::DecodeExtValue(c.first, out) ? out : "refused")
             << c.first;
     }
+    EXPECT_EQ("\"a\\\"b\\\\c\"", NVQ::CHTTPHeaderParams::Quote("a\"b\\c"));
 }
 
 } // namespace

@@ -121,7 +121,9 @@ TEST_F(WebSocketSessionTest, UpgradeDecisions)
         std::string pick, offer, expected, unexpected;
     } cases[] = {
         {"picks an offered protocol", true, "b", "Sec-WebSocket-Protocol: a, b\r\n",
-         "Sec-WebSocket-Protocol: b", "Protocol: a"},
+         "HTTP/1.1 101 Switching Protocols\r\nConnection: Upgrade\r\nSec-WebSocket-Accept: "
+         "s3pPLMBiTxaQ9kYGzzhZRbK+xOo=\r\nSec-WebSocket-Protocol: b\r\nUpgrade: websocket\r\n\r\n",
+         "Protocol: a"},
         {"a protocol not offered is dropped", true, "c", "Sec-WebSocket-Protocol: a\r\n", "101",
          "Sec-WebSocket-Protocol"},
         {"refused", false, "", "", "HTTP/1.1 403 Forbidden", "Upgrade"},
