@@ -114,23 +114,15 @@ const std::string c_chunked = "Transfer-Encoding: chunked\r\n\r\n";
 
 // clang-format off
 const SBodyCase c_cases[] = {
-    {"length", false, c_take, 0, 0, "Content-Length: 10\r\n\r\n0123456789",
-     "HTTP/1.1 200 OK\r\nContent-Length: 9 \r\n\r\ngot 10 /u", "0123456789", {true}, eKept},
-    {"chunked", true, c_take, 0, 0, c_chunked + "4;x=1\r\nabcd\r\n2\r\nef\r\n0\r\nT: v\r\n\r\n",
-     "HTTP/1.1 200 OK", "abcdef", {true}, eKept},
-    {"length over the handler's bound", false, c_take, 5, 0, "Content-Length: 10\r\n\r\n0123456789",
-     "HTTP/1.1 413 Payload Too Large", "", {}, eRefused},
-    {"chunks over the handler's bound", true, c_take, 5, 0, c_chunked + "4\r\nabcd\r\n4\r\nefgh\r\n0\r\n\r\n",
-     "HTTP/1.1 413 Payload Too Large", "", {}, eRefused},
+    {"length", false, c_take, 0, 0, "Content-Length: 10\r\n\r\n0123456789", "HTTP/1.1 200 OK\r\nContent-Length: 9 \r\n\r\ngot 10 /u", "0123456789", {true}, eKept},
+    {"chunked", true, c_take, 0, 0, c_chunked + "4;x=1\r\nabcd\r\n2\r\nef\r\n0\r\nT: v\r\n\r\n", "HTTP/1.1 200 OK", "abcdef", {true}, eKept},
+    {"length over the handler's bound", false, c_take, 5, 0, "Content-Length: 10\r\n\r\n0123456789", "HTTP/1.1 413 Payload Too Large", "", {}, eRefused},
+    {"chunks over the handler's bound", true, c_take, 5, 0, c_chunked + "4\r\nabcd\r\n4\r\nefgh\r\n0\r\n\r\n", "HTTP/1.1 413 Payload Too Large", "", {}, eRefused},
     {"malformed chunk", true, c_take, 0, 0, c_chunked + "4\r\nabcdXY", "HTTP/1.1 400 Bad Request", "", {}, eRefused},
-    {"handler stops the body", false, c_take, 0, 1, "Content-Length: 3\r\n\r\nxyz", "HTTP/1.1 200 OK", "", {},
-     eRefused},
-    {"answered at once", false, c_answer, 0, 0, "Content-Length: 3\r\n\r\nxyz", "HTTP/1.1 401 Unauthorized", "",
-     {}, eClosed},
-    {"buffered within the server's bound", false, c_buffer, 0, 0, "Content-Length: 3\r\n\r\nxyz",
-     "HTTP/1.1 200 OK\r\nContent-Length: 8 \r\n\r\ngot 0 /u", "", {}, eKept},
-    {"buffered beyond the server's bound", false, c_buffer, 0, 0, "Content-Length: 2000\r\n\r\nxyz",
-     "HTTP/1.1 413 Payload Too Large", "", {}, eClosed},
+    {"handler stops the body", false, c_take, 0, 1, "Content-Length: 3\r\n\r\nxyz", "HTTP/1.1 200 OK", "", {}, eRefused},
+    {"answered at once", false, c_answer, 0, 0, "Content-Length: 3\r\n\r\nxyz", "HTTP/1.1 401 Unauthorized", "", {}, eClosed},
+    {"buffered within the server's bound", false, c_buffer, 0, 0, "Content-Length: 3\r\n\r\nxyz", "HTTP/1.1 200 OK\r\nContent-Length: 8 \r\n\r\ngot 0 /u", "", {}, eKept},
+    {"buffered beyond the server's bound", false, c_buffer, 0, 0, "Content-Length: 2000\r\n\r\nxyz", "HTTP/1.1 413 Payload Too Large", "", {}, eClosed},
 };
 // clang-format on
 
@@ -140,37 +132,32 @@ TEST_F(RequestBodyTest, BodiesReachTheHandlerAsDecidedWhereverTheReadsFall)
 {
     for (const SBodyCase &c : c_cases) {
         const std::string request = c_post + c.m_request;
-        std::vector<std::vector<std::string>> feeds = {{request}};
-        for (size_t cut = 1; cut < request.size(); ++cut)
-            feeds.push_back({request.substr(0, cut), request.substr(cut)});
+        std::vector<std::vector<std::string>> feeds;
         std::vector<std::string> bytes;
-        for (char ch : request)
-            bytes.push_back(std::string(1, ch));
+        for (size_t cut = 0; cut < request.size(); ++cut) {
+            feeds.push_back({request.substr(0, cut), request.substr(cut)});
+            bytes.push_back(request.substr(cut, 1));
+        }
         feeds.push_back(bytes);
         for (bool strict : {false, true}) {
-            if (c.m_strictOnly && !strict)
-                continue;
-            for (const std::vector<std::string> &feed : feeds) {
+            for (size_t f = 0; f < feeds.size() && (strict || !c.m_strictOnly); ++f) {
                 m_handler.m_choice = c.m_choice;
                 m_handler.m_limit = c.m_limit;
                 m_handler.m_stopAfter = c.m_stopAfter;
                 m_handler.m_body.clear();
                 m_handler.m_ends.clear();
-                Run(strict, feed);
-                const std::string where = std::string(c.m_name) + (strict ? ", strict" : "") + ", " +
-                                          std::to_string(feed.size()) + " pieces, first " +
-                                          std::to_string(feed[0].size());
-                EXPECT_EQ(0u, m_data->WrittenBytes().find(c.m_answer))
-                    << where << ": " << m_data->WrittenBytes();
+                Run(strict, feeds[f]);
+                SCOPED_TRACE(std::string(c.m_name) + (strict ? ", strict" : "") + ", feed " +
+                             std::to_string(f));
+                EXPECT_EQ(0u, m_data->WrittenBytes().find(c.m_answer)) << m_data->WrittenBytes();
                 if (c.m_end == eRefused) {
                     EXPECT_EQ(m_handler.m_ends.end(),
-                              std::find(m_handler.m_ends.begin(), m_handler.m_ends.end(), true))
-                        << where;
+                              std::find(m_handler.m_ends.begin(), m_handler.m_ends.end(), true));
                 } else {
-                    EXPECT_EQ(c.m_body, m_handler.m_body) << where;
-                    EXPECT_EQ(c.m_ends, m_handler.m_ends) << where;
+                    EXPECT_EQ(c.m_body, m_handler.m_body);
+                    EXPECT_EQ(c.m_ends, m_handler.m_ends);
                 }
-                EXPECT_EQ(c.m_end == eKept ? 0 : 1, m_data->m_closes) << where;
+                EXPECT_EQ(c.m_end == eKept ? 0 : 1, m_data->m_closes);
             }
         }
     }
@@ -195,10 +182,8 @@ TEST_F(RequestBodyTest, LargeBodyIsReadInBoundedHelpingsAndTheNextRequestFollows
 {
     const size_t size = 3 * 1024 * 1024;
     const std::string body(size, 'b');
-    m_point = static_cast<NVQ::CHTTPConnectionPoint *>(nullptr);
-    m_data = new CFakeDataLayer();
-    m_point = new NVQ::CHTTPConnectionPoint(*m_data.GetPtr(), m_layer, 3);
-    m_point->SetStrict(true);
+    m_bufferedBound = NVQ::CHTTPConnectionPoint::c_defaultMaxBodyBytes;
+    Run(true, {});
     m_data->Arrive(std::string(c_post) + "Content-Length: " + std::to_string(size) + "\r\n\r\n" + body +
                    "GET /next HTTP/1.1\r\nHost: a\r\n\r\n");
     int deliveries = 0;
@@ -226,11 +211,6 @@ TEST_F(RequestBodyTest, CloseMidBodyEndsItIncompleteWithoutAnAnswer)
     EXPECT_TRUE(m_handler.ProcessIDs().empty());
     EXPECT_EQ("", m_data->WrittenBytes());
 }
-
-} // namespace
-
-namespace
-{
 
 class CTaker : public NVQ::IHTTPConnectionTaker
 {

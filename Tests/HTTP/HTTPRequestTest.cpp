@@ -1,4 +1,5 @@
 #include "HTTP/HTTPRequest.h"
+#include "HTTP/HTTPHeaderParams.h"
 
 #include <gtest/gtest.h>
 
@@ -9,6 +10,7 @@
 #include <map>
 #include <memory>
 #include <string>
+#include <vector>
 
 namespace
 {
@@ -73,48 +75,30 @@ TEST(HTTPRequestTest, QueryPairsSplitOnAmpersandAfterTheEqualsSign)
         std::string uri;
         Params params;
     };
+    // clang-format off
     const SCase cases[] = {
-        {"/a?x=1&y=2", {{"x", "1"}, {"y", "2"}}},
-        {"/a", {}},
-        {"/a=b", {}},
-        {"/a?", {}},
-        {"/a?x=1&x=2", {{"x", "1"}}},
+        {"/a?x=1&y=2", {{"x", "1"}, {"y", "2"}}}, {"/a", {}}, {"/a=b", {}}, {"/a?", {}}, {"/a?x=1&x=2", {{"x", "1"}}},
         {"/a?x=%zz&y=%&z=%4", {{"x", "%zz"}, {"y", "%"}, {"z", "%4"}}},
-        {"/a?x=%20&y=%2B&z=+", {{"x", " "}, {"y", "+"}, {"z", "+"}}},
-        {"/a?%3D=1", {{"=", "1"}}},
-        {"/a?%3d=1&%20=2", {{"%3d", "1"}, {"%20", "2"}}},
-        {"/a?a&b=1", {{"a&b", "1"}}},
-        {"/a?a=1&&b=2", {{"a", "1"}, {"&b", "2"}}},
-        {"/a?a=1&b", {{"a", "1"}}},
-        {"/a?a=&b=2", {{"a", ""}, {"b", "2"}}},
-        {"/a?=x", {{"", "x"}}},
-        {"/a?a==b", {{"a", "=b"}}},
-        {"/a?q=1?r=2", {{"q", "1?r=2"}}},
-        {"/a?x=1#frag", {{"x", "1#frag"}}},
-        {"/a?x=1&", {{"x", "1"}}},
-        {"/a?x=a\0b&y\0z=2"s, {{"x", "a"}, {"y", "2"}}},
+        {"/a?x=%20&y=%2B&z=+", {{"x", " "}, {"y", "+"}, {"z", "+"}}}, {"/a?%3D=1", {{"=", "1"}}},
+        {"/a?%3d=1&%20=2", {{"%3d", "1"}, {"%20", "2"}}}, {"/a?a&b=1", {{"a&b", "1"}}},
+        {"/a?a=1&&b=2", {{"a", "1"}, {"&b", "2"}}}, {"/a?a=1&b", {{"a", "1"}}}, {"/a?a=&b=2", {{"a", ""}, {"b", "2"}}},
+        {"/a?=x", {{"", "x"}}}, {"/a?a==b", {{"a", "=b"}}}, {"/a?q=1?r=2", {{"q", "1?r=2"}}},
+        {"/a?x=1#frag", {{"x", "1#frag"}}}, {"/a?x=1&", {{"x", "1"}}}, {"/a?x=a\0b&y\0z=2"s, {{"x", "a"}, {"y", "2"}}},
     };
+    // clang-format on
     for (const SCase &c : cases) {
         CHTTPRequest request;
         request.SetUri(c.uri);
-        EXPECT_EQ(c.uri, request.GetUri());
         EXPECT_EQ(c.params, request.GetRequestParams()) << c.uri;
     }
 }
 
-TEST(HTTPRequestTest, SetUriRebuildsTheParameters)
+TEST(HTTPRequestTest, SetUriRebuildsTheParametersAndLookupIsExact)
 {
     CHTTPRequest request;
     request.SetUri("/a?x=1");
     request.SetUri("/b?y=2");
     EXPECT_EQ((Params{{"y", "2"}}), request.GetRequestParams());
-    request.SetUri("/c");
-    EXPECT_TRUE(request.GetRequestParams().empty());
-}
-
-TEST(HTTPRequestTest, ParameterLookupIsExact)
-{
-    CHTTPRequest request;
     request.SetUri("/a?Name=v");
     std::string value = "unchanged";
     EXPECT_FALSE(request.GetRequestParamByName("name", value));
@@ -281,27 +265,72 @@ TEST(HTTPRequestTest, ReplaceOccurancesNeverRescansInsertedText)
     }
 }
 
-TEST(HTTPRequestTest, RemoveEscapesDropsEveryBackslash)
+TEST(HTTPRequestTest, RemoveEscapesAndGetSubString)
 {
     std::string text = "a\\b\\\\c\\";
     removeEscapes(text);
     EXPECT_EQ("abc", text);
-    EXPECT_TRUE(isEscape(92));
-    EXPECT_FALSE(isEscape('/'));
-    EXPECT_FALSE(isEscape(0));
+    EXPECT_TRUE(isEscape(92) && !isEscape('/') && !isEscape(0));
+    // Stops at a NUL and at len: a text that is not NUL-terminated is read
+    // only as far as len.
+    const char unterminated[3] = {'a', 'b', 'c'};
+    const std::pair<std::string, std::string> cases[] = {
+        {"ell", GetSubString("hello", 1, 3)},     {"llo", GetSubString("hello", 2, 100)},
+        {"", GetSubString("hello", 5, 3)},        {"", GetSubString("hello", 1, 0)},
+        {"he", GetSubString("he\0llo", 0, 6)},    {"abc", GetSubString(unterminated, 0, 3)},
+        {"bc", GetSubString(unterminated, 1, 2)},
+    };
+    for (const auto &c : cases)
+        EXPECT_EQ(c.first, c.second);
 }
 
-TEST(HTTPRequestTest, GetSubStringStopsAtNulAndAtLen)
+// Parameter lists in header values: "type|name=value|..." or "refused".
+TEST(HTTPRequestTest, HeaderParamsAsTypedLists)
 {
-    EXPECT_EQ("ell", GetSubString("hello", 1, 3));
-    EXPECT_EQ("llo", GetSubString("hello", 2, 100));
-    EXPECT_EQ("", GetSubString("hello", 5, 3));
-    EXPECT_EQ("", GetSubString("hello", 1, 0));
-    EXPECT_EQ("he", GetSubString("he\0llo", 0, 6));
-    // Not NUL-terminated: only the first len bytes may be read.
-    const char unterminated[3] = {'a', 'b', 'c'};
-    EXPECT_EQ("abc", GetSubString(unterminated, 0, 3));
-    EXPECT_EQ("bc", GetSubString(unterminated, 1, 2));
+    const std::pair<const char *, const char *> cases[] = {
+        {"Text/HTML; Charset=UTF-8", "text/html|charset=UTF-8"},
+        {" form-data ; name=\"a b\" ; filename=\"c:\\x\\\"y\\\\\";",
+         "form-data|name=a b|filename=c:\\x\"y\\"},
+        {"a; x=1;; y = \"\"", "a|x=1|y="},
+        {"a; x=\"open", "refused"},
+        {"a; x=\"esc\\\"", "refused"},
+        {"a; x=\"\x01\"", "refused"},
+        {"a; x", "refused"},
+        {"a; x=", "refused"},
+        {"a; x=1 y", "refused"},
+        {"a; x=1; X=2", "refused"},
+        {"a/", "refused"},
+        {"/a", "refused"},
+        {"a/b/c", "refused"},
+        {"a b", "refused"},
+        {"", "refused"},
+        {"a; p1=1; p2=2; p3=3; p4=4", "refused"},
+        {"a; p1=1; p2=2; p3=3", "a|p1=1|p2=2|p3=3"},
+    };
+    for (const auto &c : cases) {
+        std::string type;
+        std::vector<NVQ::CHTTPHeaderParams::SParam> params;
+        const bool parsed = NVQ::CHTTPHeaderParams::ParseTyped(c.first, 3, type, params);
+        for (const auto &param : params)
+            type += "|" + param.m_name + "=" + param.m_value;
+        EXPECT_EQ(c.second, parsed ? type : "refused") << c.first;
+    }
+    // Extended values (name*=): UTF-8 only, every escape a pair of hex digits.
+    const std::pair<const char *, const char *> values[] = {
+        {"UTF-8''a%20b%e2%82%AC", "a b\xE2\x82\xAC"},
+        {"utf-8'en'%41", "A"},
+        {"UTF-8''%4", "refused"},
+        {"UTF-8''%g0", "refused"},
+        {"UTF-8''%0g", "refused"},
+        {"ISO-8859-1''a", "refused"},
+        {"UTF-8'a", "refused"},
+    };
+    for (const auto &c : values) {
+        std::string out;
+        EXPECT_EQ(c.second, NVQ::CHTTPHeaderParams::DecodeExtValue(c.first, out) ? out : "refused")
+            << c.first;
+    }
+    EXPECT_EQ("\"a\\\"b\\\\c\"", NVQ::CHTTPHeaderParams::Quote("a\"b\\c"));
 }
 
 } // namespace

@@ -85,6 +85,8 @@ class CFakeDataLayer : public NVQ::INVQDataLayer
     };
     const NVQ::INVQConnectionAddress *GetRemoteAddress() const override { return &m_address; }
     bool IsSecure() const override { return m_secure; }
+    // A peer that reads slowly: the library waits for OnDataSent.
+    bool IsWritable() override { return m_writable; }
 
     void Close() override
     {
@@ -135,6 +137,7 @@ class CFakeDataLayer : public NVQ::INVQDataLayer
     int m_closes = 0;
     CAddress m_address;
     bool m_secure = false;
+    bool m_writable = true;
     // Writes from this index on fail (-1 leaves it off).
     int m_failFromWrite = -1;
     int m_failedWrites = 0;

@@ -94,20 +94,13 @@ class CScriptedHandler : public NVQ::IHTTPRequestHandler, public NVQ::IHTTPExcha
         m_endedIDs.push_back(connectionID);
     }
 
-    std::vector<int> ProcessIDs()
+    std::vector<int> ProcessIDs() { return Locked(m_processIDs); }
+    std::vector<int> PullIDs() { return Locked(m_pullIDs); }
+    std::vector<int> EndedIDs() { return Locked(m_endedIDs); }
+    std::vector<int> Locked(const std::vector<int> &ids)
     {
         std::lock_guard<std::mutex> lock(m_mutex);
-        return m_processIDs;
-    }
-    std::vector<int> PullIDs()
-    {
-        std::lock_guard<std::mutex> lock(m_mutex);
-        return m_pullIDs;
-    }
-    std::vector<int> EndedIDs()
-    {
-        std::lock_guard<std::mutex> lock(m_mutex);
-        return m_endedIDs;
+        return ids;
     }
 
     std::string m_prefix;

@@ -6,7 +6,6 @@
 #include <arpa/inet.h>
 #include <cerrno>
 #include <chrono>
-#include <cstring>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <poll.h>
@@ -30,26 +29,18 @@ class CTestClient
     bool Connect(int port, bool ipv6 = false)
     {
         Close();
+        struct sockaddr_in6 v6 = {};
+        struct sockaddr_in v4 = {};
+        v6.sin6_family = AF_INET6;
+        v6.sin6_port = v4.sin_port = htons(static_cast<uint16_t>(port));
+        v6.sin6_addr = in6addr_loopback;
+        v4.sin_family = AF_INET;
+        v4.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
         m_fd = ::socket(ipv6 ? AF_INET6 : AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-        if (m_fd < 0)
-            return false;
-        int result;
-        if (ipv6) {
-            struct sockaddr_in6 address;
-            std::memset(&address, 0, sizeof(address));
-            address.sin6_family = AF_INET6;
-            address.sin6_port = htons(static_cast<uint16_t>(port));
-            address.sin6_addr = in6addr_loopback;
-            result = ::connect(m_fd, reinterpret_cast<struct sockaddr *>(&address), sizeof(address));
-        } else {
-            struct sockaddr_in address;
-            std::memset(&address, 0, sizeof(address));
-            address.sin_family = AF_INET;
-            address.sin_port = htons(static_cast<uint16_t>(port));
-            address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-            result = ::connect(m_fd, reinterpret_cast<struct sockaddr *>(&address), sizeof(address));
-        }
-        if (result != 0) {
+        if (m_fd < 0 || ::connect(m_fd,
+                                  ipv6 ? reinterpret_cast<struct sockaddr *>(&v6)
+                                       : reinterpret_cast<struct sockaddr *>(&v4),
+                                  ipv6 ? sizeof(v6) : sizeof(v4)) != 0) {
             Close();
             return false;
         }
