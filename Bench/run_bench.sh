@@ -60,12 +60,13 @@ cd "$REPO"
 # (small requests only).
 # nvq-tls runs strict: the reference mode keeps a connection whatever its
 # Connection field says, which would turn the new-connection-per-request
-# scenario into a keep-alive one.
+# scenario into a keep-alive one. Like the peers it resumes no sessions
+# (wrk would otherwise resume each new connection with the last ticket).
 # ---------------------------------------------------------------------------
 OURS_TABLE='
 nvq        | {nvq}                                                         | plain
 nvq-web    | {nvq} --web                                                   | plain
-nvq-tls    | {nvq} --strict --tls-cert {cert} --tls-key {key} --tls-port {tlsport} | https
+nvq-tls    | {nvq} --strict --tls-no-tickets --tls-cert {cert} --tls-key {key} --tls-port {tlsport} | https
 nvq-upload | {nvq} --upload-dir {run}/uploads                              | upload
 nvq-ws     | {bin}/nvq_bench_ws --port {port}                              | ws
 '

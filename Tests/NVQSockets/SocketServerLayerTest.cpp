@@ -9,6 +9,7 @@
 #include <atomic>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <functional>
 #include <future>
 #include <memory>
@@ -631,16 +632,19 @@ TEST_F(SocketServerLayerTest, TlsPortEchoesSendsFilesAndEndsSessionsWithCloseNot
     EXPECT_EQ("http/1.1", echo.Alpn());
     ASSERT_TRUE(echo.Send(content + content));
     EXPECT_EQ(content + content, echo.Receive(2 * content.size()));
+    EXPECT_EQ(1, SSL_SESSION_is_resumable(SSL_get0_session(echo.m_pSession.get()))) << "a ticket came";
     SSL_shutdown(echo.m_pSession.get());
     EXPECT_TRUE(waitFor([&] { return m_listener.m_closes.load() == 1; }))
         << "close_notify ends the connection";
 
+    m_server.SetTlsSessionTickets(false); // while serving: newcomers get no ticket
     STlsClient download(m_server.GetTlsPort(), "\x02h2");
     ASSERT_TRUE(download.m_ok);
     EXPECT_EQ("", download.Alpn());
     ASSERT_TRUE(download.Send("file"));
     EXPECT_EQ(content.substr(1), download.Receive(content.size()));
     EXPECT_EQ(SSL_ERROR_ZERO_RETURN, download.m_end) << "the server said goodbye";
+    EXPECT_EQ(0, SSL_SESSION_is_resumable(SSL_get0_session(download.m_pSession.get())));
     std::fclose(file);
 
     CTestClient plain; // the first port stays plain

@@ -322,6 +322,15 @@ bool CSocketServerCore::SetTlsCertificate(const std::string &certificateChain, c
     return false;
 }
 
+void CSocketServerCore::SetTlsSessionTickets(bool on)
+{
+#ifdef NVQ_WITH_TLS
+    m_tls.SetSessionTickets(on);
+#else
+    (void)on;
+#endif
+}
+
 bool CSocketServerCore::HasTlsCertificate() const
 {
 #ifdef NVQ_WITH_TLS

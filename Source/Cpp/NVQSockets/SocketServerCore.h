@@ -54,6 +54,7 @@ class CSocketServerCore
     // when TLS cannot be had).
     bool SetTlsCertificate(const std::string &certificateChain, const std::string &privateKey,
                            bool fromFiles);
+    void SetTlsSessionTickets(bool on);
     bool HasTlsCertificate() const;
     bool IsTlsListener(int index) const { return index >= m_tlsFirst; }
     CSocketTransport *NewTlsTransport(int fd);

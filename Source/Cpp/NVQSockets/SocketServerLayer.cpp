@@ -125,6 +125,12 @@ bool CSocketServerLayer::SetTlsCertificate(const std::string &certificateChain, 
 {
     return m_pCore->SetTlsCertificate(certificateChain, privateKey, fromFiles);
 }
+
+void CSocketServerLayer::SetTlsSessionTickets(bool on)
+{
+    m_pCore->SetTlsSessionTickets(on);
+}
+
 void CSocketServerLayer::SetTlsPort(int port)
 {
     m_pCore->m_tlsPort = std::max(-1, port);

@@ -124,15 +124,27 @@ SSL_CTX *newServerContext(std::string &error)
     SSL_CTX_set_session_cache_mode(context, SSL_SESS_CACHE_OFF);
     SSL_CTX_set_cipher_list(context, c_tls12Ciphers);
     SSL_CTX_set_alpn_select_cb(context, selectAlpn, nullptr);
-    // One TLS 1.3 ticket is enough for a client's next connection; the
-    // default second one costs another session copy per handshake.
-    SSL_CTX_set_num_tickets(context, 1);
     return context;
+}
+
+void useTickets(SSL_CTX *context, bool on)
+{
+    if (on) {
+        SSL_CTX_clear_options(context, SSL_OP_NO_TICKET);
+        // One TLS 1.3 ticket is enough for a client's next connection; the
+        // default second one costs another session copy per handshake.
+        SSL_CTX_set_num_tickets(context, 1);
+    } else {
+        // No resumption at all: every connection gets a fresh key exchange,
+        // and no ticket key outlives a session.
+        SSL_CTX_set_options(context, SSL_OP_NO_TICKET);
+        SSL_CTX_set_num_tickets(context, 0);
+    }
 }
 
 } // namespace
 
-CTlsContext::CTlsContext() : m_pContext(nullptr) {}
+CTlsContext::CTlsContext() : m_pContext(nullptr), m_tickets(true) {}
 
 CTlsContext::~CTlsContext()
 {
@@ -167,6 +179,7 @@ bool CTlsContext::Load(const std::string &certificateChain, const std::string &p
         return false;
     }
     std::lock_guard<std::mutex> lock(m_mutex);
+    useTickets(context, m_tickets);
     std::swap(context, m_pContext);
     // Sessions still open keep the old context alive by their own reference.
     SSL_CTX_free(context);
@@ -177,6 +190,16 @@ bool CTlsContext::IsLoaded() const
 {
     std::lock_guard<std::mutex> lock(m_mutex);
     return m_pContext != nullptr;
+}
+
+void CTlsContext::SetSessionTickets(bool on)
+{
+    // Under the lock that new sessions are made under: they copy the
+    // context's settings when they are made.
+    std::lock_guard<std::mutex> lock(m_mutex);
+    m_tickets = on;
+    if (m_pContext != nullptr)
+        useTickets(m_pContext, on);
 }
 
 CSocketTransport *CTlsContext::NewTransport(int fd)

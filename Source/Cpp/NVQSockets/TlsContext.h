@@ -31,6 +31,9 @@ class CTlsContext
     bool Load(const std::string &certificateChain, const std::string &privateKey, bool fromFiles,
               std::string &error);
     bool IsLoaded() const;
+    // Whether clients may resume sessions with tickets (on at first), for
+    // the context in place and every one loaded later.
+    void SetSessionTickets(bool on);
 
     // The transport of a newly accepted socket, using the context in place
     // now; null when none is loaded or OpenSSL refuses.
@@ -39,6 +42,7 @@ class CTlsContext
   private:
     mutable std::mutex m_mutex;
     ssl_ctx_st *m_pContext;
+    bool m_tickets;
 };
 
 } // namespace NVQ

@@ -35,7 +35,9 @@ const char c_tlsUsage[] = "  --tls-cert FILE    HTTPS with this PEM certificate 
                           "                     reads it and the key again\n"
                           "  --tls-key FILE     the PEM private key of --tls-cert\n"
                           "  --tls-port N       HTTPS on this port, plain HTTP stays on --port (default:\n"
-                          "                     with --tls-cert, --port serves HTTPS only)\n";
+                          "                     with --tls-cert, --port serves HTTPS only)\n"
+                          "  --tls-no-tickets   no session resumption: every connection makes a full\n"
+                          "                     handshake\n";
 
 namespace
 {
@@ -82,6 +84,7 @@ int parseArguments(int argc, char **argv, SSettings &settings)
         {"--tls-cert", nullptr, nullptr, 0, 0, &settings.m_tlsCert},
         {"--tls-key", nullptr, nullptr, 0, 0, &settings.m_tlsKey},
         {"--tls-port", nullptr, &settings.m_tlsPort, 0, 65535, nullptr},
+        {"--tls-no-tickets", &settings.m_tlsNoTickets, nullptr, 0, 0, nullptr},
     };
     for (int i = 1; i < argc; ++i) {
         const std::string name = argv[i];

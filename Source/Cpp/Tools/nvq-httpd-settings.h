@@ -26,6 +26,7 @@ struct SSettings {
     std::string m_tlsCert;
     std::string m_tlsKey;
     int m_tlsPort = -1;
+    bool m_tlsNoTickets = false;
 };
 
 // The help text; the TLS flags separately, listed only when the library was

@@ -268,6 +268,7 @@ int main(int argc, char **argv)
     const bool tls = !settings.m_tlsCert.empty();
     bool started = true;
     if (tls) {
+        server->SetTlsSessionTickets(!settings.m_tlsNoTickets);
         started = server->SetTlsCertificate(settings.m_tlsCert, settings.m_tlsKey, true);
         server->SetTlsPort(settings.m_tlsPort);
     }

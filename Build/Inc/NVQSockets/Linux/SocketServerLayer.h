@@ -103,6 +103,11 @@ class CSocketServerLayer : public CNVQMultiPointLayerBase, public KZF::CThread
     // without TLS; the certificate in use then stays.
     bool SetTlsCertificate(const std::string &certificateChain, const std::string &privateKey,
                            bool fromFiles);
+    // Session tickets (on by default: one per full handshake) let a client
+    // that comes back skip the key exchange. Off, every connection makes a
+    // fresh one and no ticket key is kept. Allowed while serving, for the
+    // connections accepted from then on.
+    void SetTlsSessionTickets(bool on);
     // The second port, for HTTPS next to plain HTTP (0: any free one, see
     // GetTlsPort); -1 (the default): none. Takes effect at the next
     // StartServer, which fails when no certificate is set.
