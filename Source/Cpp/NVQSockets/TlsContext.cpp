@@ -131,12 +131,12 @@ void useTickets(SSL_CTX *context, bool on)
 {
     if (on) {
         SSL_CTX_clear_options(context, SSL_OP_NO_TICKET);
-        // One TLS 1.3 ticket is enough for a client's next connection; the
-        // default second one costs another session copy per handshake.
+        // One TLS 1.3 ticket is enough for a client's next connection
+        // (OpenSSL sends two unless told otherwise).
         SSL_CTX_set_num_tickets(context, 1);
     } else {
-        // No resumption at all: every connection gets a fresh key exchange,
-        // and no ticket key outlives a session.
+        // No resumption at all: every connection makes a full key exchange,
+        // and no ticket is handed out that the context's key could open later.
         SSL_CTX_set_options(context, SSL_OP_NO_TICKET);
         SSL_CTX_set_num_tickets(context, 0);
     }
