@@ -93,37 +93,40 @@ TEST(HTTPAccessGuardTest, AuthorizationSequences)
     const std::string other = "198.51.100.1:80", wrong = "Basic TXVmYXNhOng=";
     const struct {
         const char *name;
-        bool issueNonce; // a first request without credentials gets the nonce out
+        int challenges; // requests without credentials first: each issues a nonce
         std::vector<SStep> steps;
+        size_t maxNonces = 4096;
     } cases[] = {
-        {"SHA-256", true, {{sha1, 200}}},
-        {"MD5", true, {{Digest("MD5", "00000001", c_md5), 200}}},
-        {"wrong password", true, {{Digest("SHA-256", "00000001", c_shaWrongPassword), 401}}},
-        {"wrong user", true, {{Digest("SHA-256", "00000001", c_sha, "Simba"), 401}}},
-        {"wrong realm", true, {{Digest("SHA-256", "00000001", c_sha, "Mufasa", "other"), 401}}},
-        {"wrong URI", true, {{Digest("SHA-256", "00000001", c_sha, "Mufasa", c_realm, "/x"), 400}}},
-        {"stale nonce", true, {{sha1, 401, true, false, 301}}},
-        {"nonce never issued", false, {{sha1, 401, true}}},
-        {"replayed nc", true, {{sha1, 200}, {sha1, 401}}},
-        {"nc out of order", true, {{Digest("SHA-256", "00000002", c_shaNc2), 200}, {sha1, 200}, {sha1, 401}}},
+        {"SHA-256", 1, {{sha1, 200}}},
+        {"MD5", 1, {{Digest("MD5", "00000001", c_md5), 200}}},
+        {"wrong password", 1, {{Digest("SHA-256", "00000001", c_shaWrongPassword), 401}}},
+        {"wrong user", 1, {{Digest("SHA-256", "00000001", c_sha, "Simba"), 401}}},
+        {"wrong realm", 1, {{Digest("SHA-256", "00000001", c_sha, "Mufasa", "other"), 401}}},
+        {"wrong URI", 1, {{Digest("SHA-256", "00000001", c_sha, "Mufasa", c_realm, "/x"), 400}}},
+        {"stale nonce", 1, {{sha1, 401, true, false, 301}}},
+        {"nonce never issued", 0, {{sha1, 401, true}}},
+        {"replayed nc", 1, {{sha1, 200}, {sha1, 401}}},
+        {"nc out of order", 1, {{Digest("SHA-256", "00000002", c_shaNc2), 200}, {sha1, 200}, {sha1, 401}}},
         {"replayed below the highest nc",
-         true,
+         1,
          {{sha1, 200}, {Digest("SHA-256", "00000002", c_shaNc2), 200}, {sha1, 401}}},
-        {"algorithm swapped", true, {{Digest("MD5", "00000001", c_sha), 401}}},
-        {"empty", true, {{"Digest ", 400}}},
-        {"short nc", true, {{Digest("SHA-256", "1", c_sha), 400}}},
-        {"parameter twice", true, {{sha1 + ", qop=auth", 400}}},
-        {"Basic over plain HTTP", true, {{c_basic, 401}}},
-        {"Basic over TLS", true, {{c_basic, 200, false, true}}},
-        {"Basic, wrong password", true, {{wrong, 401, false, true}}},
-        {"Basic, not base64", true, {{"Basic *", 400, false, true}}},
+        {"algorithm swapped", 1, {{Digest("MD5", "00000001", c_sha), 401}}},
+        {"empty", 1, {{"Digest ", 400}}},
+        {"short nc", 1, {{Digest("SHA-256", "1", c_sha), 400}}},
+        {"upper-case hex nc", 1, {{Digest("SHA-256", "0000000F", c_sha), 401}}},
+        {"oldest nonce pushed out", 2, {{sha1, 401, true}}, 1},
+        {"parameter twice", 1, {{sha1 + ", qop=auth", 400}}},
+        {"Basic over plain HTTP", 1, {{c_basic, 401}}},
+        {"Basic over TLS", 1, {{c_basic, 200, false, true}}},
+        {"Basic, wrong password", 1, {{wrong, 401, false, true}}},
+        {"Basic, not base64", 1, {{"Basic *", 400, false, true}}},
         // clang-format off
-        {"throttled per address, then forgiven", true,
+        {"throttled per address, then forgiven", 1,
          {{wrong, 401, false, true}, {wrong, 401, false, true, 0, "192.0.2.7:5001"}, {"Bearer x", 401}, {sha1, 429},
           {sha1, 200, false, false, 0, other}, {Digest("SHA-256", "00000002", c_shaNc2), 200, false, false, 60}}},
         // Two addresses tracked at most: a third one pushes out an ended
         // window, not the (first in order) one still throttled.
-        {"full table drops ended windows first", false,
+        {"full table drops ended windows first", 0,
          {{wrong, 401, false, true, 0, "192.0.2.9:1"}, {wrong, 401, false, true, 1, "192.0.2.1:1"},
           {wrong, 401, false, true, 0, "192.0.2.1:1"}, {wrong, 401, false, true, 0, "192.0.2.1:1"},
           {wrong, 401, false, true, 59, "192.0.2.5:1"}, {c_basic, 429, false, true, 0, "192.0.2.1:1"}}},
@@ -132,6 +135,9 @@ TEST(HTTPAccessGuardTest, AuthorizationSequences)
     for (const auto &c : cases) {
         SCOPED_TRACE(c.name);
         SFixture fixture;
+        int issued = 0; // the first nonce is the RFC's
+        fixture.options.m_newNonce = [&issued] { return issued++ == 0 ? c_nonce : std::to_string(issued); };
+        fixture.options.m_maxNonces = c.maxNonces;
         CHTTPAccessGuard guard(fixture.handler, fixture.options);
         guard.SetUserLookup(
             [](const std::string &user, CHTTPAccessGuard::SCredentials &credentials) {
@@ -139,9 +145,8 @@ TEST(HTTPAccessGuardTest, AuthorizationSequences)
                 return user == "Mufasa";
             },
             true);
-        if (c.issueNonce) {
+        for (int i = 0; i < c.challenges; ++i)
             EXPECT_EQ(401, Send(guard, SStep{"", 401})->GetCode());
-        }
         size_t delegated = 0;
         for (const SStep &step : c.steps) {
             SCOPED_TRACE(step.authorization);
@@ -183,10 +188,10 @@ TEST(HTTPAccessGuardTest, ChallengesAndUsersFile)
     EXPECT_EQ(200, Send(guard, SStep{c_basic, 0, false, true})->GetCode());
 
     // A broken file changes nothing; a SHA-256 line brings SHA-256 first.
-    for (const std::string &broken :
-         {":" + c_realm + ":3D78807DEFE7DE2157E2B0B6573A855F", "Mufasa:" + c_realm + ":xyz"}) {
+    for (const std::string &broken : {":" + c_realm + ":3D78807DEFE7DE2157E2B0B6573A855F",
+                                      "Mufasa:" + c_realm + ":xyz", "#" + std::string(1 << 20, 'x')}) {
         std::ofstream(path) << broken << "\n";
-        EXPECT_FALSE(guard.LoadUsersFile(path)) << broken;
+        EXPECT_FALSE(guard.LoadUsersFile(path)) << broken.substr(0, 40);
     }
     EXPECT_EQ(200, Send(guard, SStep{Digest("MD5", "00000002", c_md5Nc2), 0})->GetCode());
     std::ofstream(path) << "Mufasa:" << c_realm

@@ -64,6 +64,7 @@ class CSite
         Write(m_root + "/a", "just a");
         Write(m_root + "/x\\y.txt", "backslash");
         Write(m_root + "/...txt", "dots");
+        Write(m_root + "/app.3f9a1c2e.js", "js");
         for (size_t size : {0, 1, 8194, 8195, 20000})
             Write(m_root + "/f" + std::to_string(size), randomBytes(size, static_cast<unsigned>(size)));
         Write(m_root + "/large", randomBytes(3 * 1024 * 1024 + 17, 7));
@@ -94,11 +95,13 @@ class DefaultHandlerTest : public ::testing::Test
 {
   protected:
     KZF::CRefCountPtr<NVQ::CHTTPResponse> Get(const std::string &uri, int id,
-                                              const std::string &method = "GET")
+                                              const std::string &method = "GET", const char *range = nullptr)
     {
         NVQ::CHTTPRequest request;
         request.SetMethod(method);
         request.SetUri(uri);
+        if (range != nullptr)
+            request.AddHeaderField("Range", range);
         return m_handler.ProcessRequest(request, id);
     }
     static std::string Data(const KZF::CRefCountPtr<NVQ::CHTTPResponse> &response)
@@ -141,14 +144,15 @@ TEST_F(DefaultHandlerTest, UrisMapToFilesBelowTheDirectoryAndNoFurther)
 TEST_F(DefaultHandlerTest, TransfersReleaseTheirStreams)
 {
     const int before = openDescriptors();
-    EXPECT_TRUE(Get("/f0", 1).IsNull());
-    EXPECT_TRUE(Get("/f1", 2, "POST").IsNull());
-    EXPECT_TRUE(Get("/f1", 3, "get").IsNull());
-    EXPECT_EQ(before, openDescriptors()) << "no answer, no stream left open";
     ASSERT_FALSE(Get("/f20000", 1).IsNull());
     EXPECT_EQ(before + 1, openDescriptors());
     ASSERT_FALSE(Get("/f20000", 1).IsNull()) << "a second GET replaces the first transfer";
     EXPECT_EQ(before + 1, openDescriptors());
+    EXPECT_TRUE(Get("/f0", 1).IsNull());
+    EXPECT_TRUE(Get("/f1", 1, "POST").IsNull());
+    EXPECT_TRUE(Get("/f1", 1, "get").IsNull());
+    EXPECT_EQ(before, openDescriptors()) << "any other request ends it; no answer, no stream left open";
+    ASSERT_FALSE(Get("/f20000", 1).IsNull());
     ASSERT_FALSE(Get("/f8195", 2).IsNull());
     EXPECT_EQ(before + 2, openDescriptors());
     EXPECT_TRUE(m_handler.InterruptProcessing()); // says no more than that some connection closed
@@ -168,6 +172,32 @@ TEST_F(DefaultHandlerTest, TransfersReleaseTheirStreams)
         EXPECT_EQ(before + 2, openDescriptors());
     }
     EXPECT_EQ(before, openDescriptors()) << "the handler closes every stream when it goes";
+}
+
+// Each option alone leaves the reference path: what it adds is there.
+TEST_F(DefaultHandlerTest, EachOptionAloneTakesEffect)
+{
+    using SOptions = NVQ::CHTTPDefaultHandler::SFileOptions;
+    const struct {
+        const char *method, *uri, *field;
+        void (*set)(SOptions &);
+        const char *range;
+    } rows[] = {
+        {"HEAD", "/f1", "Content-Length", [](SOptions &o) { o.m_head = true; }},
+        {"GET", "/f1", "ETag", [](SOptions &o) { o.m_validators = true; }},
+        {"GET", "/f1", "Content-Range", [](SOptions &o) { o.m_ranges = true; }, "bytes=0-0 \t"},
+        {"GET", "/f1", "Vary", [](SOptions &o) { o.m_precompressed = true; }},
+        {"GET", "/f1", "Cache-Control", [](SOptions &o) { o.m_cacheControl = "no-cache"; }},
+        {"GET", "/app.3f9a1c2e.js", "Cache-Control", [](SOptions &o) { o.m_hashedImmutable = true; }},
+    };
+    for (const auto &row : rows) {
+        SOptions options;
+        row.set(options);
+        m_handler.SetOptions(options);
+        const KZF::CRefCountPtr<NVQ::CHTTPResponse> answer = Get(row.uri, 1, row.method, row.range);
+        KZF::tstring value;
+        EXPECT_TRUE(!answer.IsNull() && answer->GetHeaderFieldValueByName(row.field, value)) << row.field;
+    }
 }
 
 TEST_F(DefaultHandlerTest, FileThatChangesDuringTheTransfer)
@@ -388,8 +418,7 @@ class WebFilesServerTest : public DefaultHandlerServerTest
   protected:
     void SetUp() override
     {
-        m_site.Write(m_site.m_root + "/app.3f9a1c2e.js", "js");
-        m_site.Write(m_site.m_root + "/sub/-3f9a1c2e.js", "hash first");
+        m_site.Write(m_site.m_root + "/sub/-a1234567.js", "hash first");
         m_site.Write(m_site.m_root + "/sub/app.v2.js", "no hash");
         m_site.Write(m_site.m_root + "/sub/x." + std::string(63, 'a') + "1.js", "longest hash");
         m_site.Write(m_site.m_root + "/sub/css", "no extension");
@@ -452,7 +481,7 @@ TEST_F(WebFilesServerTest, AnswersOnOneKeptConnection)
     // clang-format off
     const SCase cases[] = {
         {"hashed, host type", "GET", "/app.3f9a1c2e.js", "", "200 OK", {type + "application/javascript\r\nContent-Length: 2 \r\n", "Cache-Control: public, max-age=31536000, immutable\r\n", "ETag: \"", "Last-Modified: ", "Accept-Ranges: bytes\r\n", "Vary: Accept-Encoding\r\n"}, {}, "js"},
-        {"hash at the start of the name", "GET", "/sub/-3f9a1c2e.js", "", "200", {"immutable"}, {}, "hash first"},
+        {"hash at the start of the name", "GET", "/sub/-a1234567.js", "", "200", {"immutable"}, {}, "hash first"},
         {"64-byte hash", "GET", longest.c_str(), "", "200", {"immutable"}, {}, "longest hash"},
         {"too short for a hash", "GET", "/sub/app.v2.js", "", "200", {"Cache-Control: no-cache\r\n"}, {"immutable"}, "no hash"},
         {"no extension", "GET", "/sub/css", "", "200", {}, {"Content-Type"}, "no extension"},
@@ -467,6 +496,8 @@ TEST_F(WebFilesServerTest, AnswersOnOneKeptConnection)
         {"range", "GET", "/f20000", range + "100-199\r\n", "206 Partial Content", {"Content-Range: bytes 100-199/20000\r\n"}, {}, f20000.substr(100, 100)},
         {"suffix", "GET", "/f20000", range + "-5\r\n", "206", {"bytes 19995-19999/20000"}, {}, f20000.substr(19995)},
         {"several", "GET", "/f20000", range + "0-0,5-6\r\n", "200", {}, {"Content-Range"}, f20000},
+        {"no number", "GET", "/a", range + "-\r\n", "200", {}, {}, "just a"},
+        {"empty suffix", "GET", "/a", range + "-0\r\n", "416", {}, {}, ""},
         {"unsatisfiable", "GET", "/f20000", range + "20000-\r\n", "416", {"Content-Range: bytes */20000\r\n", "Content-Length: 0 \r\n"}, {}, ""},
         {"backwards", "GET", "/f20000", range + "5-1\r\n", "200", {}, {}, f20000},
         {"stale If-Range", "GET", "/f20000", range + "1-2\r\nIf-Range: \"old\"\r\n", "200", {}, {}, f20000},

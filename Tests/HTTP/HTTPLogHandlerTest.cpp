@@ -1,10 +1,12 @@
 #include "HTTP/HTTPLogHandler.h"
+#include "HTTP/HTTPLiveLogHandler.h"
 
 #include "HTTP/HTTPServer.h"
 #include "KZF_Base/Linux/KzfAssert.h"
 #include "KZF_Utilities/Linux/KzfTime.h"
 #include "KZF_Utilities/Linux/Logger.h"
 
+#include "Support/FakeDataLayer.h"
 #include "Support/TestClient.h"
 
 #include <gtest/gtest.h>
@@ -466,5 +468,68 @@ TEST_F(LogHandlerTest, AnswersOnTheWire)
     server.StopServer();
     server.UnregisterHandler(m_handler);
 }
+
+#if NVQ_WITH_WEBSOCKET
+// ---- The live log
+
+class CLiveSink : public NVQ::CHTTPLiveLogHandler::CSubscriber
+{
+  public:
+    CLiveSink() : CSubscriber(1, 5) {}
+    void Wake() override { ++m_wakes; }
+    bool Deliver(uint64_t id, const std::string &json, bool) override
+    {
+        m_json[id] = json;
+        return true;
+    }
+    bool HasRoom() override { return true; }
+    int m_wakes = 0;
+    std::map<uint64_t, std::string> m_json;
+};
+
+// A subscriber of levels up to 5 is woken once per pull, by its levels
+// only; an event stream starts after the id it resumes from.
+TEST(LiveLogTest, LevelsWakeUpsAndResumption)
+{
+    NVQ::CHTTPLiveLogHandler live("/live", 3);
+    CLiveSink sink;
+    live.Subscribe(sink);
+    KZF::CLogger::SLogMessage message{};
+    message.m_time.tv_sec = today(17, 0, 1);
+    const std::pair<const char *, unsigned> logged[] = {{"a", 8}, {"b\"", 3}, {"c", 5}, {"d", 1}};
+    const int wakes[] = {0, 1, 1, 2};
+    for (int i = 0; i < 4; ++i) {
+        live.Log(logged[i].first, logged[i].second, message);
+        EXPECT_EQ(wakes[i], sink.m_wakes) << i;
+        if (i == 2)
+            live.Pull(sink);
+    }
+    live.Pull(sink);
+    live.Unsubscribe(sink);
+    EXPECT_EQ("{\"id\":2,\"level\":3,\"time\":\"2026-11-16T17:00:01\",\"text\":\"b\\\"\"}", sink.m_json[2]);
+    ASSERT_EQ(3u, sink.m_json.size());
+    const struct {
+        const char *query, *lastEventId;
+        uint64_t first;
+    } rows[] = {{"", nullptr, 2}, {"?since=", nullptr, 2}, {"?since=2", nullptr, 3}, {"?since=9", nullptr, 5},
+                {"", "3", 4},     {"?since=3", "1", 4}};
+    for (const auto &row : rows) {
+        NVQ::CHTTPRequest request;
+        request.SetMethod("GET");
+        request.SetUri(std::string("/live") + row.query);
+        request.AddHeaderField("Accept", "text/event-stream");
+        if (row.lastEventId != nullptr)
+            request.AddHeaderField("Last-Event-ID", row.lastEventId);
+        const ResponsePtr answer = live.ProcessRequest(request, 1);
+        KZF::CRefCountPtr<NVQTest::CFakeDataLayer> connection(new NVQTest::CFakeDataLayer());
+        answer->GetConnectionTaker()->TakeConnection(*connection, nullptr, 0, 0);
+        std::string expected;
+        for (uint64_t id = row.first; id <= 4; ++id)
+            expected += "id: " + std::to_string(id) + "\ndata: " + sink.m_json[id] + "\n\n";
+        EXPECT_EQ(expected, connection->WrittenBytes()) << row.query;
+        connection->DeliverClose();
+    }
+}
+#endif
 
 } // namespace

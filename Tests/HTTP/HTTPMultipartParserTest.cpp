@@ -1,4 +1,5 @@
 #include "HTTP/HTTPMultipartParser.h"
+#include "HTTP/HTTPHeaderParams.h"
 
 #include <gtest/gtest.h>
 
@@ -83,12 +84,15 @@ void Check(const SCase &c, const std::vector<size_t> &ends)
     limits.m_maxHeaderBytes = 128;
     limits.m_maxHeaderFields = 3;
     CHTTPMultipartParser parser(recorder, c_type, limits);
+    const size_t errorAt = c.at == nullptr ? c.input.size() : c.input.find(c.at) + std::strlen(c.at) - 1;
     int result = CHTTPMultipartParser::eResultMore;
     size_t begin = 0;
     for (const size_t end : ends) {
         std::unique_ptr<unsigned char[]> piece(new unsigned char[end - begin]);
         std::copy(c.input.begin() + begin, c.input.begin() + end, piece.get());
         result = parser.Feed(piece.get(), end - begin);
+        // The piece that holds the error reports it.
+        EXPECT_TRUE(c.error == 0 || end <= errorAt || result == CHTTPMultipartParser::eResultError) << end;
         begin = end;
     }
     if (result == CHTTPMultipartParser::eResultMore)
@@ -100,8 +104,7 @@ void Check(const SCase &c, const std::vector<size_t> &ends)
     EXPECT_EQ(c.error, parser.GetError());
     EXPECT_EQ(c.log, recorder.m_log);
     if (c.error != CHTTPMultipartParser::eErrorNone) {
-        EXPECT_EQ(c.at == nullptr ? c.input.size() : c.input.find(c.at) + std::strlen(c.at) - 1,
-                  parser.GetErrorPosition());
+        EXPECT_EQ(errorAt, parser.GetErrorPosition());
     }
     if (c.refuseAt >= 0) {
         EXPECT_EQ(expected, parser.Feed(reinterpret_cast<const unsigned char *>("--xyz--"), 7));
@@ -164,6 +167,9 @@ TEST(HTTPMultipartParserTest, FormsWholeSplitAtEveryOffsetAndByteByByte)
             bytes.push_back(end);
         Check(c, bytes);
     }
+    // A decoded file name replaces whatever the output held.
+    std::string out = "stale";
+    EXPECT_TRUE(NVQ::CHTTPHeaderParams::DecodeExtValue("UTF-8''a", out) && out == "a") << out;
 }
 
 TEST(HTTPMultipartParserTest, Boundaries)
