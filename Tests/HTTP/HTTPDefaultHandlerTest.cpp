@@ -4,6 +4,7 @@
 #include "KZF_Utilities/Linux/KzfTime.h"
 
 #include "Support/TestClient.h"
+#include "Support/WaitFor.h"
 
 #include <gtest/gtest.h>
 
@@ -80,6 +81,12 @@ class CSite
     void Write(const std::string &path, const std::string &bytes)
     {
         std::ofstream(path, std::ios::binary) << bytes;
+    }
+    // A file of zeros that takes no room.
+    void Sparse(const std::string &name, off_t size)
+    {
+        std::ofstream(m_root + "/" + name).close();
+        ASSERT_EQ(0, truncate((m_root + "/" + name).c_str(), size));
     }
     std::string Read(const std::string &name)
     {
@@ -181,7 +188,7 @@ TEST_F(DefaultHandlerTest, EachOptionAloneTakesEffect)
     const struct {
         const char *method, *uri, *field;
         void (*set)(SOptions &);
-        const char *range;
+        const char *range = nullptr;
     } rows[] = {
         {"HEAD", "/f1", "Content-Length", [](SOptions &o) { o.m_head = true; }},
         {"GET", "/f1", "ETag", [](SOptions &o) { o.m_validators = true; }},
@@ -321,9 +328,7 @@ TEST_F(DefaultHandlerServerTest, ClientsLeavingNeverHarmAnotherAndReleaseTheirFi
     // mid-way; between the cuts another client asks for a file each time.
     const int before = openDescriptors();
     const size_t size = 32 << 20;
-    const std::string huge = m_site.m_root + "/huge";
-    std::ofstream(huge).close();
-    ASSERT_EQ(0, truncate(huge.c_str(), static_cast<off_t>(size)));
+    m_site.Sparse("huge", static_cast<off_t>(size));
     const std::string request = "GET /huge HTTP/1.1\r\nHost: t\r\n\r\n";
     CTestClient staying;
     ASSERT_TRUE(staying.Connect(m_server.GetPort()));
@@ -349,10 +354,7 @@ TEST_F(DefaultHandlerServerTest, ClientsLeavingNeverHarmAnotherAndReleaseTheirFi
     EXPECT_EQ(head, received.substr(0, head.size()));
     EXPECT_EQ(std::string::npos, received.find_first_not_of('\0', head.size()));
     staying.Close();
-    const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(5);
-    while (openDescriptors() > before && std::chrono::steady_clock::now() < end)
-        std::this_thread::sleep_for(std::chrono::milliseconds(5));
-    EXPECT_EQ(before, openDescriptors())
+    EXPECT_TRUE(NVQTest::waitFor([&] { return openDescriptors() == before; }))
         << "the files (and the sockets) are closed once the clients are gone";
 }
 
@@ -528,12 +530,10 @@ TEST_F(WebFilesServerTest, AnswersOnOneKeptConnection)
 
 TEST_F(WebFilesServerTest, AStreamCutShortEndsTheConnection)
 {
-    const std::string huge = m_site.m_root + "/huge";
-    std::ofstream(huge).close();
-    ASSERT_EQ(0, truncate(huge.c_str(), 256 << 20));
+    m_site.Sparse("huge", 256 << 20);
     m_client.Send("GET /huge HTTP/1.1\r\nHost: t\r\n\r\n");
     const std::string start = m_client.Receive(100000);
-    ASSERT_EQ(0, truncate(huge.c_str(), 1 << 20));
+    m_site.Sparse("huge", 1 << 20);
     const std::string rest = m_client.ReceiveUntilClosed(20000);
     EXPECT_TRUE(m_client.IsClosed()) << "fewer bytes than announced, then the end";
     EXPECT_LT(start.size() + rest.size(), static_cast<size_t>(256 << 20));
