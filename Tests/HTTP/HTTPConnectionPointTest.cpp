@@ -254,11 +254,12 @@ TEST_F(ConnectionPointTest, StreamIsPulledUntilThePieceMarkedLastOrANullOne)
 // matched its declared length then keeps the connection when asked to.
 TEST_F(ConnectionPointTest, StreamToASlowPeerWaitsUntilItIsWritable)
 {
+    std::string declared = "10";
     m_handler.StreamPieces({"first", "m1", "end"});
-    m_handler.m_onProcess = [this](NVQ::CHTTPRequest &, int) {
+    m_handler.m_onProcess = [&](NVQ::CHTTPRequest &, int) {
         m_handler.m_nextPiece = 1;
         Response response = makeResponse(200, "OK", "first", false, false);
-        response->AddHeaderField("Content-Length", "10");
+        response->AddHeaderField("Content-Length", declared);
         return response;
     };
     // Strict: the request that came behind it is answered once it is done.
@@ -276,6 +277,14 @@ TEST_F(ConnectionPointTest, StreamToASlowPeerWaitsUntilItIsWritable)
                   NVQTest::summarize(Data().WrittenBytes(), Data().m_closes > 0));
     }
     EXPECT_EQ(std::vector<int>(4, 7), m_handler.EndedIDs());
+    // Only plain digits, 18 at most, that match keep it.
+    for (const char *length : {"000000000000000010", "0000000000000000010", "9", "1x", ""}) {
+        declared = length;
+        Serve({});
+        m_point->SetKeepAfterStream(true);
+        Request(c_getRoot);
+        EXPECT_EQ(declared.size() == 18 ? 0 : 1, Data().m_closes) << length;
+    }
 }
 
 TEST_F(ConnectionPointTest, OnlyTheFrontMostAcceptingHandlerIsAsked)
