@@ -131,13 +131,6 @@ TEST_F(ConnectionPointTest, SendOnlyPiecesWriteOnlyTheirBytes)
     EXPECT_EQ("", Send(makeResponse(200, "OK", "late", true, false))) << "nothing after it detached";
 }
 
-TEST_F(ConnectionPointTest, ClosedConnectionWritesNothingAndTellsNoHandler)
-{
-    Data().DeliverClose();
-    EXPECT_EQ("", Send(makeResponse(200, "OK", "x", true, false)));
-    EXPECT_EQ(0, m_handler.m_interrupts.load()) << "no exchange runs, so there is no handler to tell";
-}
-
 // Conversations with the default handler ("OK <uri>"): the arrivals, each
 // delivered on its own, and the answers.
 TEST_F(ConnectionPointTest, Conversations)
@@ -314,21 +307,21 @@ TEST_F(ConnectionPointTest, CloseDuringAStreamInterruptsAndStopsThePulls)
     EXPECT_EQ(std::vector<int>({7}), m_handler.EndedIDs());
 }
 
-TEST_F(ConnectionPointTest, CloseBetweenExchangesCallsNoHandler)
+// A close outside an exchange tells no handler. One reported while the
+// request's bytes still wait lets the request reach its handler, and the send
+// path tells it.
+TEST_F(ConnectionPointTest, CloseOutsideAnExchangeTellsNoHandler)
 {
-    Request(c_getRoot);
+    Data().DeliverClose();
+    EXPECT_EQ("", Send(makeResponse(200, "OK", "x", true, false)));
+    Serve({c_getRoot});
     Data().DeliverClose();
     EXPECT_EQ(0, m_handler.m_interrupts.load());
-}
-
-// The close is reported while the request's bytes are still waiting: the
-// request still reaches its handler, and the send path tells it.
-TEST_F(ConnectionPointTest, RequestDispatchedAfterTheCloseStillReachesItsHandler)
-{
+    Serve({});
     Data().Arrive(c_getRoot);
     Data().DeliverClose();
     Data().DeliverData();
-    EXPECT_EQ(1u, m_handler.ProcessIDs().size());
+    EXPECT_EQ(2u, m_handler.ProcessIDs().size());
     EXPECT_TRUE(Data().m_writes.empty());
     EXPECT_EQ(1, m_handler.m_interrupts.load());
 }
