@@ -131,13 +131,6 @@ TEST_F(ConnectionPointTest, SendOnlyPiecesWriteOnlyTheirBytes)
     EXPECT_EQ("", Send(makeResponse(200, "OK", "late", true, false))) << "nothing after it detached";
 }
 
-TEST_F(ConnectionPointTest, ClosedConnectionWritesNothingAndTellsNoHandler)
-{
-    Data().DeliverClose();
-    EXPECT_EQ("", Send(makeResponse(200, "OK", "x", true, false)));
-    EXPECT_EQ(0, m_handler.m_interrupts.load()) << "no exchange runs, so there is no handler to tell";
-}
-
 // Conversations with the default handler ("OK <uri>"): the arrivals, each
 // delivered on its own, and the answers.
 TEST_F(ConnectionPointTest, Conversations)
@@ -254,11 +247,12 @@ TEST_F(ConnectionPointTest, StreamIsPulledUntilThePieceMarkedLastOrANullOne)
 // matched its declared length then keeps the connection when asked to.
 TEST_F(ConnectionPointTest, StreamToASlowPeerWaitsUntilItIsWritable)
 {
+    std::string declared = "10";
     m_handler.StreamPieces({"first", "m1", "end"});
-    m_handler.m_onProcess = [this](NVQ::CHTTPRequest &, int) {
+    m_handler.m_onProcess = [&](NVQ::CHTTPRequest &, int) {
         m_handler.m_nextPiece = 1;
         Response response = makeResponse(200, "OK", "first", false, false);
-        response->AddHeaderField("Content-Length", "10");
+        response->AddHeaderField("Content-Length", declared);
         return response;
     };
     // Strict: the request that came behind it is answered once it is done.
@@ -276,6 +270,14 @@ TEST_F(ConnectionPointTest, StreamToASlowPeerWaitsUntilItIsWritable)
                   NVQTest::summarize(Data().WrittenBytes(), Data().m_closes > 0));
     }
     EXPECT_EQ(std::vector<int>(4, 7), m_handler.EndedIDs());
+    // Only plain digits, 18 at most, that match keep it.
+    for (const char *length : {"000000000000000010", "0000000000000000010", "9", "1x", ""}) {
+        declared = length;
+        Serve({});
+        m_point->SetKeepAfterStream(true);
+        Request(c_getRoot);
+        EXPECT_EQ(declared.size() == 18 ? 0 : 1, Data().m_closes) << length;
+    }
 }
 
 TEST_F(ConnectionPointTest, OnlyTheFrontMostAcceptingHandlerIsAsked)
@@ -305,21 +307,21 @@ TEST_F(ConnectionPointTest, CloseDuringAStreamInterruptsAndStopsThePulls)
     EXPECT_EQ(std::vector<int>({7}), m_handler.EndedIDs());
 }
 
-TEST_F(ConnectionPointTest, CloseBetweenExchangesCallsNoHandler)
+// A close outside an exchange tells no handler. One reported while the
+// request's bytes still wait lets the request reach its handler, and the send
+// path tells it.
+TEST_F(ConnectionPointTest, CloseOutsideAnExchangeTellsNoHandler)
 {
-    Request(c_getRoot);
+    Data().DeliverClose();
+    EXPECT_EQ("", Send(makeResponse(200, "OK", "x", true, false)));
+    Serve({c_getRoot});
     Data().DeliverClose();
     EXPECT_EQ(0, m_handler.m_interrupts.load());
-}
-
-// The close is reported while the request's bytes are still waiting: the
-// request still reaches its handler, and the send path tells it.
-TEST_F(ConnectionPointTest, RequestDispatchedAfterTheCloseStillReachesItsHandler)
-{
+    Serve({});
     Data().Arrive(c_getRoot);
     Data().DeliverClose();
     Data().DeliverData();
-    EXPECT_EQ(1u, m_handler.ProcessIDs().size());
+    EXPECT_EQ(2u, m_handler.ProcessIDs().size());
     EXPECT_TRUE(Data().m_writes.empty());
     EXPECT_EQ(1, m_handler.m_interrupts.load());
 }

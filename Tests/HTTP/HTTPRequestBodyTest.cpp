@@ -9,8 +9,24 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <atomic>
+#include <new>
 #include <string>
 #include <vector>
+
+// An array allocation of this size fails, as when memory runs out (0: none).
+static std::atomic<size_t> s_refusedArraySize{0};
+
+void *operator new[](std::size_t size, const std::nothrow_t &) noexcept
+{
+    if (size != 0 && size == s_refusedArraySize.load())
+        return nullptr;
+    try {
+        return ::operator new[](size);
+    } catch (...) {
+        return nullptr;
+    }
+}
 
 namespace
 {
@@ -38,7 +54,7 @@ class CBodyHandler : public NVQTest::CScriptedHandler, public IHTTPRequestBodyHa
         SBodyDecision decision;
         decision.m_choice = m_choice;
         decision.m_maxBodyBytes = m_limit;
-        if (m_choice == eAnswerNow)
+        if (m_choice == eAnswerNow && m_withAnswer)
             decision.m_answer = makeResponse(401, "Unauthorized", "who?", true, false);
         return decision;
     }
@@ -51,6 +67,7 @@ class CBodyHandler : public NVQTest::CScriptedHandler, public IHTTPRequestBodyHa
     void OnRequestBodyEnd(bool complete, int) override { m_ends.push_back(complete); }
 
     EBodyChoice m_choice = eTakeBody;
+    bool m_withAnswer = true;
     uint64_t m_limit = 0;
     size_t m_stopAfter = 0; // refuse the rest once this many bytes came
     std::vector<std::string> m_headers;
@@ -116,6 +133,7 @@ const std::string c_chunked = "Transfer-Encoding: chunked\r\n\r\n";
 const SBodyCase c_cases[] = {
     {"length", false, c_take, 0, 0, "Content-Length: 10\r\n\r\n0123456789", "HTTP/1.1 200 OK\r\nContent-Length: 9 \r\n\r\ngot 10 /u", "0123456789", {true}, eKept},
     {"chunked", true, c_take, 0, 0, c_chunked + "4;x=1\r\nabcd\r\n2\r\nef\r\n0\r\nT: v\r\n\r\n", "HTTP/1.1 200 OK", "abcdef", {true}, eKept},
+    {"two chunked bodies", true, c_take, 0, 0, c_chunked + "2\r\nab\r\n0\r\n\r\n" + c_post + c_chunked + "1\r\nc\r\n0\r\n\r\n", "HTTP/1.1 200 OK", "abc", {true, true}, eKept},
     {"length over the handler's bound", false, c_take, 5, 0, "Content-Length: 10\r\n\r\n0123456789", "HTTP/1.1 413 Payload Too Large", "", {}, eRefused},
     {"chunks over the handler's bound", true, c_take, 5, 0, c_chunked + "4\r\nabcd\r\n4\r\nefgh\r\n0\r\n\r\n", "HTTP/1.1 413 Payload Too Large", "", {}, eRefused},
     {"malformed chunk", true, c_take, 0, 0, c_chunked + "4\r\nabcdXY", "HTTP/1.1 400 Bad Request", "", {}, eRefused},
@@ -171,10 +189,16 @@ TEST_F(RequestBodyTest, ContinueIsSentOnlyForABodyTheHandlerTakes)
         Run(strict, {head, "abc"});
         EXPECT_EQ(0u, m_data->WrittenBytes().find("HTTP/1.1 100 Continue\r\n\r\nHTTP/1.1 200 OK"))
             << strict << m_data->WrittenBytes();
+        // An answer at once, and one without an answer: 404.
         m_handler.m_choice = IHTTPRequestBodyHandler::eAnswerNow;
-        Run(strict, {head});
-        EXPECT_EQ(0u, m_data->WrittenBytes().find("HTTP/1.1 401")) << strict;
-        EXPECT_EQ(1, m_data->m_closes) << strict;
+        for (const bool withAnswer : {true, false}) {
+            m_handler.m_withAnswer = withAnswer;
+            Run(strict, {head});
+            EXPECT_EQ(0u, m_data->WrittenBytes().find(withAnswer ? "HTTP/1.1 401" : "HTTP/1.1 404 "))
+                << strict;
+            EXPECT_EQ(1, m_data->m_closes) << strict;
+        }
+        m_handler.m_withAnswer = true;
     }
 }
 
@@ -201,13 +225,20 @@ TEST_F(RequestBodyTest, LargeBodyIsReadInBoundedHelpingsAndTheNextRequestFollows
     EXPECT_NE(std::string::npos, written.find("/next")) << "the request after the body is answered";
 }
 
-TEST_F(RequestBodyTest, CloseMidBodyEndsItIncompleteWithoutAnAnswer)
+// Cut short by the peer's close, or for want of memory for the body's
+// buffer: the body ends incomplete and unanswered.
+TEST_F(RequestBodyTest, BodyCutShortEndsIncompleteWithoutAnAnswer)
 {
-    Run(false, {std::string(c_post) + "Content-Length: 10\r\n\r\n01234"});
+    const std::string request = std::string(c_post) + "Content-Length: 10\r\n\r\n01234";
+    Run(false, {request});
     m_data->DeliverClose();
     EXPECT_EQ(std::vector<std::string>({"POST /u from 192.0.2.7:51234"}), m_handler.m_headers);
     EXPECT_EQ("01234", m_handler.m_body);
-    EXPECT_EQ(std::vector<bool>({false}), m_handler.m_ends);
+    s_refusedArraySize = 65536;
+    Run(false, {request});
+    s_refusedArraySize = 0;
+    EXPECT_EQ(1, m_data->m_closes) << "without a buffer the connection ends";
+    EXPECT_EQ(std::vector<bool>({false, false}), m_handler.m_ends);
     EXPECT_TRUE(m_handler.ProcessIDs().empty());
     EXPECT_EQ("", m_data->WrittenBytes());
 }

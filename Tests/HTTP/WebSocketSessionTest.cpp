@@ -20,11 +20,14 @@ namespace
 using NVQTest::CTestClient;
 using NVQTest::waitFor;
 
+const std::string c_upgrade = "Upgrade: websocket\r\nConnection: Upgrade\r\n";
+
 // Opens a WebSocket on path and answers the head of the server's answer.
-std::string handshake(CTestClient &client, int port, const std::string &path, const std::string &extra = "")
+std::string handshake(CTestClient &client, int port, const std::string &path, const std::string &extra = "",
+                      const std::string &upgrade = c_upgrade)
 {
     if (!client.Connect(port) ||
-        !client.Send("GET " + path + " HTTP/1.1\r\nHost: t\r\nUpgrade: websocket\r\nConnection: Upgrade\r\n" +
+        !client.Send("GET " + path + " HTTP/1.1\r\nHost: t\r\n" + upgrade +
                      "Sec-WebSocket-Key: dGhlIHNhbXBsZSBub25jZQ==\r\nSec-WebSocket-Version: 13\r\n" + extra +
                      "\r\n"))
         return "";
@@ -118,24 +121,28 @@ TEST_F(WebSocketSessionTest, UpgradeDecisions)
     struct {
         const char *name;
         bool accept;
-        std::string pick, offer, expected, unexpected;
+        std::string pick, offer, expected, unexpected, upgrade;
     } cases[] = {
         {"picks an offered protocol", true, "b", "Sec-WebSocket-Protocol: a, b\r\n",
          "HTTP/1.1 101 Switching Protocols\r\nConnection: Upgrade\r\nSec-WebSocket-Accept: "
          "s3pPLMBiTxaQ9kYGzzhZRbK+xOo=\r\nSec-WebSocket-Protocol: b\r\nUpgrade: websocket\r\n\r\n",
-         "Protocol: a"},
+         "Protocol: a", c_upgrade},
         {"a protocol not offered is dropped", true, "c", "Sec-WebSocket-Protocol: a\r\n", "101",
-         "Sec-WebSocket-Protocol"},
-        {"refused", false, "", "", "HTTP/1.1 403 Forbidden", "Upgrade"},
+         "Sec-WebSocket-Protocol", c_upgrade},
+        {"refused", false, "", "", "HTTP/1.1 403 Forbidden", "Upgrade", c_upgrade},
+        {"no Connection: upgrade", true, "", "", "HTTP/1.1 426", "101", "Upgrade: websocket\r\n"},
+        {"no Upgrade: websocket", true, "", "", "HTTP/1.1 426", "101", "Connection: Upgrade\r\n"},
     };
     for (const auto &c : cases) {
         m_handler.m_accept = c.accept;
         m_handler.m_pick = c.pick;
+        m_handler.m_origin.clear();
         CTestClient client;
-        const std::string head = handshake(client, m_port, "/ws", c.offer + "Origin: http://device\r\n");
+        const std::string head =
+            handshake(client, m_port, "/ws", c.offer + "Origin: http://device\r\n", c.upgrade);
         EXPECT_NE(std::string::npos, head.find(c.expected)) << c.name << "\n" << head;
         EXPECT_EQ(std::string::npos, head.find(c.unexpected)) << c.name << "\n" << head;
-        EXPECT_EQ("http://device", m_handler.m_origin) << c.name;
+        EXPECT_EQ(c.upgrade == c_upgrade ? "http://device" : "", m_handler.m_origin) << c.name;
     }
 }
 
@@ -183,9 +190,11 @@ TEST_F(WebSocketSessionTest, ClientThatFallsBehindIsClosedOrReportedAsTheHandler
         ASSERT_TRUE(waitFor([&] { return !m_handler.Session(close ? 1 : 2).IsNull(); }));
         const KZF::CRefCountPtr<NVQ::CWebSocketSession> session = m_handler.Session();
         // The client reads nothing: another thread's sends stop being taken,
-        // and never hold the sender.
-        const std::string block(16384, 'x');
+        // and never hold the sender. A frame above the bound goes while
+        // nothing waits.
+        const std::string block(16384, 'x'), big((1 << 20) + 1, 'p');
         std::thread([&] {
+            EXPECT_TRUE(session->SendBinary(big.data(), big.size()));
             while (session->SendBinary(block.data(), block.size())) {
             }
         }).join();

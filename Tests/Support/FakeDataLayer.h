@@ -9,7 +9,6 @@
 #include "NVQSockets/Linux/INVQDataLayer.h"
 
 #include <deque>
-#include <functional>
 #include <string>
 #include <vector>
 
@@ -19,13 +18,10 @@ namespace NVQTest
 class CFakeDataLayer : public NVQ::INVQDataLayer
 {
   public:
-    // Writes larger than this are recorded by size only.
-    static const int c_recordLimit = 1 << 20;
-
+    // Writes above 1 MiB are recorded by size only.
     struct SWrite {
         int m_size;
         std::string m_bytes;
-        bool m_nullData;
     };
 
     // Bytes that arrive, in the pieces ReadData hands them out (at most the
@@ -55,13 +51,9 @@ class CFakeDataLayer : public NVQ::INVQDataLayer
                 DeliverClose();
             return -1;
         }
-        SWrite write{size, std::string(), data == nullptr};
-        if (size > 0 && size <= c_recordLimit)
-            write.m_bytes.assign(static_cast<const char *>(data), static_cast<size_t>(size));
-        m_writes.push_back(write);
+        const bool recorded = size > 0 && size <= (1 << 20);
+        m_writes.push_back({size, recorded ? std::string(static_cast<const char *>(data), size) : ""});
         m_trace.push_back("send");
-        if (m_onSend)
-            m_onSend(*this);
         return size;
     }
 
@@ -84,7 +76,7 @@ class CFakeDataLayer : public NVQ::INVQDataLayer
         KZF::tstring ToString() const override { return "192.0.2.7:51234"; }
     };
     const NVQ::INVQConnectionAddress *GetRemoteAddress() const override { return &m_address; }
-    bool IsSecure() const override { return m_secure; }
+    bool IsSecure() const override { return false; }
     // A peer that reads slowly: the library waits for OnDataSent.
     bool IsWritable() override { return m_writable; }
 
@@ -118,8 +110,8 @@ class CFakeDataLayer : public NVQ::INVQDataLayer
     std::string WrittenBytes() const
     {
         std::string all;
-        for (const SWrite &write : m_writes)
-            all += write.m_bytes;
+        for (const std::string &item : WrittenItems())
+            all += item;
         return all;
     }
     void ClearRecords()
@@ -136,12 +128,10 @@ class CFakeDataLayer : public NVQ::INVQDataLayer
     std::vector<std::string> m_trace;
     int m_closes = 0;
     CAddress m_address;
-    bool m_secure = false;
     bool m_writable = true;
     // Writes from this index on fail (-1 leaves it off).
     int m_failFromWrite = -1;
     int m_failedWrites = 0;
-    std::function<void(CFakeDataLayer &)> m_onSend;
 };
 
 } // namespace NVQTest

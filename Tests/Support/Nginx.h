@@ -5,19 +5,16 @@
 // configuration of the test's own, run in the foreground in a scratch
 // directory and stopped with the object.
 
-#include <arpa/inet.h>
-#include <chrono>
+#include "Support/TestClient.h"
+
 #include <csignal>
 #include <cstdlib>
 #include <fstream>
-#include <netinet/in.h>
 #include <spawn.h>
 #include <sstream>
 #include <string>
-#include <sys/socket.h>
 #include <sys/wait.h>
 #include <thread>
-#include <unistd.h>
 
 extern char **environ;
 
@@ -40,22 +37,23 @@ class CNginx
         m_port = freePort();
         for (size_t at; (at = servers.find("{port}")) != std::string::npos;)
             servers.replace(at, 6, std::to_string(m_port));
-        std::ofstream(m_directory + "/nginx.conf")
-            << "worker_processes 1;\npid " << m_directory << "/nginx.pid;\nerror_log " << m_directory
-            << "/error.log;\nevents { worker_connections 256; }\nhttp {\naccess_log off;\n"
-            << "client_body_temp_path " << m_directory << "/body;\nproxy_temp_path " << m_directory
-            << "/proxy;\nfastcgi_temp_path " << m_directory << "/fastcgi;\nuwsgi_temp_path " << m_directory
-            << "/uwsgi;\nscgi_temp_path " << m_directory << "/scgi;\n"
-            << servers << "}\n";
-        const std::string prefix = m_directory + "/";
-        const std::string config = m_directory + "/nginx.conf";
-        const std::string errors = m_directory + "/error.log";
-        const char *argv[] = {"nginx", "-p",           prefix.c_str(), "-c",          config.c_str(),
+        // Every path nginx writes to lies in the scratch directory.
+        std::ofstream config(m_directory + "/nginx.conf");
+        config << "worker_processes 1;\npid " << m_directory << "/nginx.pid;\nerror_log " << m_directory
+               << "/error.log;\nevents { worker_connections 256; }\n"
+               << "http {\naccess_log off;\n";
+        for (const char *temporary : {"client_body", "proxy", "fastcgi", "uwsgi", "scgi"})
+            config << temporary << "_temp_path " << m_directory << "/" << temporary << ";\n";
+        config << servers << "}\n";
+        config.close();
+        const std::string prefix = m_directory + "/", file = prefix + "nginx.conf",
+                          errors = prefix + "error.log";
+        const char *argv[] = {"nginx", "-p",           prefix.c_str(), "-c",          file.c_str(),
                               "-e",    errors.c_str(), "-g",           "daemon off;", nullptr};
         if (posix_spawn(&m_pid, "/usr/sbin/nginx", nullptr, nullptr, const_cast<char **>(argv), environ) != 0)
             return false;
         for (int i = 0; i < 500; ++i) {
-            if (answers())
+            if (CTestClient().Connect(m_port))
                 return true;
             std::this_thread::sleep_for(std::chrono::milliseconds(10));
         }
@@ -66,9 +64,8 @@ class CNginx
 
     std::string Log() const
     {
-        std::ifstream in(m_directory + "/error.log");
         std::stringstream text;
-        text << in.rdbuf();
+        text << std::ifstream(m_directory + "/error.log").rdbuf();
         return text.str();
     }
 
@@ -76,16 +73,11 @@ class CNginx
     {
         if (m_pid > 0) {
             ::kill(m_pid, SIGQUIT);
-            int status;
-            ::waitpid(m_pid, &status, 0);
+            ::waitpid(m_pid, nullptr, 0);
             m_pid = -1;
         }
-        if (!m_directory.empty()) {
-            const std::string command = "rm -rf '" + m_directory + "'";
-            if (std::system(command.c_str()) != 0)
-                m_directory.clear();
+        if (!m_directory.empty() && std::system(("rm -rf '" + m_directory + "'").c_str()) == 0)
             m_directory.clear();
-        }
     }
 
   private:
@@ -100,18 +92,6 @@ class CNginx
         ::getsockname(fd, reinterpret_cast<struct sockaddr *>(&address), &length);
         ::close(fd);
         return ntohs(address.sin_port);
-    }
-
-    bool answers() const
-    {
-        const int fd = ::socket(AF_INET, SOCK_STREAM, 0);
-        struct sockaddr_in address = {};
-        address.sin_family = AF_INET;
-        address.sin_port = htons(static_cast<uint16_t>(m_port));
-        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        const bool ok = ::connect(fd, reinterpret_cast<struct sockaddr *>(&address), sizeof(address)) == 0;
-        ::close(fd);
-        return ok;
     }
 
     pid_t m_pid = -1;

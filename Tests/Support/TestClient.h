@@ -36,11 +36,10 @@ class CTestClient
         v6.sin6_addr = in6addr_loopback;
         v4.sin_family = AF_INET;
         v4.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        const struct sockaddr *address =
+            ipv6 ? reinterpret_cast<struct sockaddr *>(&v6) : reinterpret_cast<struct sockaddr *>(&v4);
         m_fd = ::socket(ipv6 ? AF_INET6 : AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-        if (m_fd < 0 || ::connect(m_fd,
-                                  ipv6 ? reinterpret_cast<struct sockaddr *>(&v6)
-                                       : reinterpret_cast<struct sockaddr *>(&v4),
-                                  ipv6 ? sizeof(v6) : sizeof(v4)) != 0) {
+        if (m_fd < 0 || ::connect(m_fd, address, ipv6 ? sizeof(v6) : sizeof(v4)) != 0) {
             Close();
             return false;
         }
@@ -68,13 +67,7 @@ class CTestClient
     // time is up; bytes beyond them wait for the next call.
     std::string Receive(size_t count, int timeoutMs = 5000)
     {
-        std::string received;
-        received.swap(m_leftover);
-        const auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
-        while (received.size() < count && !m_closed) {
-            if (!ReadSome(received, end))
-                break;
-        }
+        std::string received = ReadUntil(timeoutMs, [&](const std::string &r) { return r.size() >= count; });
         if (received.size() > count) {
             m_leftover = received.substr(count);
             received.resize(count);
@@ -86,29 +79,22 @@ class CTestClient
     // Content-Length names (none without one).
     std::string ReceiveAnswer(int timeoutMs = 5000)
     {
-        std::string head;
-        while (head.find("\r\n\r\n") == std::string::npos && !m_closed) {
-            const std::string more = Receive(1, timeoutMs);
-            if (more.empty())
-                return head;
-            head += more;
-        }
-        size_t length = 0;
+        std::string head =
+            ReadUntil(timeoutMs, [](const std::string &r) { return r.find("\r\n\r\n") != r.npos; });
+        const size_t end = head.find("\r\n\r\n");
+        if (end == std::string::npos)
+            return head;
+        m_leftover = head.substr(end + 4);
+        head.resize(end + 4);
         const size_t field = head.find("Content-Length: ");
-        if (field != std::string::npos)
-            length = std::stoul(head.substr(field + 16));
-        return head + Receive(length, timeoutMs);
+        return head +
+               Receive(field == std::string::npos ? 0 : std::stoul(head.substr(field + 16)), timeoutMs);
     }
 
     // Reads until the peer closes the connection or the time is up.
     std::string ReceiveUntilClosed(int timeoutMs = 5000)
     {
-        std::string received;
-        received.swap(m_leftover);
-        const auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
-        while (!m_closed && ReadSome(received, end)) {
-        }
-        return received;
+        return ReadUntil(timeoutMs, [](const std::string &) { return false; });
     }
 
     // True once the peer has closed (end of stream or reset) within the time.
@@ -142,26 +128,27 @@ class CTestClient
     }
 
   private:
-    bool ReadSome(std::string &received, std::chrono::steady_clock::time_point end)
+    // The leftover and what arrives until `enough` holds, the peer closes
+    // or the time is up.
+    template <class TEnough> std::string ReadUntil(int timeoutMs, TEnough enough)
     {
-        const auto left =
-            std::chrono::duration_cast<std::chrono::milliseconds>(end - std::chrono::steady_clock::now())
-                .count();
-        if (left <= 0)
-            return false;
-        struct pollfd wait = {m_fd, POLLIN, 0};
-        if (::poll(&wait, 1, static_cast<int>(left)) <= 0)
-            return false;
+        std::string received;
+        received.swap(m_leftover);
+        const auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
         char buffer[65536];
-        const ssize_t n = ::recv(m_fd, buffer, sizeof(buffer), 0);
-        if (n <= 0) {
-            if (n < 0 && errno == EINTR)
-                return true;
-            m_closed = true;
-            return false;
+        while (!enough(received) && !m_closed) {
+            const auto left =
+                std::chrono::duration_cast<std::chrono::milliseconds>(end - std::chrono::steady_clock::now());
+            struct pollfd wait = {m_fd, POLLIN, 0};
+            if (left.count() <= 0 || ::poll(&wait, 1, static_cast<int>(left.count())) <= 0)
+                break;
+            const ssize_t n = ::recv(m_fd, buffer, sizeof(buffer), 0);
+            if (n > 0)
+                received.append(buffer, static_cast<size_t>(n));
+            else if (n == 0 || errno != EINTR)
+                m_closed = true;
         }
-        received.append(buffer, static_cast<size_t>(n));
-        return true;
+        return received;
     }
 
     int m_fd = -1;
