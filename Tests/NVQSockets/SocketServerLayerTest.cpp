@@ -171,6 +171,32 @@ void flood(INVQDataLayer &layer, int pieceSize = 65536)
     }
 }
 
+// Bytes that show where they came from when they arrive out of place.
+std::string pattern(size_t size)
+{
+    std::string text(size, '\0');
+    for (size_t i = 0; i < size; ++i)
+        text[i] = static_cast<char>('a' + i % 23);
+    return text;
+}
+
+std::FILE *fileOf(const std::string &content)
+{
+    std::FILE *file = std::tmpfile();
+    std::fwrite(content.data(), 1, content.size(), file);
+    std::fflush(file);
+    return file;
+}
+
+// Leaves the stack below the caller full of non-zero bytes, as a long-running
+// process has it: fields a callee forgets to set then hold garbage.
+__attribute__((noinline)) void dirtyStack()
+{
+    volatile unsigned char junk[32768];
+    for (size_t i = 0; i < sizeof(junk); ++i)
+        junk[i] = 0xA5;
+}
+
 class SocketServerLayerTest : public ::testing::Test
 {
   protected:
@@ -474,10 +500,8 @@ TEST_F(SocketServerLayerTest, OtherThreadsSeeWhatWaitsWakeTheWriterSendFilesAndG
     EXPECT_TRUE(waitFor([&] { return m_listener.Connection(0).m_sentNotices.load() == 1; }));
 
     // A file sent from another thread goes the plain read-and-write way.
-    std::FILE *file = std::tmpfile();
     const std::string content(40000, 'f');
-    std::fwrite(content.data(), 1, content.size(), file);
-    std::fflush(file);
+    std::FILE *file = fileOf(content);
     std::thread([&] { EXPECT_EQ(39990, layer.SendFile(fileno(file), 10, 39990, nullptr)); }).join();
     EXPECT_EQ(content.substr(10), client.Receive(39990));
     std::thread([&] { EXPECT_EQ(-1, layer.SendFile(fileno(file), 39999, 2, nullptr)); }).join();
@@ -495,12 +519,8 @@ TEST_F(SocketServerLayerTest, FilePiecesOfOneDeliveryArriveInOrderAndCountAsItsA
     // the delivery; the third is not the next piece of the file. A request
     // answered by files alone is answered: the request timeout no longer runs.
     m_server.SetRequestTimeout(200);
-    std::string content;
-    for (int i = 0; i < (3 << 19); ++i)
-        content += static_cast<char>('a' + i % 23);
-    std::FILE *file = std::tmpfile();
-    std::fwrite(content.data(), 1, content.size(), file);
-    std::fflush(file);
+    const std::string content = pattern(3 << 19);
+    std::FILE *file = fileOf(content);
     // By value: the client learns the answer through the socket, which
     // orders nothing for TSan against this frame's stack being reused.
     const int fd = fileno(file);
@@ -515,6 +535,40 @@ TEST_F(SocketServerLayerTest, FilePiecesOfOneDeliveryArriveInOrderAndCountAsItsA
     EXPECT_EQ(expected, client.Receive(expected.size()));
     EXPECT_EQ("", client.ReceiveUntilClosed(400)) << "nothing more";
     EXPECT_FALSE(client.IsClosed());
+    std::fclose(file);
+}
+
+TEST_F(SocketServerLayerTest, PiecesWaitingForASlowPeerKeepOrderCountOnlyMemoryAndGiveTheirHoldersBack)
+{
+    // Held pieces from the size that is no longer copied take a reference;
+    // the file is more than the kernel takes from a peer that reads nothing,
+    // so its next range and the small tail join the waiting queue.
+    const std::string block = pattern(16384), content = pattern(6 << 20);
+    std::FILE *file = fileOf(content);
+    KZF::CRefCount_Base holder;
+    holder.AddRef(); // the test's own: the queue never destroys it
+    std::atomic<long> refsCopied{0}, refsHeld{0};
+    std::atomic<size_t> pendingForFile{1};
+    const int fd = fileno(file);
+    m_listener.m_onData = [&, fd](CTestConnection &, INVQDataLayer &layer, const std::string &) {
+        layer.SendDataHeld(block.data(), 16383, &holder);
+        refsCopied = holder.GetRefCount();
+        layer.SendDataHeld(block.data(), 16384, &holder);
+        refsHeld = holder.GetRefCount();
+        layer.SendFile(fd, 0, 5 << 20, &holder);
+        layer.SendFile(fd, 5 << 20, 1 << 20, &holder);
+        pendingForFile = layer.GetPendingOutput();
+        dirtyStack();
+        layer.SendData("tail", 4);
+    };
+    CTestClient client;
+    ASSERT_TRUE(Open(client, "get"));
+    const std::string expected = block.substr(0, 16383) + block + content + "tail";
+    EXPECT_EQ(expected, client.Receive(expected.size()));
+    EXPECT_EQ(1, refsCopied.load());
+    EXPECT_EQ(2, refsHeld.load());
+    EXPECT_EQ(0u, pendingForFile.load()) << "file ranges cost no memory";
+    EXPECT_TRUE(waitFor([&] { return holder.GetRefCount() == 1; })) << holder.GetRefCount();
     std::fclose(file);
 }
 
@@ -615,12 +669,8 @@ TEST_F(SocketServerLayerTest, TlsPortEchoesSendsFilesAndEndsSessionsWithCloseNot
     EXPECT_EQ(0, std::system(("rm -r " + dir).c_str()));
     m_server.SetTlsPort(0);
     ASSERT_TRUE(m_server.StartServer(0, -1, true));
-    std::string content;
-    for (int i = 0; i < 150000; ++i)
-        content += static_cast<char>('a' + i % 23);
-    std::FILE *file = std::tmpfile();
-    std::fwrite(content.data(), 1, content.size(), file);
-    std::fflush(file);
+    const std::string content = pattern(150000);
+    std::FILE *file = fileOf(content);
     m_listener.m_onData = [&](CTestConnection &connection, INVQDataLayer &layer, const std::string &bytes) {
         EXPECT_EQ(bytes != "plain", layer.IsSecure());
         if (bytes != "file")
