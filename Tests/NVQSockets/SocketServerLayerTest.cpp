@@ -10,10 +10,12 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <fstream>
 #include <functional>
 #include <future>
 #include <memory>
 #include <mutex>
+#include <sstream>
 #include <thread>
 #include <vector>
 
@@ -298,25 +300,31 @@ TEST_F(SocketServerLayerTest, SmallAndLargeWritesArriveWholeInOrderOneNotificati
     EXPECT_EQ(0, m_listener.m_overlaps.load());
 }
 
-TEST_F(SocketServerLayerTest, StalledExchangesDoNotStallOthers)
+TEST_F(SocketServerLayerTest, StalledExchangesDoNotStallOthersAndLaterStallsReuseTheSpareThreads)
 {
     // More exchanges than the pool starts with block at once; all of them
-    // must be running together before any is let go.
+    // must be running together before any is let go. The second time, the
+    // threads the first stall left behind take the loops over.
     const int stalled = 8;
-    SGate gate;
-    m_listener.m_onData = [&](CTestConnection &, INVQDataLayer &layer, const std::string &) {
-        gate.Enter();
-        layer.SendData("done", 4);
-    };
-    std::vector<CTestClient> clients(stalled);
-    for (CTestClient &client : clients)
-        ASSERT_TRUE(Open(client, "x"));
-    EXPECT_TRUE(gate.WaitInside(stalled))
-        << gate.m_inside.load() << " of " << stalled << " exchanges started";
-    gate.Release();
-    for (CTestClient &client : clients)
-        EXPECT_EQ("done", client.Receive(4));
-    EXPECT_GE(m_server.GetWorkerCount(), stalled);
+    int workers = 0;
+    for (int round = 0; round < 2; ++round) {
+        SGate gate;
+        m_listener.m_onData = [&](CTestConnection &, INVQDataLayer &layer, const std::string &) {
+            gate.Enter();
+            layer.SendData("done", 4);
+        };
+        std::vector<CTestClient> clients(stalled);
+        for (CTestClient &client : clients)
+            ASSERT_TRUE(Open(client, "x"));
+        EXPECT_TRUE(gate.WaitInside(stalled)) << gate.m_inside.load() << " of " << stalled << " started";
+        gate.Release();
+        for (CTestClient &client : clients)
+            EXPECT_EQ("done", client.Receive(4));
+        EXPECT_GE(m_server.GetWorkerCount(), stalled);
+        if (round == 1)
+            EXPECT_EQ(workers, m_server.GetWorkerCount()) << "no thread more than the first stall needed";
+        workers = m_server.GetWorkerCount();
+    }
 }
 
 TEST_F(SocketServerLayerTest, UnregisterAndCloseFromInsideTheDelivery)
@@ -339,9 +347,11 @@ TEST_F(SocketServerLayerTest, UnregisterAndCloseFromInsideTheDelivery)
 TEST_F(SocketServerLayerTest, ServerCloseKeepsTheAnswerWhenThePeerIsStillSending)
 {
     // The peer sends far more than is ever read, and reads the answer only
-    // once it is done sending. A close that left its bytes unread would reset
-    // the connection and destroy the answer on its way.
-    const std::string answer(200000, 'a');
+    // once it is done sending, after a pause longer than the idle timeout.
+    // A close that left its bytes unread, or that came before the peer was
+    // done, would reset the connection and destroy the answer on its way.
+    m_server.SetIdleTimeout(40);
+    const std::string answer(50000, 'a');
     std::atomic<bool> answered(false);
     m_listener.m_onData = [&](CTestConnection &connection, INVQDataLayer &layer, const std::string &) {
         layer.SendData(answer.data(), static_cast<int>(answer.size()));
@@ -349,9 +359,10 @@ TEST_F(SocketServerLayerTest, ServerCloseKeepsTheAnswerWhenThePeerIsStillSending
         layer.Close();
         answered = true;
     };
+    m_listener.m_readLimit = 1; // the rest of the request stays unread
     CTestClient client;
     ASSERT_TRUE(Open(client, "first"));
-    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    std::this_thread::sleep_for(std::chrono::milliseconds(80));
     EXPECT_TRUE(client.Send(std::string(1 << 20, 'x')));
     EXPECT_EQ(answer, client.ReceiveUntilClosed());
     EXPECT_TRUE(client.IsClosed());
@@ -661,11 +672,25 @@ TEST_F(SocketServerLayerTest, TlsPortEchoesSendsFilesAndEndsSessionsWithCloseNot
     char directory[] = "/tmp/nvq-sockets-tls-XXXXXX";
     ASSERT_NE(nullptr, mkdtemp(directory));
     const std::string dir = directory;
-    ASSERT_EQ(0, std::system(("cd " + dir +
-                              " && openssl req -x509 -newkey ec -pkeyopt ec_paramgen_curve:prime256v1 "
-                              "-nodes -days 1 -subj /CN=localhost -keyout key.pem -out cert.pem 2> /dev/null")
-                                 .c_str()));
+    ASSERT_EQ(0,
+              std::system(("cd " + dir +
+                           " && openssl req -x509 -newkey ec -pkeyopt ec_paramgen_curve:prime256v1 "
+                           "-nodes -days 1 -subj /CN=localhost -keyout key.pem -out cert.pem 2> /dev/null && "
+                           "openssl req -x509 -newkey rsa:512 -nodes -days 1 -subj /CN=weak -keyout weak.key "
+                           "-out weak.pem 2> /dev/null")
+                              .c_str()));
     ASSERT_TRUE(m_server.SetTlsCertificate(dir + "/cert.pem", dir + "/key.pem", true));
+    // As text too; a chain whose next certificate does not read, or is too
+    // weak to be sent, is refused.
+    std::ifstream certFile(dir + "/cert.pem"), keyFile(dir + "/key.pem"), weakFile(dir + "/weak.pem");
+    std::stringstream cert, key, weak;
+    cert << certFile.rdbuf();
+    key << keyFile.rdbuf();
+    weak << weakFile.rdbuf();
+    for (const std::string &next :
+         {std::string("-----BEGIN CERTIFICATE-----\nbroken\n-----END CERTIFICATE-----\n"), weak.str()})
+        EXPECT_FALSE(m_server.SetTlsCertificate(cert.str() + next, key.str(), false)) << next;
+    EXPECT_TRUE(m_server.SetTlsCertificate(cert.str(), key.str(), false));
     EXPECT_EQ(0, std::system(("rm -r " + dir).c_str()));
     m_server.SetTlsPort(0);
     ASSERT_TRUE(m_server.StartServer(0, -1, true));
