@@ -10,10 +10,12 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <fstream>
 #include <functional>
 #include <future>
 #include <memory>
 #include <mutex>
+#include <sstream>
 #include <thread>
 #include <vector>
 
@@ -171,6 +173,32 @@ void flood(INVQDataLayer &layer, int pieceSize = 65536)
     }
 }
 
+// Bytes that show where they came from when they arrive out of place.
+std::string pattern(size_t size)
+{
+    std::string text(size, '\0');
+    for (size_t i = 0; i < size; ++i)
+        text[i] = static_cast<char>('a' + i % 23);
+    return text;
+}
+
+std::FILE *fileOf(const std::string &content)
+{
+    std::FILE *file = std::tmpfile();
+    std::fwrite(content.data(), 1, content.size(), file);
+    std::fflush(file);
+    return file;
+}
+
+// Leaves the stack below the caller full of non-zero bytes, as a long-running
+// process has it: fields a callee forgets to set then hold garbage.
+__attribute__((noinline)) void dirtyStack()
+{
+    volatile unsigned char junk[32768];
+    for (size_t i = 0; i < sizeof(junk); ++i)
+        junk[i] = 0xA5;
+}
+
 class SocketServerLayerTest : public ::testing::Test
 {
   protected:
@@ -197,9 +225,11 @@ class SocketServerLayerTest : public ::testing::Test
 
 TEST_F(SocketServerLayerTest, EchoesOverIPv4AndIPv6AndNamesBothEnds)
 {
+    // A reader taking small helpings gets all that waits without new events.
+    m_listener.m_readLimit = 100;
     CTestClient v4, v6;
     ASSERT_TRUE(v4.Connect(m_port));
-    EXPECT_TRUE(Echoed(v4, "hello"));
+    EXPECT_TRUE(Echoed(v4, std::string(5000, 'h')));
     const bool haveIPv6 = v6.Connect(m_port, true);
     if (haveIPv6) {
         EXPECT_TRUE(Echoed(v6, "over six"));
@@ -272,25 +302,32 @@ TEST_F(SocketServerLayerTest, SmallAndLargeWritesArriveWholeInOrderOneNotificati
     EXPECT_EQ(0, m_listener.m_overlaps.load());
 }
 
-TEST_F(SocketServerLayerTest, StalledExchangesDoNotStallOthers)
+TEST_F(SocketServerLayerTest, StalledExchangesDoNotStallOthersAndLaterStallsReuseTheSpareThreads)
 {
     // More exchanges than the pool starts with block at once; all of them
-    // must be running together before any is let go.
+    // must be running together before any is let go. The second time, the
+    // threads the first stall left behind take the loops over.
     const int stalled = 8;
-    SGate gate;
-    m_listener.m_onData = [&](CTestConnection &, INVQDataLayer &layer, const std::string &) {
-        gate.Enter();
-        layer.SendData("done", 4);
-    };
-    std::vector<CTestClient> clients(stalled);
-    for (CTestClient &client : clients)
-        ASSERT_TRUE(Open(client, "x"));
-    EXPECT_TRUE(gate.WaitInside(stalled))
-        << gate.m_inside.load() << " of " << stalled << " exchanges started";
-    gate.Release();
-    for (CTestClient &client : clients)
-        EXPECT_EQ("done", client.Receive(4));
-    EXPECT_GE(m_server.GetWorkerCount(), stalled);
+    int workers = 0;
+    for (int round = 0; round < 2; ++round) {
+        SGate gate;
+        m_listener.m_onData = [&](CTestConnection &, INVQDataLayer &layer, const std::string &) {
+            gate.Enter();
+            layer.SendData("done", 4);
+        };
+        std::vector<CTestClient> clients(stalled);
+        for (CTestClient &client : clients)
+            ASSERT_TRUE(Open(client, "x"));
+        EXPECT_TRUE(gate.WaitInside(stalled)) << gate.m_inside.load() << " of " << stalled << " started";
+        gate.Release();
+        for (CTestClient &client : clients)
+            EXPECT_EQ("done", client.Receive(4));
+        EXPECT_GE(m_server.GetWorkerCount(), stalled);
+        if (round == 1) {
+            EXPECT_EQ(workers, m_server.GetWorkerCount()) << "no thread more than the first stall needed";
+        }
+        workers = m_server.GetWorkerCount();
+    }
 }
 
 TEST_F(SocketServerLayerTest, UnregisterAndCloseFromInsideTheDelivery)
@@ -313,9 +350,11 @@ TEST_F(SocketServerLayerTest, UnregisterAndCloseFromInsideTheDelivery)
 TEST_F(SocketServerLayerTest, ServerCloseKeepsTheAnswerWhenThePeerIsStillSending)
 {
     // The peer sends far more than is ever read, and reads the answer only
-    // once it is done sending. A close that left its bytes unread would reset
-    // the connection and destroy the answer on its way.
-    const std::string answer(200000, 'a');
+    // once it is done sending, after a pause longer than the idle timeout.
+    // A close that left its bytes unread, or that came before the peer was
+    // done, would reset the connection and destroy the answer on its way.
+    m_server.SetIdleTimeout(40);
+    const std::string answer(50000, 'a');
     std::atomic<bool> answered(false);
     m_listener.m_onData = [&](CTestConnection &connection, INVQDataLayer &layer, const std::string &) {
         layer.SendData(answer.data(), static_cast<int>(answer.size()));
@@ -323,9 +362,10 @@ TEST_F(SocketServerLayerTest, ServerCloseKeepsTheAnswerWhenThePeerIsStillSending
         layer.Close();
         answered = true;
     };
+    m_listener.m_readLimit = 1; // the rest of the request stays unread
     CTestClient client;
     ASSERT_TRUE(Open(client, "first"));
-    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    std::this_thread::sleep_for(std::chrono::milliseconds(80));
     EXPECT_TRUE(client.Send(std::string(1 << 20, 'x')));
     EXPECT_EQ(answer, client.ReceiveUntilClosed());
     EXPECT_TRUE(client.IsClosed());
@@ -474,10 +514,8 @@ TEST_F(SocketServerLayerTest, OtherThreadsSeeWhatWaitsWakeTheWriterSendFilesAndG
     EXPECT_TRUE(waitFor([&] { return m_listener.Connection(0).m_sentNotices.load() == 1; }));
 
     // A file sent from another thread goes the plain read-and-write way.
-    std::FILE *file = std::tmpfile();
     const std::string content(40000, 'f');
-    std::fwrite(content.data(), 1, content.size(), file);
-    std::fflush(file);
+    std::FILE *file = fileOf(content);
     std::thread([&] { EXPECT_EQ(39990, layer.SendFile(fileno(file), 10, 39990, nullptr)); }).join();
     EXPECT_EQ(content.substr(10), client.Receive(39990));
     std::thread([&] { EXPECT_EQ(-1, layer.SendFile(fileno(file), 39999, 2, nullptr)); }).join();
@@ -495,12 +533,8 @@ TEST_F(SocketServerLayerTest, FilePiecesOfOneDeliveryArriveInOrderAndCountAsItsA
     // the delivery; the third is not the next piece of the file. A request
     // answered by files alone is answered: the request timeout no longer runs.
     m_server.SetRequestTimeout(200);
-    std::string content;
-    for (int i = 0; i < (3 << 19); ++i)
-        content += static_cast<char>('a' + i % 23);
-    std::FILE *file = std::tmpfile();
-    std::fwrite(content.data(), 1, content.size(), file);
-    std::fflush(file);
+    const std::string content = pattern(3 << 19);
+    std::FILE *file = fileOf(content);
     // By value: the client learns the answer through the socket, which
     // orders nothing for TSan against this frame's stack being reused.
     const int fd = fileno(file);
@@ -518,12 +552,38 @@ TEST_F(SocketServerLayerTest, FilePiecesOfOneDeliveryArriveInOrderAndCountAsItsA
     std::fclose(file);
 }
 
-TEST_F(SocketServerLayerTest, ReaderTakingSmallHelpingsGetsAllThatWaitsWithoutNewEvents)
+TEST_F(SocketServerLayerTest, PiecesWaitingForASlowPeerKeepOrderCountOnlyMemoryAndGiveTheirHoldersBack)
 {
-    m_listener.m_readLimit = 100;
+    // Held pieces from the size that is no longer copied take a reference;
+    // the file is more than the kernel takes from a peer that reads nothing,
+    // so its next range and the small tail join the waiting queue.
+    const std::string block = pattern(16384), content = pattern(6 << 20);
+    std::FILE *file = fileOf(content);
+    KZF::CRefCount_Base holder;
+    holder.AddRef(); // the test's own: the queue never destroys it
+    std::atomic<long> refsCopied{0}, refsHeld{0};
+    std::atomic<size_t> pendingForFile{1};
+    const int fd = fileno(file);
+    m_listener.m_onData = [&, fd](CTestConnection &, INVQDataLayer &layer, const std::string &) {
+        layer.SendDataHeld(block.data(), 16383, &holder);
+        refsCopied = holder.GetRefCount();
+        layer.SendDataHeld(block.data(), 16384, &holder);
+        refsHeld = holder.GetRefCount();
+        layer.SendFile(fd, 0, 5 << 20, &holder);
+        layer.SendFile(fd, 5 << 20, 1 << 20, &holder);
+        pendingForFile = layer.GetPendingOutput();
+        dirtyStack();
+        layer.SendData("tail", 4);
+    };
     CTestClient client;
-    ASSERT_TRUE(client.Connect(m_port));
-    EXPECT_TRUE(Echoed(client, std::string(5000, 'h')));
+    ASSERT_TRUE(Open(client, "get"));
+    const std::string expected = block.substr(0, 16383) + block + content + "tail";
+    EXPECT_EQ(expected, client.Receive(expected.size()));
+    EXPECT_EQ(1, refsCopied.load());
+    EXPECT_EQ(2, refsHeld.load());
+    EXPECT_EQ(0u, pendingForFile.load()) << "file ranges cost no memory";
+    EXPECT_TRUE(waitFor([&] { return holder.GetRefCount() == 1; })) << holder.GetRefCount();
+    std::fclose(file);
 }
 
 TEST_F(SocketServerLayerTest, StopServerWakesBlockedSendsEndsWatchingExchangesAndDeliversEveryClose)
@@ -607,20 +667,30 @@ TEST_F(SocketServerLayerTest, TlsPortEchoesSendsFilesAndEndsSessionsWithCloseNot
     char directory[] = "/tmp/nvq-sockets-tls-XXXXXX";
     ASSERT_NE(nullptr, mkdtemp(directory));
     const std::string dir = directory;
-    ASSERT_EQ(0, std::system(("cd " + dir +
-                              " && openssl req -x509 -newkey ec -pkeyopt ec_paramgen_curve:prime256v1 "
-                              "-nodes -days 1 -subj /CN=localhost -keyout key.pem -out cert.pem 2> /dev/null")
-                                 .c_str()));
+    ASSERT_EQ(0,
+              std::system(("cd " + dir +
+                           " && openssl req -x509 -newkey ec -pkeyopt ec_paramgen_curve:prime256v1 "
+                           "-nodes -days 1 -subj /CN=localhost -keyout key.pem -out cert.pem 2> /dev/null && "
+                           "openssl req -x509 -newkey rsa:512 -nodes -days 1 -subj /CN=weak -keyout weak.key "
+                           "-out weak.pem 2> /dev/null")
+                              .c_str()));
     ASSERT_TRUE(m_server.SetTlsCertificate(dir + "/cert.pem", dir + "/key.pem", true));
+    // As text too; a chain whose next certificate does not read, or is too
+    // weak to be sent, is refused.
+    std::ifstream certFile(dir + "/cert.pem"), keyFile(dir + "/key.pem"), weakFile(dir + "/weak.pem");
+    std::stringstream cert, key, weak;
+    cert << certFile.rdbuf();
+    key << keyFile.rdbuf();
+    weak << weakFile.rdbuf();
+    for (const std::string &next :
+         {std::string("-----BEGIN CERTIFICATE-----\nbroken\n-----END CERTIFICATE-----\n"), weak.str()})
+        EXPECT_FALSE(m_server.SetTlsCertificate(cert.str() + next, key.str(), false)) << next;
+    EXPECT_TRUE(m_server.SetTlsCertificate(cert.str(), key.str(), false));
     EXPECT_EQ(0, std::system(("rm -r " + dir).c_str()));
     m_server.SetTlsPort(0);
     ASSERT_TRUE(m_server.StartServer(0, -1, true));
-    std::string content;
-    for (int i = 0; i < 150000; ++i)
-        content += static_cast<char>('a' + i % 23);
-    std::FILE *file = std::tmpfile();
-    std::fwrite(content.data(), 1, content.size(), file);
-    std::fflush(file);
+    const std::string content = pattern(150000);
+    std::FILE *file = fileOf(content);
     m_listener.m_onData = [&](CTestConnection &connection, INVQDataLayer &layer, const std::string &bytes) {
         EXPECT_EQ(bytes != "plain", layer.IsSecure());
         if (bytes != "file")
