@@ -6,8 +6,8 @@
 # started through EMULATOR (with its arguments); the clients run natively.
 # Exit status 0 passed, 1 failed, 77 skipped (ctest's SKIP_RETURN_CODE).
 
-import base64, glob, gzip, hashlib, http.client, os, pathlib, re, shutil, signal, socket, ssl, subprocess, sys
-import tempfile, threading, time, unittest
+import base64, glob, gzip, hashlib, http.client, os, pathlib, re, resource, shutil, signal, socket, ssl, subprocess
+import sys, tempfile, threading, time, unittest
 
 SKIPPED = 77
 NVQ_HTTPD = SITE_DIR = None
@@ -26,12 +26,11 @@ class Server:
         self.process = subprocess.Popen(
             EMULATOR + [NVQ_HTTPD, "--port", "0", "--root", self.root, "--log-level", "4", *flags],
             stderr=subprocess.PIPE, text=True)
-        ports, deadline = {}, time.time() + 10
-        while len(ports) < 1 + ("--tls-port" in flags) and time.time() < deadline:
-            line = self.process.stderr.readline()
-            if not line:
-                break
+        ports = {}
+        for line in self.process.stderr:  # up to the ports, or the end of a server that failed
             ports.update(re.findall(r"(https?)://localhost:(\d+)/", line))
+            if len(ports) == 1 + ("--tls-port" in flags):
+                break
         self.port, self.tls_port = (int(ports[k]) if k in ports else None for k in ("http", "https"))
         if self.port is None:
             self.process.kill()
@@ -65,8 +64,8 @@ def status(*args):
     return curl("--output", "/dev/null", "--write-out", "%{http_code}", *args).stdout.decode()
 
 
-def connect(port, timeout=30):
-    return http.client.HTTPConnection("127.0.0.1", port, timeout=timeout)
+def connect(port):
+    return http.client.HTTPConnection("127.0.0.1", port, timeout=30)
 
 
 def get(connection, path, **headers):
@@ -152,7 +151,6 @@ def read_answer(sock, to_close=False):
 
 def hold_many(test, count, connect):
     # count connections made by connect(), closed when the test ends.
-    import resource
     limits = resource.getrlimit(resource.RLIMIT_NOFILE)
     resource.setrlimit(resource.RLIMIT_NOFILE, (limits[1], limits[1]))
     test.addCleanup(resource.setrlimit, resource.RLIMIT_NOFILE, limits)
@@ -178,8 +176,7 @@ class CapTest(unittest.TestCase):
         # Every connection answered is one the server has taken in.
         for connection in held:
             connection.sendall(GET_MISSING)
-        for connection in held:
-            self.assertTrue(read_answer(connection).startswith(b"HTTP/1.1 404"))
+        self.assertEqual([], [c for c in held if not read_answer(c).startswith(b"HTTP/1.1 404")])
         self.assertEqual(200, get(connect(server.port), "/index.html")[0])
         first.settimeout(10)
         self.assertEqual(b"", first.recv(1), "the connection idle longest was closed")
@@ -287,14 +284,11 @@ class WebSocketTest(ServerCase):
     def test_fragments_with_pings_between_them(self):
         client = self.open()
         text = "grüße, ".encode() * 300
-        pieces = [text[:1], text[1:700], text[700:]]  # the first cut splits a character
-        client.send(WsClient.frame(1, pieces[0], fin=False))
+        client.send(WsClient.frame(1, text[:1], fin=False))  # the cut splits a character
         client.send(WsClient.frame(9, b"one"))
-        client.send(WsClient.frame(0, pieces[1], fin=False) + WsClient.frame(9, b"two"))
-        client.send(WsClient.frame(0, pieces[2]))
-        self.assertEqual((True, 10, b"one"), client.receive())
-        self.assertEqual((True, 10, b"two"), client.receive())
-        self.assertEqual((True, 1, text), client.receive())
+        client.send(WsClient.frame(0, text[1:700], fin=False) + WsClient.frame(9, b"two"))
+        client.send(WsClient.frame(0, text[700:]))
+        self.assertEqual([(True, 10, b"one"), (True, 10, b"two"), (True, 1, text)], [client.receive() for _ in "123"])
 
     def test_server_closes_on_stop_and_waits_for_the_answer(self):
         client = self.open()
@@ -306,22 +300,15 @@ class WebSocketTest(ServerCase):
 
     def test_closes_and_protocol_errors_answered_with_their_code(self):
         big = 1 << 20
+        # One row per close code, at the default limits; every fault the
+        # parser refuses is in its own table.
         cases = [  # name, bytes after the handshake, close code
             ("client closes", WsClient.frame(8, (1000).to_bytes(2, "big") + b"bye"), 1000),
             ("unmasked frame", WsClient.frame(1, b"hi", mask=False), 1002),
-            ("reserved bit", WsClient.frame(1, b"hi", rsv=0x40), 1002),
             ("reserved opcode", WsClient.frame(3, b"hi"), 1002),
-            ("fragmented ping", WsClient.frame(9, b"hi", fin=False), 1002),
-            ("ping over 125 bytes", WsClient.frame(9, b"p" * 126), 1002),
-            ("continuation first", WsClient.frame(0, b"hi"), 1002),
-            ("new message inside one", WsClient.frame(1, b"a", fin=False) + WsClient.frame(2, b"b"), 1002),
-            ("text not UTF-8", WsClient.frame(1, b"\xc3\x28"), 1007),
+            ("close code 999", WsClient.frame(8, (999).to_bytes(2, "big")), 1002),
             ("surrogate across fragments", WsClient.frame(1, b"\xed", fin=False) + WsClient.frame(0, b"\xa0\x80"),
              1007),
-            ("close code 1005", WsClient.frame(8, (1005).to_bytes(2, "big")), 1002),
-            ("close code 999", WsClient.frame(8, (999).to_bytes(2, "big")), 1002),
-            ("close of one byte", WsClient.frame(8, b"\x03"), 1002),
-            ("close reason not UTF-8", WsClient.frame(8, (1000).to_bytes(2, "big") + b"\xff"), 1007),
             ("frame over the limit", WsClient.frame(2, b"x" * (big + 1)), 1009),
             ("message over the limit", WsClient.frame(2, b"x" * big, fin=False) + WsClient.frame(0, b"x"), 1009),
         ]
@@ -353,8 +340,7 @@ class WsIdleTest(unittest.TestCase):
         time.sleep(0.2)
         before = process_status(server.process.pid, "VmRSS")
         held = hold_many(self, 9999, connect)
-        for client in held:
-            self.assertTrue(client.head.startswith("HTTP/1.1 101"), client.head)
+        self.assertEqual([], [client.head for client in held if not client.head.startswith("HTTP/1.1 101")])
         time.sleep(0.5)
         per = (process_status(server.process.pid, "VmRSS") - before) * 1024 / 10000
         threads = process_status(server.process.pid, "Threads")
@@ -484,29 +470,32 @@ def start_nginx(test, upstream_port):
     return port
 
 
-# The page that needs --web, loaded by Chromium, directly or through nginx.
-class WebPage(unittest.TestCase):
-    def page(self, flags, through_nginx=False):
-        fonts = sorted(glob.glob("/usr/share/fonts/truetype/*/*.ttf"))
-        server = Server(dict(WEB_FILES, **{"font.ttf": pathlib.Path(fonts[0]).read_bytes()}), flags)
-        self.addCleanup(lambda: self.assertEqual(0, server.stop()))
-        base = "http://127.0.0.1:%d/" % (start_nginx(self, server.port) if through_nginx else server.port)
-        if through_nginx:
-            self.assertTrue(curl(base + "big.bin", base + "big.bin").stdout == BIG + BIG)
-            self.assertEqual(BIG[5:10], curl("-r", "5-9", base + "big.bin").stdout)
-            assert_sample_page(self, dump_dom(base + "index.html"))
-        return re.sub(r"\s+", " ", dump_dom(base + "web.html"))
+def web_page_server(test, flags):
+    # A server of the page that needs --web, with a font to load; its port.
+    fonts = sorted(glob.glob("/usr/share/fonts/truetype/*/*.ttf"))
+    server = Server(dict(WEB_FILES, **{"font.ttf": pathlib.Path(fonts[0]).read_bytes()}), flags)
+    test.addCleanup(lambda: test.assertEqual(0, server.stop()))
+    return server.port
 
 
-class WebChromiumTest(WebPage):
+def web_page(port):
+    return re.sub(r"\s+", " ", dump_dom("http://127.0.0.1:%d/web.html" % port))
+
+
+class WebChromiumTest(unittest.TestCase):
     def test_page_needs_web(self):
-        self.assertNotIn(WEB_WORKS, self.page([]))
-        self.assertIn(WEB_WORKS, self.page(["--web"]))
+        self.assertNotIn(WEB_WORKS, web_page(web_page_server(self, [])))
+        self.assertIn(WEB_WORKS, web_page(web_page_server(self, ["--web"])))
 
 
-class WebNginxTest(WebPage):
+class WebNginxTest(unittest.TestCase):
     def test_sample_site_and_page_behind_nginx(self):
-        self.assertIn(WEB_WORKS, self.page(["--web"], through_nginx=True))
+        port = start_nginx(self, web_page_server(self, ["--web"]))
+        url = "http://127.0.0.1:%d/big.bin" % port
+        self.assertTrue(curl(url, url).stdout == BIG + BIG)
+        self.assertEqual(BIG[5:10], curl("-r", "5-9", url).stdout)
+        assert_sample_page(self, dump_dom("http://127.0.0.1:%d/index.html" % port))
+        self.assertIn(WEB_WORKS, web_page(port))
 
 
 class SigtermTest(unittest.TestCase):
@@ -534,18 +523,15 @@ class SigtermTest(unittest.TestCase):
         self.assertIn(str(port), result.stderr)
 
 
-# HTTPS next to plain HTTP, with certificates for localhost, first and second, of a test CA.
+# HTTPS next to plain HTTP, with self-signed certificates for localhost, first and second, both trusted.
 class TlsTest(ServerCase):
     def setUp(self):
         self.certs = pathlib.Path(tempfile.mkdtemp(prefix="nvq-e2e-tls-"))
         self.addCleanup(shutil.rmtree, self.certs, True)
-        subprocess.run("""set -e
-new() { openssl req -newkey ec -pkeyopt ec_paramgen_curve:prime256v1 -nodes -keyout $1.key -subj /CN=$1 "${@:2}"; }
-new ca -x509 -days 2 -out ca.pem
-echo subjectAltName=DNS:localhost,IP:127.0.0.1 > ext
-for n in first second; do new $n -out $n.csr; openssl x509 -req -in $n.csr -CA ca.pem -CAkey ca.key \\
-  -CAcreateserial -days 2 -extfile ext -out $n.pem; done""", shell=True, executable="/bin/bash", cwd=self.certs,
-                       check=True, capture_output=True)
+        subprocess.run("for n in first second; do openssl req -x509 -newkey ec -pkeyopt ec_paramgen_curve:prime256v1 "
+                       "-nodes -keyout $n.key -out $n.pem -subj /CN=$n -days 2 -addext "
+                       "subjectAltName=DNS:localhost,IP:127.0.0.1 || exit 1; done; cat first.pem second.pem > ca.pem",
+                       shell=True, cwd=self.certs, check=True, capture_output=True)
         self.ca = str(self.certs / "ca.pem")
         self.use("first")
         self.FLAGS = ["--tls-cert", self.certs / "cert.pem", "--tls-key", self.certs / "key.pem", "--tls-port", "0",

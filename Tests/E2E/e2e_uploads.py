@@ -23,22 +23,14 @@ def users_file(test):
     return users.name
 
 
-def digest_of(path):
-    with open(path, "rb") as f:
-        return hashlib.file_digest(f, "sha256").hexdigest()
-
-
 class UploadTest(unittest.TestCase):
     @classmethod
     def setUpClass(cls):
         cls.work = tempfile.mkdtemp(prefix="nvq-uploads-")
-        cls.source = os.path.join(cls.work, "source.bin")
-        pathlib.Path(cls.source).write_bytes(os.urandom(BIG))
-        cls.source_digest = digest_of(cls.source)
-
-    @classmethod
-    def tearDownClass(cls):
-        shutil.rmtree(cls.work, ignore_errors=True)
+        cls.addClassCleanup(shutil.rmtree, cls.work, True)
+        cls.source, data = os.path.join(cls.work, "source.bin"), os.urandom(BIG)
+        pathlib.Path(cls.source).write_bytes(data)
+        cls.source_digest = e2e.digest(data)
 
     def setUp(self):
         self.store = tempfile.mkdtemp(prefix="nvq-store-", dir=self.work)
@@ -54,7 +46,7 @@ class UploadTest(unittest.TestCase):
                            ("form.bin", ["-F", "file=@%s;filename=form.bin" % self.source, url])]:
             answer = e2e.curl(*args, seconds=120).stdout.decode(errors="replace")
             self.assertIn('"name":"%s","size":%d' % (name, BIG), answer)
-            self.assertEqual(self.source_digest, digest_of(os.path.join(self.store, name)), name)
+            self.assertEqual(self.source_digest, e2e.digest(pathlib.Path(self.store, name).read_bytes()), name)
         growth = e2e.process_status(self.server.process.pid, "VmHWM") - before
         if os.environ.get("NVQ_E2E_PLAIN") == "1" and not e2e.EMULATOR:
             self.assertLess(growth, 4096, "resident memory grew by %d KiB" % growth)
