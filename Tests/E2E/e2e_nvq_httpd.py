@@ -44,8 +44,7 @@ class Server:
         return "http://127.0.0.1:%d%s" % (self.port, path)
 
     def stop(self, sig=signal.SIGTERM, timeout=10):
-        if self.process.poll() is None:
-            self.process.send_signal(sig)
+        self.process.send_signal(sig)  # nothing if it has exited
         try:
             code = self.process.wait(timeout)
         except subprocess.TimeoutExpired:
@@ -129,7 +128,6 @@ class HttpClientTest(ServerCase):
                          (code, digest(body), response.getheader("Content-Length").strip()))
         connection.sock.settimeout(5)
         self.assertEqual(b"", connection.sock.recv(1))
-        connection.close()
 
 
 GET_MISSING = b"GET /missing HTTP/1.1\r\nHost: x\r\n\r\n"
@@ -137,16 +135,15 @@ GET_MISSING = b"GET /missing HTTP/1.1\r\nHost: x\r\n\r\n"
 
 def read_answer(sock, to_close=False):
     # One answer: its head and Content-Length bytes, or everything up to the close.
-    data = b""
-    while True:
+    data, piece = b"", b"-"
+    while piece:
         head, found, body = data.partition(b"\r\n\r\n")
         length = re.search(rb"Content-Length: *(\d+)", head)
         if found and not to_close and len(body) >= int(length.group(1) if length else 0):
-            return data
+            break
         piece = sock.recv(65536)
-        if not piece:
-            return data
         data += piece
+    return data
 
 
 def hold_many(test, count, connect):
@@ -196,8 +193,7 @@ class WsClient:
             pass
         head, _, self.buffer = self.buffer.partition(b"\r\n\r\n")
         self.head = head.decode("latin-1")
-        guid = b"258EAFA5-E914-47DA-95CA-C5AB0DC85B11"
-        self.accept = base64.b64encode(hashlib.sha1(key + guid).digest()).decode()
+        self.accept = base64.b64encode(hashlib.sha1(key + b"258EAFA5-E914-47DA-95CA-C5AB0DC85B11").digest()).decode()
 
     def more(self):
         piece = self.sock.recv(1 << 20)
@@ -364,12 +360,9 @@ def chromium(profile, *flags):
 
 
 def dump_dom(url, *flags):
-    profile = tempfile.mkdtemp(prefix="nvq-chromium-")
-    try:
+    with tempfile.TemporaryDirectory(prefix="nvq-chromium-", ignore_cleanup_errors=True) as profile:
         return subprocess.run(chromium(profile, "--virtual-time-budget=5000", *flags, "--dump-dom", url),
                               capture_output=True, text=True, timeout=120).stdout
-    finally:
-        shutil.rmtree(profile, ignore_errors=True)
 
 
 def assert_sample_page(test, dom):
@@ -449,13 +442,12 @@ class WebTest(ServerCase):
         for _ in range(3):
             self.assertEqual(digest(BIG), digest(get(connection, "/big.bin")[1]))
             self.assertIs(first_socket, connection.sock, "the connection was not kept after a large file")
-        connection.close()
 
 
 def start_nginx(test, upstream_port):
     # nginx in front of upstream_port, with a keep-alive pool, in the
     # configuration the README shows around the test's own paths; its port.
-    directory = tempfile.mkdtemp(prefix="nvq-nginx-")
+    directory = test.enterContext(tempfile.TemporaryDirectory(prefix="nvq-nginx-", ignore_cleanup_errors=True))
     probe = socket.create_server(("127.0.0.1", 0))
     port = probe.getsockname()[1]
     probe.close()
@@ -463,7 +455,6 @@ def start_nginx(test, upstream_port):
     pathlib.Path(directory, "nginx.conf").write_text(conf.replace("{upstream}", str(upstream_port)))
     process = subprocess.Popen(["/usr/sbin/nginx", "-p", directory + "/", "-c", directory + "/nginx.conf",
                                 "-e", directory + "/error.log", "-g", "daemon off;"])
-    test.addCleanup(shutil.rmtree, directory, True)
     test.addCleanup(process.wait, 10)
     test.addCleanup(process.send_signal, signal.SIGQUIT)
     wait_until(lambda: socket.socket().connect_ex(("127.0.0.1", port)) == 0)
@@ -526,8 +517,7 @@ class SigtermTest(unittest.TestCase):
 # HTTPS next to plain HTTP, with self-signed certificates for localhost, first and second, both trusted.
 class TlsTest(ServerCase):
     def setUp(self):
-        self.certs = pathlib.Path(tempfile.mkdtemp(prefix="nvq-e2e-tls-"))
-        self.addCleanup(shutil.rmtree, self.certs, True)
+        self.certs = pathlib.Path(self.enterContext(tempfile.TemporaryDirectory(prefix="nvq-e2e-tls-")))
         subprocess.run("for n in first second; do openssl req -x509 -newkey ec -pkeyopt ec_paramgen_curve:prime256v1 "
                        "-nodes -keyout $n.key -out $n.pem -subj /CN=$n -days 2 -addext "
                        "subjectAltName=DNS:localhost,IP:127.0.0.1 || exit 1; done; cat first.pem second.pem > ca.pem",

@@ -16,18 +16,15 @@ BIG = 64 * 1024 * 1024
 
 def users_file(test):
     # The credentials file: admin, password secret, realm device.
-    users = tempfile.NamedTemporaryFile("w", suffix=".htdigest", delete=False)
-    users.write("admin:device:%s\n" % hashlib.md5(b"admin:device:secret").hexdigest())
-    users.close()
-    test.addCleanup(os.unlink, users.name)
-    return users.name
+    users = pathlib.Path(test.enterContext(tempfile.TemporaryDirectory(prefix="nvq-users-")), "users.htdigest")
+    users.write_text("admin:device:%s\n" % hashlib.md5(b"admin:device:secret").hexdigest())
+    return str(users)
 
 
 class UploadTest(unittest.TestCase):
     @classmethod
     def setUpClass(cls):
-        cls.work = tempfile.mkdtemp(prefix="nvq-uploads-")
-        cls.addClassCleanup(shutil.rmtree, cls.work, True)
+        cls.work = cls.enterClassContext(tempfile.TemporaryDirectory(prefix="nvq-uploads-"))
         cls.source, data = os.path.join(cls.work, "source.bin"), os.urandom(BIG)
         pathlib.Path(cls.source).write_bytes(data)
         cls.source_digest = e2e.digest(data)
@@ -120,10 +117,9 @@ class DevTools:
     def __init__(self, test):
         if e2e.find_chromium() is None:
             test.skipTest("Chromium is not installed")
-        self.profile = tempfile.mkdtemp(prefix="nvq-chromium-")
-        self.process = subprocess.Popen(e2e.chromium(self.profile, "--remote-debugging-port=0", "about:blank"),
+        profile = test.enterContext(tempfile.TemporaryDirectory(prefix="nvq-chromium-", ignore_cleanup_errors=True))
+        self.process = subprocess.Popen(e2e.chromium(profile, "--remote-debugging-port=0", "about:blank"),
                                         stdout=subprocess.DEVNULL, stderr=subprocess.PIPE, text=True)
-        test.addCleanup(shutil.rmtree, self.profile, True)
         test.addCleanup(self.process.wait)
         test.addCleanup(self.process.kill)
         port = next(int(m.group(1)) for m in map(re.compile(r"ws://127\.0\.0\.1:(\d+)/").search,
@@ -162,8 +158,7 @@ class DevTools:
 class ChromiumUploadTest(unittest.TestCase):
     def test_upload_page_stores_the_chosen_file(self):
         browser = DevTools(self)
-        store = tempfile.mkdtemp(prefix="nvq-store-")
-        self.addCleanup(shutil.rmtree, store, True)
+        store = self.enterContext(tempfile.TemporaryDirectory(prefix="nvq-store-"))
         server = e2e.Server(flags=["--upload-dir", store])
         self.addCleanup(lambda: self.assertEqual(0, server.stop()))
         chosen, data = pathlib.Path(server.root, "photo.bin"), os.urandom(300000)
@@ -203,9 +198,7 @@ def main():
     if not shutil.which("curl"):
         print("SKIPPED: curl is not installed")
         return e2e.SKIPPED
-    suite = unittest.TestSuite(unittest.defaultTestLoader.loadTestsFromTestCase(case)
-                               for case in (UploadTest, AccessTest, ChromiumUploadTest, ChromiumAccessTest))
-    return 0 if unittest.TextTestRunner(verbosity=2).run(suite).wasSuccessful() else 1
+    return 0 if unittest.main(argv=sys.argv[:1], verbosity=2, exit=False).result.wasSuccessful() else 1
 
 
 if __name__ == "__main__":

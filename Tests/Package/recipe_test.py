@@ -28,8 +28,8 @@ import tempfile
 # file sets the build type and empties the Release flags; TARGET_CXXFLAGS
 # carry the optimisation level and the large-file macros).
 BUILDROOT_ARGS = """-DCMAKE_BUILD_TYPE=Release -DCMAKE_CXX_FLAGS_RELEASE=-DNDEBUG -DCMAKE_INSTALL_PREFIX=/usr
--DCMAKE_COLOR_MAKEFILE=OFF -DBUILD_DOC=OFF -DBUILD_DOCS=OFF -DBUILD_EXAMPLE=OFF -DBUILD_EXAMPLES=OFF -DBUILD_TEST=OFF
--DBUILD_TESTS=OFF -DBUILD_TESTING=OFF -DBUILD_SHARED_LIBS=ON""".split() + [
+-DCMAKE_COLOR_MAKEFILE=OFF -DBUILD_DOC=OFF -DBUILD_DOCS=OFF -DBUILD_EXAMPLE=OFF -DBUILD_EXAMPLES=OFF
+-DBUILD_TEST=OFF -DBUILD_TESTS=OFF -DBUILD_TESTING=OFF -DBUILD_SHARED_LIBS=ON""".split() + [
     "-DCMAKE_CXX_FLAGS=-D_LARGEFILE_SOURCE -D_LARGEFILE64_SOURCE -D_FILE_OFFSET_BITS=64 -Os"]
 
 # What Yocto's cmake.bbclass adds (its toolchain file empties the Release
@@ -37,9 +37,9 @@ BUILDROOT_ARGS = """-DCMAKE_BUILD_TYPE=Release -DCMAKE_CXX_FLAGS_RELEASE=-DNDEBU
 YOCTO_ARGS = """-DCMAKE_CXX_FLAGS_RELEASE=-DNDEBUG -DCMAKE_INSTALL_PREFIX:PATH=/usr -DCMAKE_INSTALL_BINDIR:PATH=bin
 -DCMAKE_INSTALL_SBINDIR:PATH=sbin -DCMAKE_INSTALL_LIBEXECDIR:PATH=libexec -DCMAKE_INSTALL_SYSCONFDIR:PATH=/etc
 -DCMAKE_INSTALL_SHAREDSTATEDIR:PATH=../com -DCMAKE_INSTALL_LOCALSTATEDIR:PATH=/var -DCMAKE_INSTALL_LIBDIR:PATH=lib
--DCMAKE_INSTALL_INCLUDEDIR:PATH=include -DCMAKE_INSTALL_DATAROOTDIR:PATH=share -DCMAKE_INSTALL_SO_NO_EXE=0 -Wno-dev
--DCMAKE_NO_SYSTEM_FROM_IMPORTED=1 -DCMAKE_EXPORT_NO_PACKAGE_REGISTRY=ON -DFETCHCONTENT_FULLY_DISCONNECTED=ON""".split() + [
-    "-DCMAKE_CXX_FLAGS=-O2 -pipe"]
+-DCMAKE_INSTALL_INCLUDEDIR:PATH=include -DCMAKE_INSTALL_DATAROOTDIR:PATH=share -DCMAKE_INSTALL_SO_NO_EXE=0
+-DCMAKE_NO_SYSTEM_FROM_IMPORTED=1 -DCMAKE_EXPORT_NO_PACKAGE_REGISTRY=ON -DFETCHCONTENT_FULLY_DISCONNECTED=ON
+-Wno-dev""".split() + ["-DCMAKE_CXX_FLAGS=-O2 -pipe"]
 
 
 class Failure(Exception):
@@ -105,16 +105,16 @@ def check_installation(root, machine, static, source_dir):
         check_machine(os.path.join(usr, "lib", "lib%s.%s" % (library, "a" if static else "so")), machine)
     check("_FILE_OFFSET_BITS=64" in open(os.path.join(usr, "lib/cmake/NVQHttp/NVQHttpTargets.cmake")).read(),
           "the CMake package does not pass on 64-bit file offsets")
-    flags = run(["pkg-config", "--cflags", "--libs", "nvqhttp"], env=dict(
-        os.environ, PKG_CONFIG_SYSROOT_DIR=root, PKG_CONFIG_LIBDIR=os.path.join(usr, "lib/pkgconfig"), PKG_CONFIG_PATH=""))
-    check("-D_FILE_OFFSET_BITS=64" in flags.split() and "-D_TIME_BITS=64" in flags.split(),
+    flags = run(["pkg-config", "--cflags", "--libs", "nvqhttp"], env=dict(os.environ, PKG_CONFIG_SYSROOT_DIR=root,
+                PKG_CONFIG_LIBDIR=os.path.join(usr, "lib/pkgconfig"), PKG_CONFIG_PATH="")).split()
+    check("-D_FILE_OFFSET_BITS=64" in flags and "-D_TIME_BITS=64" in flags,
           "pkg-config does not pass on 64-bit offsets and time: %s" % flags)
     binary = os.path.join(usr, "bin", "nvq-httpd")
     check_machine(binary, machine)
     content = open(binary, "rb").read()
     check(b"/usr/share/nvq-http/www" in content and (source_dir + "/www").encode() not in content,
           "nvq-httpd does not default to the installed sample site")
-    return flags.split()
+    return flags
 
 
 def build_and_install(source, build, arguments, root, install_command):
