@@ -6,37 +6,14 @@
 # started through EMULATOR (with its arguments); the clients run natively.
 # Exit status 0 passed, 1 failed, 77 skipped (ctest's SKIP_RETURN_CODE).
 
-import base64
-import glob
-import gzip
-import hashlib
-import http.client
-import os
-import re
-import shutil
-import signal
-import socket
-import ssl
-import subprocess
-import sys
-import tempfile
-import threading
-import time
-import unittest
+import base64, glob, gzip, hashlib, http.client, os, pathlib, re, resource, shutil, signal, socket, ssl, subprocess
+import sys, tempfile, threading, time, unittest
 
 SKIPPED = 77
 NVQ_HTTPD = SITE_DIR = None
 EMULATOR = []
-
-
-def data_file(name):
-    with open(os.path.join(os.path.dirname(os.path.abspath(__file__)), "files", name), "rb") as f:
-        return f.read()
-
-
-def write_file(path, data):
-    with open(path, "wb") as f:
-        f.write(data)
+FILES_DIR = pathlib.Path(__file__).resolve().parent / "files"
+LOG_LINE = r"\d{4}-\d\d-\d\dT\d\d:\d\d:\d\d - "
 
 
 # nvq-httpd on a free port, serving a copy of the sample site plus test files.
@@ -45,17 +22,15 @@ class Server:
         self.root = tempfile.mkdtemp(prefix="nvq-e2e-")
         shutil.copytree(SITE_DIR, self.root, dirs_exist_ok=True)
         for name, data in (extra_files or {}).items():
-            write_file(os.path.join(self.root, name), data)
+            pathlib.Path(self.root, name).write_bytes(data)
         self.process = subprocess.Popen(
-            EMULATOR + [NVQ_HTTPD, "--port", "0", "--root", self.root, "--log-level", "4"] + list(flags),
+            EMULATOR + [NVQ_HTTPD, "--port", "0", "--root", self.root, "--log-level", "4", *flags],
             stderr=subprocess.PIPE, text=True)
         ports = {}
-        deadline = time.time() + 10
-        while len(ports) < 1 + ("--tls-port" in flags) and time.time() < deadline:
-            line = self.process.stderr.readline()
-            if not line:
-                break
+        for line in self.process.stderr:  # up to the ports, or the end of a server that failed
             ports.update(re.findall(r"(https?)://localhost:(\d+)/", line))
+            if len(ports) == 1 + ("--tls-port" in flags):
+                break
         self.port, self.tls_port = (int(ports[k]) if k in ports else None for k in ("http", "https"))
         if self.port is None:
             self.process.kill()
@@ -69,8 +44,7 @@ class Server:
         return "http://127.0.0.1:%d%s" % (self.port, path)
 
     def stop(self, sig=signal.SIGTERM, timeout=10):
-        if self.process.poll() is None:
-            self.process.send_signal(sig)
+        self.process.send_signal(sig)  # nothing if it has exited
         try:
             code = self.process.wait(timeout)
         except subprocess.TimeoutExpired:
@@ -81,12 +55,16 @@ class Server:
 
 
 def curl(*args, seconds=30):
-    return subprocess.run(["curl", "--silent", "--show-error", "--max-time", str(seconds)] + list(args),
+    return subprocess.run(["curl", "--silent", "--show-error", "--max-time", str(seconds), *args],
                           capture_output=True, check=False)
 
 
-def connect(port, timeout=30):
-    return http.client.HTTPConnection("127.0.0.1", port, timeout=timeout)
+def status(*args):
+    return curl("--output", "/dev/null", "--write-out", "%{http_code}", *args).stdout.decode()
+
+
+def connect(port):
+    return http.client.HTTPConnection("127.0.0.1", port, timeout=30)
 
 
 def get(connection, path, **headers):
@@ -96,8 +74,14 @@ def get(connection, path, **headers):
     return response.status, response.read(), response
 
 
-def status(*args):
-    return curl("--output", "/dev/null", "--write-out", "%{http_code}", *args).stdout.decode()
+def wait_until(condition, seconds=10):
+    deadline = time.time() + seconds
+    while not condition() and time.time() < deadline:
+        time.sleep(0.05)
+
+
+def digest(data):  # a failure shows two short lines, not megabytes
+    return hashlib.sha256(data).hexdigest()
 
 
 BIG = os.urandom(5 * 1024 * 1024 + 123)
@@ -116,49 +100,34 @@ class ServerCase(unittest.TestCase):
 
 
 class CurlTest(ServerCase):
-    def test_small_and_large_files_arrive_whole(self):
+    def test_files_arrive_whole_and_a_missing_one_is_404(self):
         self.assertEqual(SMALL, curl(self.server.url("/small.txt")).stdout)
-        big = curl(self.server.url("/big.bin")).stdout
-        self.assertEqual(hashlib.sha256(BIG).hexdigest(), hashlib.sha256(big).hexdigest())
-
-    def test_missing_file_is_404(self):
+        self.assertEqual(digest(BIG), digest(curl(self.server.url("/big.bin")).stdout))
         self.assertEqual("404", status(self.server.url("/missing.html")))
 
     def test_log_endpoint_with_parameters(self):
-        for _ in range(3):
-            curl(self.server.url("/small.txt"))
-        two = curl(self.server.url("/proxy/log?count=2")).stdout.decode()
-        lines = two.splitlines()
-        self.assertEqual(2, len(lines), two)
-        for line in lines:
-            self.assertRegex(line, r"^\d{4}-\d\d-\d\dT\d\d:\d\d:\d\d - ")
+        curl(*[self.server.url("/small.txt")] * 3)
+        lines = curl(self.server.url("/proxy/log?count=2")).stdout.decode().splitlines()
+        self.assertEqual([True, True], [re.match(LOG_LINE, line) is not None for line in lines], lines)
         bad = curl("--write-out", "\n%{http_code}", self.server.url("/proxy/log?count=abc")).stdout.decode()
         self.assertTrue(bad.endswith("\n400"), bad)
         self.assertIn("Invalid 'count' specified: abc", bad)
 
 
 class HttpClientTest(ServerCase):
-    def test_keep_alive_across_several_requests(self):
+    def test_kept_alive_across_requests_until_a_streamed_answer_ends_with_the_close(self):
         connection = connect(self.server.port)
         connection.connect()
         first_socket = connection.sock
-        for path in ["/small.txt", "/index.html", "/missing", "/small.txt"]:
-            code, body, _ = get(connection, path)
-            self.assertIn(code, (200, 404))
-            if path == "/small.txt":
-                self.assertEqual(SMALL, body)
+        for path, expected in [("/small.txt", (200, SMALL)), ("/index.html", (200,)), ("/missing", (404,)),
+                               ("/small.txt", (200, SMALL))]:
+            self.assertEqual(expected, get(connection, path)[:len(expected)], path)
             self.assertIs(first_socket, connection.sock, "the connection was not kept alive")
-        connection.close()
-
-    def test_streamed_answer_read_to_the_close(self):
-        connection = connect(self.server.port)
         code, body, response = get(connection, "/big.bin")
-        self.assertEqual((200, BIG), (code, body))
-        self.assertEqual(str(len(BIG)), response.getheader("Content-Length").strip())
-        # The server ends a streamed answer by closing the connection.
+        self.assertEqual((200, digest(BIG), str(len(BIG))),
+                         (code, digest(body), response.getheader("Content-Length").strip()))
         connection.sock.settimeout(5)
-        self.assertEqual(b"", connection.sock.recv(1) if connection.sock else b"")
-        connection.close()
+        self.assertEqual(b"", connection.sock.recv(1))
 
 
 GET_MISSING = b"GET /missing HTTP/1.1\r\nHost: x\r\n\r\n"
@@ -166,28 +135,25 @@ GET_MISSING = b"GET /missing HTTP/1.1\r\nHost: x\r\n\r\n"
 
 def read_answer(sock, to_close=False):
     # One answer: its head and Content-Length bytes, or everything up to the close.
-    data = b""
-    while True:
+    data, piece = b"", b"-"
+    while piece:
         head, found, body = data.partition(b"\r\n\r\n")
         length = re.search(rb"Content-Length: *(\d+)", head)
         if found and not to_close and len(body) >= int(length.group(1) if length else 0):
-            return data
+            break
         piece = sock.recv(65536)
-        if not piece:
-            return data
         data += piece
+    return data
 
 
 def hold_many(test, count, connect):
     # count connections made by connect(), closed when the test ends.
-    import resource
     limits = resource.getrlimit(resource.RLIMIT_NOFILE)
     resource.setrlimit(resource.RLIMIT_NOFILE, (limits[1], limits[1]))
     test.addCleanup(resource.setrlimit, resource.RLIMIT_NOFILE, limits)
     held = []
     test.addCleanup(lambda: [connection.close() for connection in held])
-    for _ in range(count):
-        held.append(connect())
+    held.extend(connect() for _ in range(count))
     return held
 
 
@@ -207,8 +173,7 @@ class CapTest(unittest.TestCase):
         # Every connection answered is one the server has taken in.
         for connection in held:
             connection.sendall(GET_MISSING)
-        for connection in held:
-            self.assertTrue(read_answer(connection).startswith(b"HTTP/1.1 404"))
+        self.assertEqual([], [c for c in held if not read_answer(c).startswith(b"HTTP/1.1 404")])
         self.assertEqual(200, get(connect(server.port), "/index.html")[0])
         first.settimeout(10)
         self.assertEqual(b"", first.recv(1), "the connection idle longest was closed")
@@ -217,21 +182,18 @@ class CapTest(unittest.TestCase):
 
 # A minimal RFC 6455 client of the test's own: masked frames out, frames in as they come.
 class WsClient:
-    GUID = b"258EAFA5-E914-47DA-95CA-C5AB0DC85B11"
-
-    def __init__(self, port, path="/ws/echo", headers="", context=None):
+    def __init__(self, port, path="/ws/echo", headers="Sec-WebSocket-Version: 13\r\n", context=None):
         self.sock = socket.create_connection(("127.0.0.1", port), timeout=20)
         if context is not None:  # wss://
             self.sock = context.wrap_socket(self.sock, server_hostname="localhost")
         self.buffer, key = b"", base64.b64encode(os.urandom(16))
-        self.sock.sendall(b"GET %s HTTP/1.1\r\nHost: 127.0.0.1\r\nUpgrade: websocket\r\nConnection: Upgrade\r\n"
-                          b"Sec-WebSocket-Key: %s\r\n%s\r\n"
-                          % (path.encode(), key, (headers or "Sec-WebSocket-Version: 13\r\n").encode()))
+        self.send(b"GET %s HTTP/1.1\r\nHost: 127.0.0.1\r\nUpgrade: websocket\r\nConnection: Upgrade\r\n"
+                  b"Sec-WebSocket-Key: %s\r\n%s\r\n" % (path.encode(), key, headers.encode()))
         while b"\r\n\r\n" not in self.buffer and self.more():
             pass
         head, _, self.buffer = self.buffer.partition(b"\r\n\r\n")
         self.head = head.decode("latin-1")
-        self.accept = base64.b64encode(hashlib.sha1(key + self.GUID).digest()).decode()
+        self.accept = base64.b64encode(hashlib.sha1(key + b"258EAFA5-E914-47DA-95CA-C5AB0DC85B11").digest()).decode()
 
     def more(self):
         piece = self.sock.recv(1 << 20)
@@ -284,8 +246,9 @@ def close_code(payload):
 
 class WebSocketTest(ServerCase):
     FILES, FLAGS = {}, ["--ws-echo"]
-    def open(self, headers=""):
-        client = WsClient(self.server.port, headers=headers)
+
+    def open(self):
+        client = WsClient(self.server.port)
         self.assertTrue(client.head.startswith("HTTP/1.1 101 Switching Protocols"), client.head)
         self.assertIn("Sec-WebSocket-Accept: " + client.accept, client.head)
         return client
@@ -293,17 +256,16 @@ class WebSocketTest(ServerCase):
     def test_handshake_answers(self):
         cases = [  # name, extra header lines, status, line the answer must carry, line it must not
             ("version 8", "Sec-WebSocket-Version: 8\r\n", "426", "Sec-WebSocket-Version: 13", None),
-            ("no version", "", "426", "Sec-WebSocket-Version: 13", None),
+            ("no version", "X: y\r\n", "426", "Sec-WebSocket-Version: 13", None),
             ("compression declined", "Sec-WebSocket-Version: 13\r\nSec-WebSocket-Extensions: permessage-deflate\r\n",
              "101", "Upgrade: websocket", "Sec-WebSocket-Extensions"),
         ]
         for name, headers, status, present, absent in cases:
             with self.subTest(name):
-                client = WsClient(self.server.port, headers=headers or "X: y\r\n")
-                self.assertTrue(client.head.startswith("HTTP/1.1 " + status), client.head)
-                self.assertIn(present, client.head)
-                if absent:
-                    self.assertNotIn(absent, client.head)
+                head = WsClient(self.server.port, headers=headers).head
+                self.assertTrue(head.startswith("HTTP/1.1 " + status), head)
+                self.assertIn(present, head)
+                self.assertNotIn(absent or "\0", head)
         self.assertEqual(426, get(connect(self.server.port), "/ws/echo")[0])
 
     def test_echo_text_and_binary_up_to_one_mebibyte(self):
@@ -318,14 +280,11 @@ class WebSocketTest(ServerCase):
     def test_fragments_with_pings_between_them(self):
         client = self.open()
         text = "grüße, ".encode() * 300
-        pieces = [text[:1], text[1:700], text[700:]]  # the first cut splits a character
-        client.send(WsClient.frame(1, pieces[0], fin=False))
+        client.send(WsClient.frame(1, text[:1], fin=False))  # the cut splits a character
         client.send(WsClient.frame(9, b"one"))
-        client.send(WsClient.frame(0, pieces[1], fin=False) + WsClient.frame(9, b"two"))
-        client.send(WsClient.frame(0, pieces[2]))
-        self.assertEqual((True, 10, b"one"), client.receive())
-        self.assertEqual((True, 10, b"two"), client.receive())
-        self.assertEqual((True, 1, text), client.receive())
+        client.send(WsClient.frame(0, text[1:700], fin=False) + WsClient.frame(9, b"two"))
+        client.send(WsClient.frame(0, text[700:]))
+        self.assertEqual([(True, 10, b"one"), (True, 10, b"two"), (True, 1, text)], [client.receive() for _ in "123"])
 
     def test_server_closes_on_stop_and_waits_for_the_answer(self):
         client = self.open()
@@ -337,22 +296,15 @@ class WebSocketTest(ServerCase):
 
     def test_closes_and_protocol_errors_answered_with_their_code(self):
         big = 1 << 20
+        # One row per close code, at the default limits; every fault the
+        # parser refuses is in its own table.
         cases = [  # name, bytes after the handshake, close code
             ("client closes", WsClient.frame(8, (1000).to_bytes(2, "big") + b"bye"), 1000),
             ("unmasked frame", WsClient.frame(1, b"hi", mask=False), 1002),
-            ("reserved bit", WsClient.frame(1, b"hi", rsv=0x40), 1002),
             ("reserved opcode", WsClient.frame(3, b"hi"), 1002),
-            ("fragmented ping", WsClient.frame(9, b"hi", fin=False), 1002),
-            ("ping over 125 bytes", WsClient.frame(9, b"p" * 126), 1002),
-            ("continuation first", WsClient.frame(0, b"hi"), 1002),
-            ("new message inside one", WsClient.frame(1, b"a", fin=False) + WsClient.frame(2, b"b"), 1002),
-            ("text not UTF-8", WsClient.frame(1, b"\xc3\x28"), 1007),
+            ("close code 999", WsClient.frame(8, (999).to_bytes(2, "big")), 1002),
             ("surrogate across fragments", WsClient.frame(1, b"\xed", fin=False) + WsClient.frame(0, b"\xa0\x80"),
              1007),
-            ("close code 1005", WsClient.frame(8, (1005).to_bytes(2, "big")), 1002),
-            ("close code 999", WsClient.frame(8, (999).to_bytes(2, "big")), 1002),
-            ("close of one byte", WsClient.frame(8, b"\x03"), 1002),
-            ("close reason not UTF-8", WsClient.frame(8, (1000).to_bytes(2, "big") + b"\xff"), 1007),
             ("frame over the limit", WsClient.frame(2, b"x" * (big + 1)), 1009),
             ("message over the limit", WsClient.frame(2, b"x" * big, fin=False) + WsClient.frame(0, b"x"), 1009),
         ]
@@ -369,8 +321,7 @@ class WebSocketTest(ServerCase):
 
 
 def process_status(pid, field):
-    with open("/proc/%d/status" % pid) as f:
-        return int(re.search(field + r":\s+(\d+)", f.read()).group(1))
+    return int(re.search(field + r":\s+(\d+)", pathlib.Path("/proc/%d/status" % pid).read_text()).group(1))
 
 
 class WsIdleTest(unittest.TestCase):
@@ -385,8 +336,7 @@ class WsIdleTest(unittest.TestCase):
         time.sleep(0.2)
         before = process_status(server.process.pid, "VmRSS")
         held = hold_many(self, 9999, connect)
-        for client in held:
-            self.assertTrue(client.head.startswith("HTTP/1.1 101"), client.head)
+        self.assertEqual([], [client.head for client in held if not client.head.startswith("HTTP/1.1 101")])
         time.sleep(0.5)
         per = (process_status(server.process.pid, "VmRSS") - before) * 1024 / 10000
         threads = process_status(server.process.pid, "Threads")
@@ -403,21 +353,16 @@ def find_chromium():
     return next(filter(None, map(shutil.which, ("chromium", "chromium-browser", "google-chrome"))), None)
 
 
+def chromium(profile, *flags):
+    return [find_chromium(), "--headless", "--no-sandbox", "--disable-gpu", "--disable-quic", "--no-first-run",
+            "--disable-background-networking", "--disable-component-update", "--disable-sync",
+            "--disable-dev-shm-usage", "--user-data-dir=" + profile, *flags]
+
+
 def dump_dom(url, *flags):
-    profile = tempfile.mkdtemp(prefix="nvq-chromium-")
-    command = [find_chromium(), "--headless", "--no-sandbox", "--disable-gpu", "--disable-quic", "--no-first-run",
-               "--disable-background-networking", "--disable-component-update", "--disable-sync",
-               "--disable-dev-shm-usage", "--user-data-dir=" + profile, "--virtual-time-budget=5000"] + list(flags)
-    try:
-        return subprocess.run(command + ["--dump-dom", url], capture_output=True, text=True, timeout=120).stdout
-    finally:
-        shutil.rmtree(profile, ignore_errors=True)
-
-
-# Opens the sample log page in a frame, waits for its first lines, then opens
-# a connection (which the server logs) and notes how long the page takes to
-# show that message, and whether the page ever polled /proxy/log.
-LIVE_PROBE = data_file("live-probe.html")
+    with tempfile.TemporaryDirectory(prefix="nvq-chromium-", ignore_cleanup_errors=True) as profile:
+        return subprocess.run(chromium(profile, "--virtual-time-budget=5000", *flags, "--dump-dom", url),
+                              capture_output=True, text=True, timeout=120).stdout
 
 
 def assert_sample_page(test, dom):
@@ -426,25 +371,29 @@ def assert_sample_page(test, dom):
 
 
 class ChromiumTest(ServerCase):
-    FILES = {"live-probe.html": LIVE_PROBE}
+    # Opens the sample log page in a frame, waits for its first lines, then
+    # opens a connection (which the server logs) and notes how long the page
+    # takes to show that message, and whether the page ever polled /proxy/log.
+    FILES = {"live-probe.html": (FILES_DIR / "live-probe.html").read_bytes()}
 
     def test_index_page_loads_stylesheet_script_and_image(self):
         assert_sample_page(self, dump_dom(self.server.url("/index.html")))
 
+    def snapshot(self, path, pattern):
+        # The log streams in over a WebSocket, which Chromium's virtual time
+        # does not wait for: a slow (emulated, busy) server may miss a snapshot.
+        doms = (dump_dom(self.server.url(path)) for _ in range(5))
+        return next((dom for dom in doms if re.search(pattern, dom)), "no snapshot showed " + pattern)
+
     def test_log_page_shows_log_lines(self):
-        # The lines stream in over a WebSocket, which Chromium's virtual time
-        # does not wait for: a slow (emulated) server may miss one snapshot.
-        for _ in range(5):
-            dom = dump_dom(self.server.url("/log.html"))
-            if re.search(r"\d{4}-\d\d-\d\dT\d\d:\d\d:\d\d - ", dom):
-                break
-        self.assertRegex(dom, r"\d{4}-\d\d-\d\dT\d\d:\d\d:\d\d - ")
+        dom = self.snapshot("/log.html", LOG_LINE)
+        self.assertRegex(dom, LOG_LINE)
         self.assertIn("create connection point", dom)
 
     def test_log_page_shows_a_new_message_at_once_without_polling(self):
-        dom = dump_dom(self.server.url("/live-probe.html"))
-        match = re.search(r"seen after (\d+) ms, (\d+) polls", dom)
-        self.assertIsNotNone(match, dom[:2000])
+        seen = r"seen after (\d+) ms, (\d+) polls"
+        match = re.search(seen, self.snapshot("/live-probe.html", seen))
+        self.assertIsNotNone(match)
         print(match.group(0))
         # Pushed, not polled; how fast is the benchmark's business.
         self.assertEqual("0", match.group(2))
@@ -457,36 +406,23 @@ class ChromiumTest(ServerCase):
 # as "answer"; its body i32.const 42.
 WASM_ANSWER = bytes.fromhex("0061736d01000000" "0105016000017f" "03020100" "070a0106616e737765720000"
                             "0a06010400412a0b")
-WEB_FILES = {
-    "web.html": data_file("web.html"),
-    "web.mjs": data_file("web.mjs"),
-    "answer.wasm": WASM_ANSWER,
-    "big.bin": BIG,
-    "small.txt": SMALL,
-    "small.txt.gz": gzip.compress(SMALL),
-}
+WEB_FILES = {"web.html": (FILES_DIR / "web.html").read_bytes(), "web.mjs": (FILES_DIR / "web.mjs").read_bytes(),
+             "answer.wasm": WASM_ANSWER, "big.bin": BIG, "small.txt": SMALL, "small.txt.gz": gzip.compress(SMALL)}
 WEB_WORKS = "wasm 42, font loaded"
-
-
-def web_files():
-    fonts = sorted(glob.glob("/usr/share/fonts/truetype/*/*.ttf"))
-    with open(fonts[0], "rb") as f:
-        return dict(WEB_FILES, **{"font.ttf": f.read()})
 
 
 # nvq-httpd --web with curl and http.client.
 class WebTest(ServerCase):
     FILES, FLAGS = WEB_FILES, ["--web"]
+
     def test_curl_ranges_resume_compressed_and_head(self):
         url = self.server.url("/big.bin")
         self.assertEqual(BIG[1000:2001], curl("-r", "1000-2000", url).stdout)
         self.assertEqual(BIG[-300:], curl("-r", "-300", url).stdout)
-        partial = os.path.join(self.server.root, "partial")
-        with open(partial, "wb") as f:
-            f.write(BIG[:1234567])
+        partial = pathlib.Path(self.server.root, "partial")
+        partial.write_bytes(BIG[:1234567])
         self.assertEqual(0, curl("-C", "-", "-o", partial, url).returncode)
-        with open(partial, "rb") as f:
-            self.assertEqual(BIG, f.read())
+        self.assertEqual(digest(BIG), digest(partial.read_bytes()))
         compressed = curl("--compressed", "--include", self.server.url("/small.txt")).stdout
         self.assertIn(b"Content-Encoding: gzip", compressed)
         self.assertTrue(compressed.endswith(b"\r\n\r\n" + SMALL))
@@ -500,61 +436,57 @@ class WebTest(ServerCase):
         tag, modified = response.getheader("ETag"), response.getheader("Last-Modified")
         for field, value in (("If-None-Match", tag), ("If-Modified-Since", modified)):
             self.assertEqual((304, b""), get(connection, "/small.txt", **{field: value})[:2], field)
-        write_file(os.path.join(self.server.root, "small.txt"), b"changed\n")
+        pathlib.Path(self.server.root, "small.txt").write_bytes(b"changed\n")
         self.assertEqual((200, b"changed\n"), get(connection, "/small.txt", **{"If-None-Match": tag})[:2])
         first_socket = connection.sock
         for _ in range(3):
-            self.assertEqual(BIG, get(connection, "/big.bin")[1])
+            self.assertEqual(digest(BIG), digest(get(connection, "/big.bin")[1]))
             self.assertIs(first_socket, connection.sock, "the connection was not kept after a large file")
-        connection.close()
 
 
 def start_nginx(test, upstream_port):
-    # nginx in front of upstream_port, with a keep-alive pool; its port.
-    directory = tempfile.mkdtemp(prefix="nvq-nginx-")
+    # nginx in front of upstream_port, with a keep-alive pool, in the
+    # configuration the README shows around the test's own paths; its port.
+    directory = test.enterContext(tempfile.TemporaryDirectory(prefix="nvq-nginx-", ignore_cleanup_errors=True))
     probe = socket.create_server(("127.0.0.1", 0))
     port = probe.getsockname()[1]
     probe.close()
-    write_file(directory + "/nginx.conf", NGINX_CONF.replace("{dir}", directory).replace("{port}", str(port))
-               .replace("{upstream}", str(upstream_port)).encode())
+    conf = (FILES_DIR / "nginx.conf").read_text().replace("{dir}", directory).replace("{port}", str(port))
+    pathlib.Path(directory, "nginx.conf").write_text(conf.replace("{upstream}", str(upstream_port)))
     process = subprocess.Popen(["/usr/sbin/nginx", "-p", directory + "/", "-c", directory + "/nginx.conf",
                                 "-e", directory + "/error.log", "-g", "daemon off;"])
-    test.addCleanup(shutil.rmtree, directory, True)
     test.addCleanup(process.wait, 10)
     test.addCleanup(process.send_signal, signal.SIGQUIT)
-    deadline = time.time() + 10
-    while time.time() < deadline and socket.socket().connect_ex(("127.0.0.1", port)) != 0:
-        time.sleep(0.05)
+    wait_until(lambda: socket.socket().connect_ex(("127.0.0.1", port)) == 0)
     return port
 
 
-# The configuration the README shows, around the test's own paths.
-NGINX_CONF = data_file("nginx.conf").decode()
+def web_page_server(test, flags):
+    # A server of the page that needs --web, with a font to load; its port.
+    fonts = sorted(glob.glob("/usr/share/fonts/truetype/*/*.ttf"))
+    server = Server(dict(WEB_FILES, **{"font.ttf": pathlib.Path(fonts[0]).read_bytes()}), flags)
+    test.addCleanup(lambda: test.assertEqual(0, server.stop()))
+    return server.port
 
 
-# The page that needs --web, loaded by Chromium, directly or through nginx.
-class WebPage(unittest.TestCase):
-    def page(self, flags, through_nginx=False):
-        server = Server(web_files(), flags)
-        self.addCleanup(lambda: self.assertEqual(0, server.stop()))
-        port = start_nginx(self, server.port) if through_nginx else server.port
-        if through_nginx:
-            url = "http://127.0.0.1:%d/big.bin" % port
-            self.assertTrue(curl(url, url).stdout == BIG + BIG)
-            self.assertEqual(BIG[5:10], curl("-r", "5-9", url).stdout)
-            assert_sample_page(self, dump_dom("http://127.0.0.1:%d/index.html" % port))
-        return re.sub(r"\s+", " ", dump_dom("http://127.0.0.1:%d/web.html" % port))
+def web_page(port):
+    return re.sub(r"\s+", " ", dump_dom("http://127.0.0.1:%d/web.html" % port))
 
 
-class WebChromiumTest(WebPage):
+class WebChromiumTest(unittest.TestCase):
     def test_page_needs_web(self):
-        self.assertNotIn(WEB_WORKS, self.page([]))
-        self.assertIn(WEB_WORKS, self.page(["--web"]))
+        self.assertNotIn(WEB_WORKS, web_page(web_page_server(self, [])))
+        self.assertIn(WEB_WORKS, web_page(web_page_server(self, ["--web"])))
 
 
-class WebNginxTest(WebPage):
+class WebNginxTest(unittest.TestCase):
     def test_sample_site_and_page_behind_nginx(self):
-        self.assertIn(WEB_WORKS, self.page(["--web"], through_nginx=True))
+        port = start_nginx(self, web_page_server(self, ["--web"]))
+        url = "http://127.0.0.1:%d/big.bin" % port
+        self.assertTrue(curl(url, url).stdout == BIG + BIG)
+        self.assertEqual(BIG[5:10], curl("-r", "5-9", url).stdout)
+        assert_sample_page(self, dump_dom("http://127.0.0.1:%d/index.html" % port))
+        self.assertIn(WEB_WORKS, web_page(port))
 
 
 class SigtermTest(unittest.TestCase):
@@ -570,46 +502,37 @@ class SigtermTest(unittest.TestCase):
         self.assertLess(time.time() - started, 5)
 
     def test_bad_flag_and_port_in_use_fail_in_one_line(self):
-        result = subprocess.run(EMULATOR + [NVQ_HTTPD, "--bogus"], capture_output=True, text=True, timeout=10)
+        run = lambda *flags: subprocess.run(EMULATOR + [NVQ_HTTPD, *flags], capture_output=True, text=True, timeout=10)
+        result = run("--bogus")
         self.assertNotEqual(0, result.returncode)
         self.assertIn("unknown flag", result.stderr.splitlines()[0])
-        taken = socket.create_server(("0.0.0.0", 0))
-        port = taken.getsockname()[1]
-        result = subprocess.run(EMULATOR + [NVQ_HTTPD, "--port", str(port), "--root", SITE_DIR], capture_output=True,
-                                text=True, timeout=10)
-        taken.close()
+        with socket.create_server(("0.0.0.0", 0)) as taken:
+            port = taken.getsockname()[1]
+            result = run("--port", str(port), "--root", SITE_DIR)
         self.assertNotEqual(0, result.returncode)
         self.assertEqual(1, len(result.stderr.splitlines()), result.stderr)
         self.assertIn(str(port), result.stderr)
 
 
-def make_certificates(directory):
-    # A test CA and two certificates it signed for localhost, named first and second.
-    subprocess.run("""set -e
-new() { openssl req -newkey ec -pkeyopt ec_paramgen_curve:prime256v1 -nodes -keyout $1.key -subj /CN=$1 "${@:2}"; }
-new ca -x509 -days 2 -out ca.pem
-echo subjectAltName=DNS:localhost,IP:127.0.0.1 > ext
-for n in first second; do new $n -out $n.csr; openssl x509 -req -in $n.csr -CA ca.pem -CAkey ca.key \
-  -CAcreateserial -days 2 -extfile ext -out $n.pem; done""", shell=True, executable="/bin/bash", cwd=directory,
-                   check=True, capture_output=True)
-
-
-# HTTPS next to plain HTTP, with the test CA's certificate.
+# HTTPS next to plain HTTP, with self-signed certificates for localhost, first and second, both trusted.
 class TlsTest(ServerCase):
     def setUp(self):
-        self.certs = tempfile.mkdtemp(prefix="nvq-e2e-tls-")
-        self.addCleanup(shutil.rmtree, self.certs, True)
-        make_certificates(self.certs)
-        self.cert, self.key, self.ca = (os.path.join(self.certs, n) for n in ("cert.pem", "key.pem", "ca.pem"))
+        self.certs = pathlib.Path(self.enterContext(tempfile.TemporaryDirectory(prefix="nvq-e2e-tls-")))
+        subprocess.run("for n in first second; do openssl req -x509 -newkey ec -pkeyopt ec_paramgen_curve:prime256v1 "
+                       "-nodes -keyout $n.key -out $n.pem -subj /CN=$n -days 2 -addext "
+                       "subjectAltName=DNS:localhost,IP:127.0.0.1 || exit 1; done; cat first.pem second.pem > ca.pem",
+                       shell=True, cwd=self.certs, check=True, capture_output=True)
+        self.ca = str(self.certs / "ca.pem")
         self.use("first")
-        self.FLAGS = ["--tls-cert", self.cert, "--tls-key", self.key, "--tls-port", "0", "--ws-echo"]
+        self.FLAGS = ["--tls-cert", self.certs / "cert.pem", "--tls-key", self.certs / "key.pem", "--tls-port", "0",
+                      "--ws-echo"]
         super().setUp()
         self.context = ssl.create_default_context(cafile=self.ca)
         self.context.set_alpn_protocols(["h2", "http/1.1"])
 
     def use(self, name):
-        shutil.copy(os.path.join(self.certs, name + ".pem"), self.cert)
-        shutil.copy(os.path.join(self.certs, name + ".key"), self.key)
+        shutil.copy(self.certs / (name + ".pem"), self.certs / "cert.pem")
+        shutil.copy(self.certs / (name + ".key"), self.certs / "key.pem")
 
     def url(self, path):
         return "https://localhost:%d%s" % (self.server.tls_port, path)
@@ -626,8 +549,7 @@ class TlsTest(ServerCase):
 
     def test_curl_with_the_test_ca(self):
         self.assertEqual(SMALL, curl("--cacert", self.ca, self.url("/small.txt")).stdout)
-        big = curl("--cacert", self.ca, self.url("/big.bin")).stdout
-        self.assertEqual(hashlib.sha256(BIG).hexdigest(), hashlib.sha256(big).hexdigest())
+        self.assertEqual(digest(BIG), digest(curl("--cacert", self.ca, self.url("/big.bin")).stdout))
         self.assertEqual("404", status("--cacert", self.ca, self.url("/missing.html")))
         # Without the CA the certificate is refused; plain HTTP goes on beside.
         self.assertNotEqual(0, curl(self.url("/small.txt")).returncode)
@@ -649,8 +571,6 @@ class TlsTest(ServerCase):
             self.assertTrue(expected.startswith(b"HTTP/1.1 "), name)
             self.assertEqual(expected, read_answer(secure, to_close), name)
         self.assertTrue(expected.endswith(BIG))
-        plain.close()
-        secure.close()
 
     def test_sighup_renews_the_certificate_while_a_client_stays_connected(self):
         held = self.connect()
@@ -658,19 +578,14 @@ class TlsTest(ServerCase):
         self.assertIn((("commonName", "first"),), held.sock.getpeercert()["subject"])
         self.use("second")
         self.server.process.send_signal(signal.SIGHUP)
-        deadline = time.time() + 10
-        while not any("certificate reloaded" in line for line in self.server.log) and time.time() < deadline:
-            time.sleep(0.05)
+        wait_until(lambda: any("certificate reloaded" in line for line in self.server.log))
         fresh = self.connect()
         self.assertEqual(SMALL, get(fresh, "/small.txt")[1])
         self.assertIn((("commonName", "second"),), fresh.sock.getpeercert()["subject"])
         # Reloads racing handshakes on the loops: every newcomer is served.
         answers = []
-
-        def newcomers():
-            for _ in range(20):
-                answers.append(get(self.connect(), "/small.txt")[1])
-        clients = threading.Thread(target=newcomers)
+        clients = threading.Thread(target=lambda: answers.extend(get(self.connect(), "/small.txt")[1]
+                                                                 for _ in range(20)))
         clients.start()
         for _ in range(10):
             self.server.process.send_signal(signal.SIGHUP)

@@ -6,18 +6,7 @@
 # (NVQ_E2E_PLAIN=1 in the environment). Exit status 0 passed, 1 failed,
 # 77 skipped.
 
-import hashlib
-import http.client
-import json
-import os
-import re
-import shutil
-import socket
-import subprocess
-import sys
-import tempfile
-import time
-import unittest
+import hashlib, json, os, pathlib, re, shutil, socket, subprocess, sys, tempfile, time, unittest
 import urllib.request
 
 import e2e_nvq_httpd as e2e
@@ -27,51 +16,35 @@ BIG = 64 * 1024 * 1024
 
 def users_file(test):
     # The credentials file: admin, password secret, realm device.
-    users = tempfile.NamedTemporaryFile("w", suffix=".htdigest", delete=False)
-    users.write("admin:device:%s\n" % hashlib.md5(b"admin:device:secret").hexdigest())
-    users.close()
-    test.addCleanup(os.unlink, users.name)
-    return users.name
-
-
-def digest_of(path):
-    with open(path, "rb") as f:
-        return hashlib.file_digest(f, "sha256").hexdigest()
+    users = pathlib.Path(test.enterContext(tempfile.TemporaryDirectory(prefix="nvq-users-")), "users.htdigest")
+    users.write_text("admin:device:%s\n" % hashlib.md5(b"admin:device:secret").hexdigest())
+    return str(users)
 
 
 class UploadTest(unittest.TestCase):
     @classmethod
     def setUpClass(cls):
-        cls.work = tempfile.mkdtemp(prefix="nvq-uploads-")
-        cls.source = os.path.join(cls.work, "source.bin")
-        with open(cls.source, "wb") as f:
-            for _ in range(BIG // (1 << 20)):
-                f.write(os.urandom(1 << 20))
-        cls.source_digest = digest_of(cls.source)
-
-    @classmethod
-    def tearDownClass(cls):
-        shutil.rmtree(cls.work, ignore_errors=True)
+        cls.work = cls.enterClassContext(tempfile.TemporaryDirectory(prefix="nvq-uploads-"))
+        cls.source, data = os.path.join(cls.work, "source.bin"), os.urandom(BIG)
+        pathlib.Path(cls.source).write_bytes(data)
+        cls.source_digest = e2e.digest(data)
 
     def setUp(self):
         self.store = tempfile.mkdtemp(prefix="nvq-store-", dir=self.work)
         self.server = e2e.Server(flags=["--strict", "--upload-dir", self.store])
         self.addCleanup(lambda: self.assertEqual(0, self.server.stop()))
 
-    def peak_memory_kib(self):
-        return e2e.process_status(self.server.process.pid, "VmHWM")
-
     def test_large_uploads_arrive_byte_exact_in_bounded_memory(self):
         url = self.server.url("/upload")
-        before = self.peak_memory_kib()
+        before = e2e.process_status(self.server.process.pid, "VmHWM")
         for name, args in [("plain.bin", ["--data-binary", "@" + self.source, url + "?name=plain.bin"]),
                            ("chunked.bin", ["-T", self.source, "-H", "Transfer-Encoding: chunked",
                                             url + "/chunked.bin"]),
                            ("form.bin", ["-F", "file=@%s;filename=form.bin" % self.source, url])]:
             answer = e2e.curl(*args, seconds=120).stdout.decode(errors="replace")
             self.assertIn('"name":"%s","size":%d' % (name, BIG), answer)
-            self.assertEqual(self.source_digest, digest_of(os.path.join(self.store, name)), name)
-        growth = self.peak_memory_kib() - before
+            self.assertEqual(self.source_digest, e2e.digest(pathlib.Path(self.store, name).read_bytes()), name)
+        growth = e2e.process_status(self.server.process.pid, "VmHWM") - before
         if os.environ.get("NVQ_E2E_PLAIN") == "1" and not e2e.EMULATOR:
             self.assertLess(growth, 4096, "resident memory grew by %d KiB" % growth)
 
@@ -81,49 +54,38 @@ class UploadTest(unittest.TestCase):
         client.sendall(b"x" * 1000000)
         time.sleep(0.2)
         client.close()
-        deadline = time.time() + 10
-        while os.listdir(self.store) and time.time() < deadline:
-            time.sleep(0.05)
+        e2e.wait_until(lambda: not os.listdir(self.store))
         self.assertEqual([], os.listdir(self.store), "temporaries included")
 
     def test_refusals_come_before_the_body(self):
         # Only headers are sent: each answer must come without the body.
+        expect = b"Content-Length: 5\r\nExpect: 100-continue\r\n\r\n"
         for head, status in [(b"POST /index.html HTTP/1.1\r\nHost: x\r\nContent-Length: 100000000\r\n\r\n", b"413"),
-                             (b"POST /upload?name=a/b HTTP/1.1\r\nHost: x\r\nContent-Length: 5\r\n"
-                              b"Expect: 100-continue\r\n\r\n", b"400"),
-                             (b"POST /upload?name=ok.bin HTTP/1.1\r\nHost: x\r\nContent-Length: 5\r\n"
-                              b"Expect: 100-continue\r\n\r\n", b"100")]:
-            client = socket.create_connection(("127.0.0.1", self.server.port), timeout=10)
-            client.sendall(head)
-            self.assertTrue(client.recv(4096).startswith(b"HTTP/1.1 " + status), head)
-            client.close()
+                             (b"POST /upload?name=a/b HTTP/1.1\r\nHost: x\r\n" + expect, b"400"),
+                             (b"POST /upload?name=ok.bin HTTP/1.1\r\nHost: x\r\n" + expect, b"100")]:
+            with socket.create_connection(("127.0.0.1", self.server.port), timeout=10) as client:
+                client.sendall(head)
+                self.assertTrue(client.recv(4096).startswith(b"HTTP/1.1 " + status), head)
 
     def test_chunked_body_with_extensions_and_trailers(self):
-        connection = http.client.HTTPConnection("127.0.0.1", self.server.port, timeout=30)
+        connection = e2e.connect(self.server.port)
         connection.putrequest("POST", "/upload?name=chunks.txt")
         connection.putheader("Transfer-Encoding", "chunked")
         connection.endheaders()
         connection.send(b"5;note=first\r\nhello\r\n1\r\n \r\n5;x=\"q\"\r\nworld\r\n0\r\nX-Check: 1\r\n\r\n")
         response = connection.getresponse()
         self.assertEqual(200, response.status, response.read())
-        with open(os.path.join(self.store, "chunks.txt"), "rb") as f:
-            self.assertEqual(b"hello world", f.read())
+        self.assertEqual(b"hello world", pathlib.Path(self.store, "chunks.txt").read_bytes())
 
 
 class AccessTest(unittest.TestCase):
-    REALM = "device"
-
     def start(self, *flags):
-        server = e2e.Server(flags=["--auth-file", users_file(self)] + list(flags))
+        server = e2e.Server(flags=["--auth-file", users_file(self), *flags])
         self.addCleanup(lambda: self.assertEqual(0, server.stop()))
         return server
 
-    def status(self, server, *args):
-        return e2e.status(*args, server.url("/proxy/log"))
-
     def test_credentials_by_scheme(self):
-        digest_only = self.start()
-        with_basic = self.start("--auth-basic")
+        digest_only, with_basic = self.start(), self.start("--auth-basic")
         cases = [(digest_only, ["--digest", "-u", "admin:secret"], "200"),
                  (digest_only, ["--digest", "-u", "admin:wrong"], "401"),
                  (digest_only, ["--digest", "-u", "intruder:secret"], "401"),
@@ -132,7 +94,7 @@ class AccessTest(unittest.TestCase):
                  (with_basic, ["--basic", "-u", "admin:secret"], "200"),
                  (with_basic, ["--basic", "-u", "admin:wrong"], "401")]
         for server, args, expected in cases:
-            self.assertEqual(expected, self.status(server, *args), args)
+            self.assertEqual(expected, e2e.status(*args, server.url("/proxy/log")), args)
         self.assertEqual("200", e2e.status(digest_only.url("/index.html")), "the front page stays public")
 
     def test_replayed_digest_is_refused(self):
@@ -142,13 +104,10 @@ class AccessTest(unittest.TestCase):
                   if name.lower() == "www-authenticate" and "MD5" in value and "SHA-256" not in value]
         self.assertTrue(fields, challenge.getheaders())
         nonce = re.search(r'nonce="([^"]+)"', fields[0]).group(1)
-
-        def md5(text):
-            return hashlib.md5(text.encode()).hexdigest()
-        ha1, ha2 = md5("admin:%s:secret" % self.REALM), md5("GET:/proxy/log")
-        response = md5("%s:%s:00000001:abc:auth:%s" % (ha1, nonce, ha2))
-        authorization = ('Digest username="admin", realm="%s", nonce="%s", uri="/proxy/log", algorithm=MD5, '
-                         'qop=auth, nc=00000001, cnonce="abc", response="%s"' % (self.REALM, nonce, response))
+        md5 = lambda text: hashlib.md5(text.encode()).hexdigest()
+        response = md5("%s:%s:00000001:abc:auth:%s" % (md5("admin:device:secret"), nonce, md5("GET:/proxy/log")))
+        authorization = ('Digest username="admin", realm="device", nonce="%s", uri="/proxy/log", algorithm=MD5, '
+                         'qop=auth, nc=00000001, cnonce="abc", response="%s"' % (nonce, response))
         statuses = [e2e.get(e2e.connect(server.port), "/proxy/log", Authorization=authorization)[0] for _ in "12"]
         self.assertEqual([200, 401], statuses, "the same nonce count twice")
 
@@ -156,15 +115,11 @@ class AccessTest(unittest.TestCase):
 # Headless Chromium driven over its DevTools protocol, through the e2e WebSocket client.
 class DevTools:
     def __init__(self, test):
-        browser = e2e.find_chromium()
-        if browser is None:
+        if e2e.find_chromium() is None:
             test.skipTest("Chromium is not installed")
-        self.profile = tempfile.mkdtemp(prefix="nvq-chromium-")
-        self.process = subprocess.Popen(
-            [browser, "--headless", "--no-sandbox", "--disable-gpu", "--no-first-run", "--disable-dev-shm-usage",
-             "--disable-background-networking", "--disable-component-update", "--user-data-dir=" + self.profile,
-             "--remote-debugging-port=0", "about:blank"], stdout=subprocess.DEVNULL, stderr=subprocess.PIPE, text=True)
-        test.addCleanup(shutil.rmtree, self.profile, True)
+        profile = test.enterContext(tempfile.TemporaryDirectory(prefix="nvq-chromium-", ignore_cleanup_errors=True))
+        self.process = subprocess.Popen(e2e.chromium(profile, "--remote-debugging-port=0", "about:blank"),
+                                        stdout=subprocess.DEVNULL, stderr=subprocess.PIPE, text=True)
         test.addCleanup(self.process.wait)
         test.addCleanup(self.process.kill)
         port = next(int(m.group(1)) for m in map(re.compile(r"ws://127\.0\.0\.1:(\d+)/").search,
@@ -203,21 +158,19 @@ class DevTools:
 class ChromiumUploadTest(unittest.TestCase):
     def test_upload_page_stores_the_chosen_file(self):
         browser = DevTools(self)
-        store = tempfile.mkdtemp(prefix="nvq-store-")
-        self.addCleanup(shutil.rmtree, store, True)
+        store = self.enterContext(tempfile.TemporaryDirectory(prefix="nvq-store-"))
         server = e2e.Server(flags=["--upload-dir", store])
         self.addCleanup(lambda: self.assertEqual(0, server.stop()))
-        chosen, data = os.path.join(server.root, "photo.bin"), os.urandom(300000)
-        e2e.write_file(chosen, data)
+        chosen, data = pathlib.Path(server.root, "photo.bin"), os.urandom(300000)
+        chosen.write_bytes(data)
         self.assertEqual(200, browser.open(server.url("/upload.html")))
         root = browser.call("DOM.getDocument")["root"]["nodeId"]
         node = browser.call("DOM.querySelector", nodeId=root, selector="input[type=file]")["nodeId"]
-        browser.call("DOM.setFileInputFiles", nodeId=node, files=[chosen])
+        browser.call("DOM.setFileInputFiles", nodeId=node, files=[str(chosen)])
         browser.value("document.getElementById('form').requestSubmit() || true")
         shown = browser.value("(document.getElementById('result').textContent.match(/stored.*|error.*/) || [''])[0]")
         self.assertEqual("stored: photo.bin (300000 bytes)", shown)
-        with open(os.path.join(store, "photo.bin"), "rb") as f:
-            self.assertEqual(data, f.read())
+        self.assertEqual(data, pathlib.Path(store, "photo.bin").read_bytes())
 
 
 class ChromiumAccessTest(unittest.TestCase):
@@ -239,15 +192,13 @@ class ChromiumAccessTest(unittest.TestCase):
 
 def main():
     if len(sys.argv) < 3:
-        print(__doc__, file=sys.stderr)
+        print("usage: e2e_uploads.py NVQ_HTTPD SITE_DIR [EMULATOR...]", file=sys.stderr)
         return 2
     e2e.NVQ_HTTPD, e2e.SITE_DIR, e2e.EMULATOR = sys.argv[1], sys.argv[2], sys.argv[3:]
     if not shutil.which("curl"):
         print("SKIPPED: curl is not installed")
         return e2e.SKIPPED
-    suite = unittest.TestSuite(unittest.defaultTestLoader.loadTestsFromTestCase(case)
-                               for case in (UploadTest, AccessTest, ChromiumUploadTest, ChromiumAccessTest))
-    return 0 if unittest.TextTestRunner(verbosity=2).run(suite).wasSuccessful() else 1
+    return 0 if unittest.main(argv=sys.argv[:1], verbosity=2, exit=False).result.wasSuccessful() else 1
 
 
 if __name__ == "__main__":

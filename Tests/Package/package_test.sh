@@ -4,8 +4,7 @@
 # each installation, through find_package and through pkg-config, and runs it.
 #   package_test.sh SOURCE_DIR BUILD_DIR
 set -euo pipefail
-source_dir=$1
-build_dir=$2
+source_dir=$1 build_dir=$2
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
 

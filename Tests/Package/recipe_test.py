@@ -96,22 +96,19 @@ def yocto_options(bb_path, version):
 
 def check_installation(root, machine, static, source_dir):
     usr = os.path.join(root, "usr")
-    for header in ["HTTP/HTTPServer.h", "HTTP/HTTPDefaultHandler.h", "KZF_Base/Linux/RefCountPtr.h",
-                   "NVQSockets/Linux/SocketServerLayer.h"]:
-        check(os.path.isfile(os.path.join(usr, "include", "nvq", header)), "header %s not installed" % header)
+    for path in ["include/nvq/HTTP/HTTPServer.h", "include/nvq/HTTP/HTTPDefaultHandler.h",
+                 "include/nvq/KZF_Base/Linux/RefCountPtr.h", "include/nvq/NVQSockets/Linux/SocketServerLayer.h",
+                 "lib/cmake/NVQHttp/NVQHttpConfig.cmake", "lib/cmake/NVQHttp/NVQHttpConfigVersion.cmake",
+                 "share/nvq-http/www/index.html"]:
+        check(os.path.isfile(os.path.join(usr, path)), "%s not installed" % path)
     for library in ["kzf_base", "nvq_sockets", "nvq_http"]:
         check_machine(os.path.join(usr, "lib", "lib%s.%s" % (library, "a" if static else "so")), machine)
-    package = os.path.join(usr, "lib", "cmake", "NVQHttp")
-    for name in ["NVQHttpConfig.cmake", "NVQHttpConfigVersion.cmake"]:
-        check(os.path.isfile(os.path.join(package, name)), "CMake package file %s not installed" % name)
-    check("_FILE_OFFSET_BITS=64" in open(os.path.join(package, "NVQHttpTargets.cmake")).read(),
+    check("_FILE_OFFSET_BITS=64" in open(os.path.join(usr, "lib/cmake/NVQHttp/NVQHttpTargets.cmake")).read(),
           "the CMake package does not pass on 64-bit file offsets")
-    environment = dict(os.environ, PKG_CONFIG_SYSROOT_DIR=root, PKG_CONFIG_LIBDIR=os.path.join(usr, "lib", "pkgconfig"))
-    environment.pop("PKG_CONFIG_PATH", None)
-    flags = run(["pkg-config", "--cflags", "--libs", "nvqhttp"], env=environment).split()
+    flags = run(["pkg-config", "--cflags", "--libs", "nvqhttp"], env=dict(os.environ, PKG_CONFIG_SYSROOT_DIR=root,
+                PKG_CONFIG_LIBDIR=os.path.join(usr, "lib/pkgconfig"), PKG_CONFIG_PATH="")).split()
     check("-D_FILE_OFFSET_BITS=64" in flags and "-D_TIME_BITS=64" in flags,
           "pkg-config does not pass on 64-bit offsets and time: %s" % flags)
-    check(os.path.isfile(os.path.join(usr, "share", "nvq-http", "www", "index.html")), "sample site not installed")
     binary = os.path.join(usr, "bin", "nvq-httpd")
     check_machine(binary, machine)
     content = open(binary, "rb").read()
@@ -167,10 +164,8 @@ def main():
         build_and_install(source, build, YOCTO_ARGS + [toolchain % "aarch64"] + extra, image,
                           ["cmake", "--build", build, "--target", "install"])
         check_installation(image, "AArch64", True, source)
-        consumer = os.path.join(work, "consumer")
-        os.makedirs(consumer)
-        shutil.copy(host, consumer)
-        shutil.copy(os.path.join(source, "Tests", "Package", "CMakeLists.txt.in"), consumer + "/CMakeLists.txt")
+        consumer = shutil.copytree(os.path.dirname(host), os.path.join(work, "consumer"))
+        shutil.copy(consumer + "/CMakeLists.txt.in", consumer + "/CMakeLists.txt")
         run(["cmake", "-S", consumer, "-B", consumer + "/build", toolchain % "aarch64",
              "-DCMAKE_PREFIX_PATH=%s/usr" % image])
         run(["cmake", "--build", consumer + "/build"])
