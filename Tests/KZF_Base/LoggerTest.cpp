@@ -2,7 +2,9 @@
 
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <functional>
+#include <future>
 #include <mutex>
 #include <string>
 #include <thread>
@@ -23,7 +25,7 @@ void logText(int level, const char *text)
     logger().LogMessage(level, __FILE__, __LINE__, "f", CLogger::c_noneObjPtr, "%s", text);
 }
 
-// Records every delivery; m_onLog runs inside Log, outside the record's lock.
+// Records every delivery, from any thread; m_onLog runs inside Log, outside the lock.
 class CRecordingDevice : public KZF::ILogOutputDevice
 {
   public:
@@ -38,11 +40,6 @@ class CRecordingDevice : public KZF::ILogOutputDevice
         }
         if (m_onLog)
             m_onLog();
-    }
-    size_t Count()
-    {
-        std::lock_guard<std::mutex> lock(m_mutex);
-        return m_texts.size();
     }
 
     bool m_acceptInit = true;
@@ -108,19 +105,39 @@ TEST(LoggerTest, DeviceMayLogOrDetachFromInsideItsOwnLog)
     // bookkeeping must come out of it intact for the detaching device after.
     CRecordingDevice echoing, leaving;
     echoing.m_onLog = [&] {
-        if (echoing.Count() < 10)
+        if (echoing.m_texts.size() < 10)
             logText(1, "inner");
     };
     leaving.m_onLog = [&] { logger().RemoveOutputDevice(&leaving); };
     ASSERT_TRUE(logger().AddOutputDevice(&echoing));
     logText(1, "outer");
     logger().RemoveOutputDevice(&echoing);
-    EXPECT_EQ(10u, echoing.Count());
+    EXPECT_EQ(10u, echoing.m_texts.size());
     ASSERT_TRUE(logger().AddOutputDevice(&leaving));
     logText(1, "one");
     logText(1, "two");
     EXPECT_EQ(std::vector<std::string>{"one"}, leaving.m_texts);
     EXPECT_EQ(1, leaving.m_terminates);
+}
+
+TEST(LoggerTest, RemoveWaitsForADeliveryUnderWay)
+{
+    CRecordingDevice device;
+    std::promise<void> entered, release;
+    device.m_onLog = [&] {
+        entered.set_value();
+        release.get_future().wait();
+    };
+    ASSERT_TRUE(logger().AddOutputDevice(&device));
+    std::thread logging([] { logText(1, "held"); });
+    entered.get_future().wait();
+    std::atomic<bool> removed(false);
+    std::thread removing([&] { removed = logger().RemoveOutputDevice(&device); });
+    std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    EXPECT_FALSE(removed) << "RemoveOutputDevice returned while a delivery was under way";
+    release.set_value();
+    removing.join();
+    logging.join();
 }
 
 TEST(LoggerTest, ConcurrentLoggingWhileDevicesComeAndGo)
@@ -135,18 +152,13 @@ TEST(LoggerTest, ConcurrentLoggingWhileDevicesComeAndGo)
         });
     }
     for (int round = 0; round < 200; ++round) {
-        CRecordingDevice transient;
-        ASSERT_TRUE(logger().AddOutputDevice(&transient));
-        std::this_thread::yield();
-        ASSERT_TRUE(logger().RemoveOutputDevice(&transient));
-        const size_t seen = transient.Count();
-        std::this_thread::yield();
-        EXPECT_EQ(seen, transient.Count()) << "a delivery started after the removal returned";
+        CRecordingDevice transient; // gone when a delivery to it could still be under way
+        ASSERT_TRUE(logger().AddOutputDevice(&transient) && logger().RemoveOutputDevice(&transient));
     }
     for (std::thread &thread : loggers)
         thread.join();
     logger().RemoveOutputDevice(&steady);
-    EXPECT_EQ(8000u, steady.Count());
+    EXPECT_EQ(8000u, steady.m_texts.size());
 }
 
 } // namespace

