@@ -7,58 +7,56 @@
 namespace
 {
 
+using NVQ::CHTTPFileCache;
+
 const time_t c_now = 1000000;
 
-// A regular file's status: inode, size, and modified and changed times as
-// seconds before c_now.
-struct stat fileStatus(ino_t inode, off_t size, time_t modifiedAgo = 10, time_t changedAgo = 10)
+// A status as seen at c_now: inode, size, modified and changed times as
+// seconds before c_now, a regular file unless told otherwise.
+struct stat fileStatus(ino_t inode, off_t size, time_t modifiedAgo = 10, time_t changedAgo = 10,
+                       mode_t mode = S_IFREG | 0644)
 {
     struct stat status = {};
-    status.st_mode = S_IFREG | 0644;
-    status.st_dev = 3;
-    status.st_ino = inode;
-    status.st_size = size;
-    status.st_mtim.tv_sec = c_now - modifiedAgo;
-    status.st_ctim.tv_sec = c_now - changedAgo;
+    status.st_mode = mode, status.st_dev = 3, status.st_ino = inode, status.st_size = size;
+    status.st_mtim.tv_sec = c_now - modifiedAgo, status.st_ctim.tv_sec = c_now - changedAgo;
     return status;
 }
 
-std::string found(NVQ::CHTTPFileCache &cache, const std::string &path, const struct stat &status)
+std::string found(CHTTPFileCache &cache, const std::string &path, const struct stat &status)
 {
-    const NVQ::CHTTPFileCache::TContent content = cache.Find(path, status);
+    const CHTTPFileCache::TContent content = cache.Find(path, status);
     return content ? *content : std::string("<none>");
 }
 
-void put(NVQ::CHTTPFileCache &cache, const std::string &path, const struct stat &status,
-         const std::string &data)
+void put(CHTTPFileCache &cache, const std::string &path, const struct stat &status, const std::string &data)
 {
     cache.Put(path, status, reinterpret_cast<const unsigned char *>(data.data()), data.size(), c_now);
 }
 
 TEST(HTTPFileCacheTest, ContentsAreUsedOnlyWhileTheFileIsUnchanged)
 {
-    NVQ::CHTTPFileCache cache;
+    CHTTPFileCache cache;
     const struct stat kept = fileStatus(7, 5);
     put(cache, "/a", kept, "hello");
     EXPECT_EQ("hello", found(cache, "/a", kept));
     EXPECT_EQ("<none>", found(cache, "/b", kept)) << "another path";
-    struct stat nanoseconds = kept, changedNanoseconds = kept, device = kept, directory = kept;
-    nanoseconds.st_mtim.tv_nsec = 1;
-    changedNanoseconds.st_ctim.tv_nsec = 1;
-    device.st_dev = 4;
-    directory.st_mode = S_IFDIR | 0755;
+    const auto changed = [&kept](void (*change)(struct stat &)) {
+        struct stat status = kept;
+        change(status);
+        return status;
+    };
     const struct {
         const char *change;
         struct stat status;
     } rows[] = {
-        {"replaced by another inode", fileStatus(8, 5)},
-        {"other size", fileStatus(7, 6)},
-        {"modified", fileStatus(7, 5, 9, 9)},
-        {"status changed (times set back)", fileStatus(7, 5, 10, 5)},
-        {"modified within the same second", nanoseconds},
-        {"status changed within the same second", changedNanoseconds},
-        {"other device", device},
-        {"now a directory", directory},
+        // clang-format off
+        {"replaced by another inode", fileStatus(8, 5)}, {"other size", fileStatus(7, 6)},
+        {"modified", fileStatus(7, 5, 9, 9)}, {"status changed (times set back)", fileStatus(7, 5, 10, 5)},
+        {"modified within the same second", changed([](struct stat &s) { s.st_mtim.tv_nsec = 1; })},
+        {"status changed within the same second", changed([](struct stat &s) { s.st_ctim.tv_nsec = 1; })},
+        {"other device", changed([](struct stat &s) { s.st_dev = 4; })},
+        {"now a directory", fileStatus(7, 5, 10, 10, S_IFDIR | 0755)},
+        // clang-format on
     };
     for (const auto &row : rows)
         EXPECT_EQ("<none>", found(cache, "/a", row.status)) << row.change;
@@ -66,19 +64,19 @@ TEST(HTTPFileCacheTest, ContentsAreUsedOnlyWhileTheFileIsUnchanged)
 
 TEST(HTTPFileCacheTest, WhatIsNotKept)
 {
-    NVQ::CHTTPFileCache cache;
-    struct stat fifo = fileStatus(1, 0);
-    fifo.st_mode = S_IFIFO | 0644;
+    CHTTPFileCache cache;
     const struct {
         const char *why;
         struct stat status;
         std::string data;
     } rows[] = {
+        // clang-format off
         {"modified too recently to tell a rewrite apart", fileStatus(1, 3, 1, 10), "abc"},
         {"status changed too recently", fileStatus(1, 3, 10, 1), "abc"},
         {"fewer bytes read than the size", fileStatus(1, 4), "abc"},
         {"larger than one piece", fileStatus(1, 8195), std::string(8195, 'x')},
-        {"not a regular file", fifo, ""},
+        {"not a regular file", fileStatus(1, 0, 10, 10, S_IFIFO | 0644), ""},
+        // clang-format on
     };
     for (const auto &row : rows) {
         put(cache, "/f", row.status, row.data);
@@ -91,10 +89,10 @@ TEST(HTTPFileCacheTest, WhatIsNotKept)
 
 TEST(HTTPFileCacheTest, NewContentsReplaceThePathsEntryAndTheOldestEntryMakesRoom)
 {
-    NVQ::CHTTPFileCache cache;
+    CHTTPFileCache cache;
     const struct stat first = fileStatus(1, 3), second = fileStatus(1, 3, 5, 5);
     put(cache, "/p", first, "old");
-    const NVQ::CHTTPFileCache::TContent held = cache.Find("/p", first);
+    const CHTTPFileCache::TContent held = cache.Find("/p", first);
     put(cache, "/p", second, "two");
     EXPECT_EQ("two", found(cache, "/p", second));
     EXPECT_EQ("<none>", found(cache, "/p", first));
@@ -102,7 +100,7 @@ TEST(HTTPFileCacheTest, NewContentsReplaceThePathsEntryAndTheOldestEntryMakesRoo
     EXPECT_EQ("old", *held) << "an answer being built keeps its bytes";
 
     // /p holds one slot; 31 more fill the cache, the next pushes /p out.
-    for (size_t i = 1; i < NVQ::CHTTPFileCache::c_entries; ++i)
+    for (size_t i = 1; i < CHTTPFileCache::c_entries; ++i)
         put(cache, "/n" + std::to_string(i), first, "abc");
     EXPECT_EQ("two", found(cache, "/p", second));
     put(cache, "/extra", first, "xyz");

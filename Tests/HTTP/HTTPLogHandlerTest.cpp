@@ -138,7 +138,7 @@ class LogHandlerTest : public ::testing::Test
 
 // ---- Capture
 
-TEST_F(LogHandlerTest, KeepsTheNewestThousandMessagesOldestFirst)
+TEST_F(LogHandlerTest, KeepsTheNewestThousandMessagesOldestFirstUntilInitOrTerminate)
 {
     for (int i = 1; i <= 1001; ++i)
         Capture("m" + std::to_string(i), today(10, 0));
@@ -149,11 +149,6 @@ TEST_F(LogHandlerTest, KeepsTheNewestThousandMessagesOldestFirst)
     EXPECT_EQ(stamp(10, 0) + "m1000\n" + stamp(10, 0) + "m1001\n", Body("count=2"));
     EXPECT_EQ(stamp(10, 0) + "m1000\n" + stamp(10, 0) + "m1001\n", Body("index=998"));
     EXPECT_EQ("", Body("index=1000"));
-}
-
-TEST_F(LogHandlerTest, InitAndTerminateEmptyTheRing)
-{
-    Capture("a");
     EXPECT_TRUE(m_handler.Init());
     EXPECT_EQ("", Body());
     Capture("b");
@@ -274,28 +269,21 @@ TEST_F(LogHandlerTest, InvalidValuesGetTheHandlersOwnBadRequestPage)
         bool escape = false;
     } rows[] = {
         {"from=12:00", "Invalid 'from' time specified: 12:00"},
-        {"from=2026-11-16%2012:00:00", "Invalid 'from' time specified: 2026-11-16 12:00:00"},
-        {"from=", "Invalid 'from' time specified: "},
         {"from=2026-11-16Tab:00:00", "Invalid 'from' time specified: 2026-11-16Tab:00:00"},
-        {"to=12:00:00:00", "Invalid 'to' time specified: 12:00:00:00"},
         {"to=2026-11-16X12:00:00", "Invalid 'to' time specified: 2026-11-16X12:00:00"},
         {"index=-1", "Invalid 'index' specified: -1"},
         {"index=3x", "Invalid 'index' specified: 3x"},
         {"count=0", "Invalid 'count' specified: 0"},
         {"count=", "Invalid 'count' specified: "},
-        {"count=-2", "Invalid 'count' specified: -2"},
-        {"count=2.5", "Invalid 'count' specified: 2.5"},
         {"count=%C3%A9", "Invalid 'count' specified: ??"},
         {"count=%3Cb%3E", "Invalid 'count' specified: <b>"},
         {"count=" + longValue, "Invalid 'count' specified: " + longValue},
         // The first invalid value in key order (count, from, index, to) wins.
         {"from=xx&count=abc", "Invalid 'count' specified: abc"},
-        {"to=yy&from=xx", "Invalid 'from' time specified: xx"},
         {"to=yy&index=-1", "Invalid 'index' specified: -1"},
         {"index=1&to=yy&count=1", "Invalid 'to' time specified: yy"},
         // With escaping on, markup shows as text (the cut comes after it).
         {"from=%26%3C%3E%22%27plain", "Invalid 'from' time specified: &amp;&lt;&gt;&quot;&#39;plain", true},
-        {"to=%3Cscript%3E", "Invalid 'to' time specified: &lt;script&gt;", true},
         {"count=" + markup, "Invalid 'count' specified: " + markupShown, true},
     };
     for (const auto &row : rows) {
@@ -345,10 +333,6 @@ TEST_F(LogHandlerTest, PendingAnswers)
     EXPECT_TRUE(middle->SendOnlyData() && !middle->IsLast() && middle->GetAdditionalHeaders().empty());
     EXPECT_EQ(full.substr(8194, 8194), dataOf(*middle));
     EXPECT_EQ(full.substr(16388), Next(1));
-    ::testing::FLAGS_gtest_death_test_style = "threadsafe";
-    EXPECT_DEATH(m_handler.GetAdditionalResponseData(1), "it != m_connDataMap.end\\(\\)")
-        << "none after the last";
-    ::testing::FLAGS_gtest_death_test_style = "fast";
 
     Capture("again", today(9, 0));
     const ResponsePtr replaced = First("count=1", 2);
@@ -359,6 +343,7 @@ TEST_F(LogHandlerTest, PendingAnswers)
     m_handler.OnExchangeEnded(5); // none pending: nothing happens
     const int checks = GetKzfAssertMode();
     SetKzfAssertMode(1); // off: the released answers are looked for
+    EXPECT_EQ("<none>", Next(1)) << "none after the last";
     EXPECT_EQ("<none>", Next(2));
     EXPECT_EQ("<none>", Next(3));
     SetKzfAssertMode(checks);
@@ -487,7 +472,7 @@ TEST(LiveLogTest, LevelsWakeUpsAndResumption)
     live.Subscribe(sink);
     KZF::CLogger::SLogMessage message{};
     message.m_time.tv_sec = today(17, 0, 1);
-    const std::pair<const char *, unsigned> logged[] = {{"a", 8}, {"b\"", 3}, {"c", 5}, {"d", 1}};
+    const std::pair<const char *, unsigned> logged[] = {{"a", 8}, {"b\"\xc3\xa9", 3}, {"c", 5}, {"d", 1}};
     const int wakes[] = {0, 1, 1, 2};
     for (int i = 0; i < 4; ++i) {
         live.Log(logged[i].first, logged[i].second, message);
@@ -497,7 +482,8 @@ TEST(LiveLogTest, LevelsWakeUpsAndResumption)
     }
     live.Pull(sink);
     live.Unsubscribe(sink);
-    EXPECT_EQ("{\"id\":2,\"level\":3,\"time\":\"2026-11-16T17:00:01\",\"text\":\"b\\\"\"}", sink.m_json[2]);
+    EXPECT_EQ("{\"id\":2,\"level\":3,\"time\":\"2026-11-16T17:00:01\",\"text\":\"b\\\"\xc3\xa9\"}",
+              sink.m_json[2]);
     ASSERT_EQ(3u, sink.m_json.size());
     const struct {
         const char *query, *lastEventId;

@@ -111,7 +111,7 @@ TEST(HTTPUploadHandlerTest, ExchangesWholeAndInOneBytePieces)
     const std::string file = Part("f", "a.bin", "\r\n--x");
     // clang-format off
     const SExchange cases[] = {
-        {"raw under the URI's name", "PUT", "/upload/fw%201.bin", "", "abc", 200, "{\"stored\":[{\"name\":\"fw 1.bin\",\"size\":3}]}", "fw 1.bin=abc;"},
+        {"raw under the URI's name", "PUT", "/upload/fw+%201.bin", "", "abc", 200, "{\"stored\":[{\"name\":\"fw+ 1.bin\",\"size\":3}]}", "fw+ 1.bin=abc;"},
         {"raw under ?name=", "POST", "/upload?x=1&name=a+%22q%22.txt", "application/octet-stream", "", 200, "{\"stored\":[{\"name\":\"a \\\"q\\\".txt\",\"size\":0}]}", "a \"q\".txt=;"},
         {"form: files stored, fields and empty inputs skipped", "POST", "/upload", mp, Part("t", nullptr, "x") + file + Part("e", "", "") + Part("g", "b.txt", "12345678") + "--b--", 200,
          "{\"stored\":[{\"name\":\"a.bin\",\"size\":5},{\"name\":\"b.txt\",\"size\":8}]}", "a.bin=\r\n--x;b.txt=12345678;"},
