@@ -53,15 +53,13 @@ class CSite
         mkdir(m_root.c_str(), 0755);
         mkdir((m_root + "/sub").c_str(), 0755);
         Write(m_base + "/secret.txt", "secret");
-        for (const auto &file :
-             std::vector<std::pair<const char *, const char *>>{{"index.html", "<p>home</p>"},
-                                                                {"sub/index.html", "<p>sub</p>"},
-                                                                {"a b.txt", "spaced"},
-                                                                {"a", "just a"},
-                                                                {"x\\y.txt", "backslash"},
-                                                                {"...txt", "dots"},
-                                                                {"app.3f9a1c2e.js", "js"}})
-            Write(m_root + "/" + file.first, file.second);
+        // clang-format off
+        const char *files[][2] = {
+            {"index.html", "<p>home</p>"}, {"sub/index.html", "<p>sub</p>"}, {"a b.txt", "spaced"}, {"a", "just a"},
+            {"x\\y.txt", "backslash"}, {"...txt", "dots"}, {"app.3f9a1c2e.js", "js"}};
+        // clang-format on
+        for (const auto &file : files)
+            Write(m_root + "/" + file[0], file[1]);
         for (size_t size : {0, 1, 8194, 8195, 20000})
             Write(m_root + "/f" + std::to_string(size), randomBytes(size, static_cast<unsigned>(size)));
         Write(m_root + "/large", randomBytes(3 * 1024 * 1024 + 17, 7));
@@ -92,14 +90,15 @@ class DefaultHandlerTest : public ::testing::Test
 {
   protected:
     KZF::CRefCountPtr<NVQ::CHTTPResponse> Get(const std::string &uri, int id,
-                                              const std::string &method = "GET", const char *range = nullptr)
+                                              const std::string &method = "GET", const char *range = nullptr,
+                                              NVQ::CHTTPDefaultHandler *handler = nullptr)
     {
         NVQ::CHTTPRequest request;
         request.SetMethod(method);
         request.SetUri(uri);
         if (range != nullptr)
             request.AddHeaderField("Range", range);
-        return m_handler.ProcessRequest(request, id);
+        return (handler != nullptr ? *handler : m_handler).ProcessRequest(request, id);
     }
 
     CSite m_site;
@@ -158,11 +157,8 @@ TEST_F(DefaultHandlerTest, TransfersReleaseTheirStreams)
     EXPECT_EQ(before, openDescriptors());
     {
         NVQ::CHTTPDefaultHandler handler(m_site.m_root);
-        NVQ::CHTTPRequest request;
-        request.SetMethod("GET");
-        request.SetUri("/large");
-        ASSERT_FALSE(handler.ProcessRequest(request, 1).IsNull());
-        ASSERT_FALSE(handler.ProcessRequest(request, 2).IsNull());
+        ASSERT_FALSE(Get("/large", 1, "GET", nullptr, &handler).IsNull());
+        ASSERT_FALSE(Get("/large", 2, "GET", nullptr, &handler).IsNull());
         EXPECT_EQ(before + 2, openDescriptors());
     }
     EXPECT_EQ(before, openDescriptors()) << "the handler closes every stream when it goes";

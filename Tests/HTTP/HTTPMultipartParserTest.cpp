@@ -80,9 +80,7 @@ void Check(const SCase &c, const std::vector<size_t> &ends)
     CRecorder recorder;
     recorder.m_refuseAt = c.refuseAt;
     CHTTPMultipartParser::SLimits limits;
-    limits.m_maxParts = 3;
-    limits.m_maxHeaderBytes = 128;
-    limits.m_maxHeaderFields = 3;
+    limits.m_maxParts = 3, limits.m_maxHeaderBytes = 128, limits.m_maxHeaderFields = 3;
     CHTTPMultipartParser parser(recorder, c_type, limits);
     const size_t errorAt = c.at == nullptr ? c.input.size() : c.input.find(c.at) + std::strlen(c.at) - 1;
     int result = CHTTPMultipartParser::eResultMore;
