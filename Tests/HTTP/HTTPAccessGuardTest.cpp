@@ -52,13 +52,10 @@ struct SStep {
 struct SFixture {
     SFixture() : handler("/")
     {
-        options.m_realm = c_realm;
+        options.m_realm = c_realm, options.m_opaque = c_opaque, options.m_allowBasic = true;
         options.m_newNonce = [] { return c_nonce; };
-        options.m_opaque = c_opaque;
         options.m_clock = [this] { return now; };
-        options.m_allowBasic = true;
-        options.m_maxFailures = 3;
-        options.m_maxClients = 2;
+        options.m_maxFailures = 3, options.m_maxClients = 2;
     }
     int64_t now = 1000;
     NVQTest::CScriptedHandler handler;

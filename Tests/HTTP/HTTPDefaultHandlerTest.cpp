@@ -211,11 +211,6 @@ class DefaultHandlerServerTest : public DefaultHandlerTest
         m_server.StopServer();
         m_server.UnregisterHandler(m_handler);
     }
-    std::string Request(CTestClient &client, const std::string &method, const std::string &uri)
-    {
-        client.Send(method + " " + uri + " HTTP/1.1\r\nHost: t\r\n\r\n");
-        return client.ReceiveAnswer();
-    }
 
     NVQ::CHTTPServer m_server;
 };
@@ -248,10 +243,10 @@ TEST_F(DefaultHandlerServerTest, AnswersInTheirWireForm)
     };
     CTestClient client;
     for (const auto &row : rows) {
-        if (client.Fd() < 0 || client.IsClosed()) {
+        if (client.Fd() < 0 || client.IsClosed())
             ASSERT_TRUE(client.Connect(m_server.GetPort()));
-        }
-        const std::string answer = Request(client, row.method, row.uri);
+        client.Send(std::string(row.method) + " " + row.uri + " HTTP/1.1\r\nHost: t\r\n\r\n");
+        const std::string answer = client.ReceiveAnswer();
         EXPECT_TRUE(answer.compare(0, row.answerStart.size(), row.answerStart) == 0)
             << row.method << " " << row.uri << ": " << answer.substr(0, 60);
         EXPECT_EQ(std::string::npos, answer.find("secret")) << row.uri;

@@ -33,58 +33,46 @@ void put(CHTTPFileCache &cache, const std::string &path, const struct stat &stat
     cache.Put(path, status, reinterpret_cast<const unsigned char *>(data.data()), data.size(), c_now);
 }
 
-TEST(HTTPFileCacheTest, ContentsAreUsedOnlyWhileTheFileIsUnchanged)
+// Contents are kept only for files settled long enough to tell a rewrite
+// apart, and used only while the file's status is the same.
+TEST(HTTPFileCacheTest, WhatIsKeptAndWhenItIsUsed)
 {
-    CHTTPFileCache cache;
     const struct stat kept = fileStatus(7, 5);
-    put(cache, "/a", kept, "hello");
-    EXPECT_EQ("hello", found(cache, "/a", kept));
-    EXPECT_EQ("<none>", found(cache, "/b", kept)) << "another path";
     const auto changed = [&kept](void (*change)(struct stat &)) {
         struct stat status = kept;
         change(status);
         return status;
     };
     const struct {
-        const char *change;
-        struct stat status;
-    } rows[] = {
-        // clang-format off
-        {"replaced by another inode", fileStatus(8, 5)}, {"other size", fileStatus(7, 6)},
-        {"modified", fileStatus(7, 5, 9, 9)}, {"status changed (times set back)", fileStatus(7, 5, 10, 5)},
-        {"modified within the same second", changed([](struct stat &s) { s.st_mtim.tv_nsec = 1; })},
-        {"status changed within the same second", changed([](struct stat &s) { s.st_ctim.tv_nsec = 1; })},
-        {"other device", changed([](struct stat &s) { s.st_dev = 4; })},
-        {"now a directory", fileStatus(7, 5, 10, 10, S_IFDIR | 0755)},
-        // clang-format on
-    };
-    for (const auto &row : rows)
-        EXPECT_EQ("<none>", found(cache, "/a", row.status)) << row.change;
-}
-
-TEST(HTTPFileCacheTest, WhatIsNotKept)
-{
-    CHTTPFileCache cache;
-    const struct {
-        const char *why;
-        struct stat status;
+        const char *name;
+        struct stat put;
         std::string data;
+        struct stat found;
+        std::string path, expected;
     } rows[] = {
         // clang-format off
-        {"modified too recently to tell a rewrite apart", fileStatus(1, 3, 1, 10), "abc"},
-        {"status changed too recently", fileStatus(1, 3, 10, 1), "abc"},
-        {"fewer bytes read than the size", fileStatus(1, 4), "abc"},
-        {"larger than one piece", fileStatus(1, 8195), std::string(8195, 'x')},
-        {"not a regular file", fileStatus(1, 0, 10, 10, S_IFIFO | 0644), ""},
+        {"unchanged", kept, "hello", kept, "/f", "hello"}, {"another path", kept, "hello", kept, "/b", "<none>"},
+        {"replaced by another inode", kept, "hello", fileStatus(8, 5), "/f", "<none>"},
+        {"other size", kept, "hello", fileStatus(7, 6), "/f", "<none>"},
+        {"modified", kept, "hello", fileStatus(7, 5, 9, 9), "/f", "<none>"},
+        {"status changed (times set back)", kept, "hello", fileStatus(7, 5, 10, 5), "/f", "<none>"},
+        {"modified within the same second", kept, "hello", changed([](struct stat &s) { s.st_mtim.tv_nsec = 1; }), "/f", "<none>"},
+        {"status changed within the same second", kept, "hello", changed([](struct stat &s) { s.st_ctim.tv_nsec = 1; }), "/f", "<none>"},
+        {"other device", kept, "hello", changed([](struct stat &s) { s.st_dev = 4; }), "/f", "<none>"},
+        {"now a directory", kept, "hello", fileStatus(7, 5, 10, 10, S_IFDIR | 0755), "/f", "<none>"},
+        {"modified too recently", fileStatus(1, 3, 1, 10), "abc", fileStatus(1, 3, 1, 10), "/f", "<none>"},
+        {"status changed too recently", fileStatus(1, 3, 10, 1), "abc", fileStatus(1, 3, 10, 1), "/f", "<none>"},
+        {"fewer bytes read than the size", fileStatus(1, 4), "abc", fileStatus(1, 4), "/f", "<none>"},
+        {"larger than one piece", fileStatus(1, 8195), std::string(8195, 'x'), fileStatus(1, 8195), "/f", "<none>"},
+        {"not a regular file", fileStatus(1, 0, 10, 10, S_IFIFO | 0644), "", fileStatus(1, 0, 10, 10, S_IFIFO | 0644), "/f", "<none>"},
+        {"one full piece, two seconds old", fileStatus(1, 8194, 2, 2), std::string(8194, 'y'), fileStatus(1, 8194, 2, 2), "/f", std::string(8194, 'y')},
         // clang-format on
     };
     for (const auto &row : rows) {
-        put(cache, "/f", row.status, row.data);
-        EXPECT_EQ("<none>", found(cache, "/f", row.status)) << row.why;
+        CHTTPFileCache cache;
+        put(cache, "/f", row.put, row.data);
+        EXPECT_EQ(row.expected, found(cache, row.path, row.found)) << row.name;
     }
-    const struct stat largest = fileStatus(1, 8194, 2, 2);
-    put(cache, "/f", largest, std::string(8194, 'y'));
-    EXPECT_EQ(std::string(8194, 'y'), found(cache, "/f", largest)) << "one full piece, two seconds old";
 }
 
 TEST(HTTPFileCacheTest, NewContentsReplaceThePathsEntryAndTheOldestEntryMakesRoom)

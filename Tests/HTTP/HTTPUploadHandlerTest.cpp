@@ -50,15 +50,13 @@ struct STempDir {
     std::string m_path;
 };
 
+// A multipart body's boundary is "b"; `stored` is the directory afterwards,
+// as STempDir::List.
 struct SExchange {
     const char *name;
-    std::string method;
-    std::string uri;
-    std::string contentType; // multipart: the boundary is "b"
-    std::string body;
+    std::string method, uri, contentType, body;
     int code;
-    std::string answer;
-    std::string stored; // the directory afterwards, as STempDir::List
+    std::string answer, stored;
 };
 
 // A form part; a null file name gives a plain field.
@@ -204,9 +202,8 @@ TEST(HTTPUploadHandlerTest, ExistingNamesLinksAndBufferedBodies)
     EXPECT_EQ("link=;old=old;", dir.List());
 
     // The link itself is replaced; nothing is written where it pointed.
-    CHTTPUploadHandler::SOptions replace; // by default
-    replace.m_directory = dir.m_path;
-    CHTTPUploadHandler replacing(replace);
+    options.m_replaceExisting = true;
+    CHTTPUploadHandler replacing(options);
     EXPECT_EQ(200, Exchange(replacing, {"", "PUT", "/upload/link", "", "new", 0, "", ""}, 9)->GetCode());
     EXPECT_EQ("link=new;old=old;", dir.List());
     EXPECT_EQ("", outside.List());
@@ -218,10 +215,11 @@ TEST(HTTPUploadHandlerTest, ExistingNamesLinksAndBufferedBodies)
     const std::string answer = Text(replacing.ProcessRequest(*request, 5));
     EXPECT_EQ(0u, answer.find("{\"stored\":[{\"name\":\"upload-")) << answer;
 
-    for (const char *uri : {"/upload", "/upload/", "/upload?name=a"})
-        EXPECT_TRUE(replacing.CanProcessUri(uri)) << uri;
-    for (const char *uri : {"/uploads", "/", "/up"})
-        EXPECT_FALSE(replacing.CanProcessUri(uri)) << uri;
+    const std::pair<const char *, bool> uris[] = {
+        {"/upload", true},   {"/upload/", true}, {"/upload?name=a", true},
+        {"/uploads", false}, {"/", false},       {"/up", false}};
+    for (const auto &uri : uris)
+        EXPECT_EQ(uri.second, replacing.CanProcessUri(uri.first)) << uri.first;
 }
 
 } // namespace
