@@ -84,6 +84,17 @@ std::string Field(const KZF::CRefCountPtr<NVQ::CHTTPResponse> &answer, const cha
     return value;
 }
 
+// Mufasa alone, with the RFC's password in plain text.
+void knowMufasa(CHTTPAccessGuard &guard)
+{
+    guard.SetUserLookup(
+        [](const std::string &user, CHTTPAccessGuard::SCredentials &credentials) {
+            credentials.m_password = "Circle of Life";
+            return user == "Mufasa";
+        },
+        true);
+}
+
 TEST(HTTPAccessGuardTest, AuthorizationSequences)
 {
     const std::string sha1 = Digest("SHA-256", "00000001", c_sha);
@@ -129,12 +140,7 @@ TEST(HTTPAccessGuardTest, AuthorizationSequences)
         fixture.options.m_newNonce = [&issued] { return issued++ == 0 ? c_nonce : std::to_string(issued); };
         fixture.options.m_maxNonces = c.maxNonces;
         CHTTPAccessGuard guard(fixture.handler, fixture.options);
-        guard.SetUserLookup(
-            [](const std::string &user, CHTTPAccessGuard::SCredentials &credentials) {
-                credentials.m_password = "Circle of Life";
-                return user == "Mufasa";
-            },
-            true);
+        knowMufasa(guard);
         for (int i = 0; i < c.challenges; ++i)
             EXPECT_EQ(401, Send(guard, SStep{"", 401})->GetCode());
         size_t delegated = 0;
@@ -206,12 +212,7 @@ TEST(HTTPAccessGuardTest, BodiesGoToTheWrappedHandlerOnceAuthorised)
     SFixture fixture;
     fixture.options.m_uriPrefix = "/upload";
     CHTTPAccessGuard guard(upload, fixture.options);
-    guard.SetUserLookup(
-        [](const std::string &, CHTTPAccessGuard::SCredentials &credentials) {
-            credentials.m_password = "Circle of Life";
-            return true;
-        },
-        true);
+    knowMufasa(guard);
 
     KZF::CRefCountPtr<NVQ::CHTTPRequest> request(new NVQ::CHTTPRequest());
     request->SetMethod("PUT");

@@ -141,9 +141,7 @@ TEST_F(DefaultHandlerTest, TransfersReleaseTheirStreams)
     EXPECT_EQ(before + 1, openDescriptors());
     ASSERT_FALSE(Get("/f20000", 1).IsNull()) << "a second GET replaces the first transfer";
     EXPECT_EQ(before + 1, openDescriptors());
-    EXPECT_TRUE(Get("/f0", 1).IsNull());
-    EXPECT_TRUE(Get("/f1", 1, "POST").IsNull());
-    EXPECT_TRUE(Get("/f1", 1, "get").IsNull());
+    EXPECT_TRUE(Get("/f0", 1).IsNull() && Get("/f1", 1, "POST").IsNull() && Get("/f1", 1, "get").IsNull());
     EXPECT_EQ(before, openDescriptors()) << "any other request ends it; no answer, no stream left open";
     ASSERT_FALSE(Get("/f20000", 1).IsNull());
     ASSERT_FALSE(Get("/f8195", 2).IsNull());
@@ -276,13 +274,14 @@ class WebFilesServerTest : public DefaultHandlerServerTest
   protected:
     void SetUp() override
     {
-        m_site.Write(m_site.m_root + "/sub/-a1234567.js", "hash first");
-        m_site.Write(m_site.m_root + "/sub/app.v2.js", "no hash");
-        m_site.Write(m_site.m_root + "/sub/x." + std::string(63, 'z') + "1.js", "longest hash");
-        m_site.Write(m_site.m_root + "/sub/css", "no extension");
-        m_site.Write(m_site.m_root + "/style.css", "body{}");
-        m_site.Write(m_site.m_root + "/style.css.gz", "GZ");
-        m_site.Write(m_site.m_root + "/style.css.br", "BR");
+        // clang-format off
+        const std::pair<std::string, const char *> files[] = {
+            {"sub/-a1234567.js", "hash first"}, {"sub/app.v2.js", "no hash"}, {"sub/css", "no extension"},
+            {"sub/x." + std::string(63, 'z') + "1.js", "longest hash"}, {"style.css", "body{}"}, {"style.css.gz", "GZ"},
+            {"style.css.br", "BR"}};
+        // clang-format on
+        for (const auto &file : files)
+            m_site.Write(m_site.m_root + "/" + file.first, file.second);
         mkdir((m_site.m_root + "/a.gz").c_str(), 0755);               // a variant that is no file
         mkfifo((m_site.m_root + "/sub/index.html.gz").c_str(), 0644); // nor is a FIFO
         NVQ::CHTTPDefaultHandler::SFileOptions web = NVQ::CHTTPDefaultHandler::SFileOptions::Web();
