@@ -241,8 +241,7 @@ TEST_F(DefaultHandlerServerTest, AnswersInTheirWireForm)
     };
     CTestClient client;
     for (const auto &row : rows) {
-        if (client.Fd() < 0 || client.IsClosed())
-            ASSERT_TRUE(client.Connect(m_server.GetPort()));
+        ASSERT_TRUE((client.Fd() >= 0 && !client.IsClosed()) || client.Connect(m_server.GetPort()));
         client.Send(std::string(row.method) + " " + row.uri + " HTTP/1.1\r\nHost: t\r\n\r\n");
         const std::string answer = client.ReceiveAnswer();
         EXPECT_TRUE(answer.compare(0, row.answerStart.size(), row.answerStart) == 0)

@@ -344,8 +344,7 @@ TEST_F(LogHandlerTest, AnswersOnTheWire)
     };
     CTestClient client;
     for (const auto &row : rows) {
-        if (client.Fd() < 0 || client.IsClosed())
-            ASSERT_TRUE(client.Connect(server.GetPort()));
+        ASSERT_TRUE((client.Fd() >= 0 && !client.IsClosed()) || client.Connect(server.GetPort()));
         ASSERT_TRUE(client.Send(row.request));
         const std::string answer = client.ReceiveAnswer();
         EXPECT_EQ(row.answerStart, answer.substr(0, row.answerStart.size())) << row.request;
