@@ -1,24 +1,18 @@
 #include "HTTP/HTTPDefaultHandler.h"
 #include "HTTP/HTTPDate.h"
 #include "HTTP/HTTPServer.h"
-#include "KZF_Utilities/Linux/KzfTime.h"
 
 #include "Support/TestClient.h"
-#include "Support/WaitFor.h"
 
 #include <gtest/gtest.h>
 
-#include <chrono>
 #include <cstdint>
 #include <cstdlib>
-#include <cstring>
 #include <dirent.h>
-#include <fcntl.h>
 #include <fstream>
 #include <random>
 #include <string>
 #include <sys/stat.h>
-#include <thread>
 #include <unistd.h>
 #include <vector>
 
@@ -59,13 +53,13 @@ class CSite
         mkdir(m_root.c_str(), 0755);
         mkdir((m_root + "/sub").c_str(), 0755);
         Write(m_base + "/secret.txt", "secret");
-        Write(m_root + "/index.html", "<p>home</p>");
-        Write(m_root + "/sub/index.html", "<p>sub</p>");
-        Write(m_root + "/a b.txt", "spaced");
-        Write(m_root + "/a", "just a");
-        Write(m_root + "/x\\y.txt", "backslash");
-        Write(m_root + "/...txt", "dots");
-        Write(m_root + "/app.3f9a1c2e.js", "js");
+        // clang-format off
+        const char *files[][2] = {
+            {"index.html", "<p>home</p>"}, {"sub/index.html", "<p>sub</p>"}, {"a b.txt", "spaced"}, {"a", "just a"},
+            {"x\\y.txt", "backslash"}, {"...txt", "dots"}, {"app.3f9a1c2e.js", "js"}};
+        // clang-format on
+        for (const auto &file : files)
+            Write(m_root + "/" + file[0], file[1]);
         for (size_t size : {0, 1, 8194, 8195, 20000})
             Write(m_root + "/f" + std::to_string(size), randomBytes(size, static_cast<unsigned>(size)));
         Write(m_root + "/large", randomBytes(3 * 1024 * 1024 + 17, 7));
@@ -82,12 +76,6 @@ class CSite
     {
         std::ofstream(path, std::ios::binary) << bytes;
     }
-    // A file of zeros that takes no room.
-    void Sparse(const std::string &name, off_t size)
-    {
-        std::ofstream(m_root + "/" + name).close();
-        ASSERT_EQ(0, truncate((m_root + "/" + name).c_str(), size));
-    }
     std::string Read(const std::string &name)
     {
         std::ifstream in(m_root + "/" + name, std::ios::binary);
@@ -102,19 +90,15 @@ class DefaultHandlerTest : public ::testing::Test
 {
   protected:
     KZF::CRefCountPtr<NVQ::CHTTPResponse> Get(const std::string &uri, int id,
-                                              const std::string &method = "GET", const char *range = nullptr)
+                                              const std::string &method = "GET", const char *range = nullptr,
+                                              NVQ::CHTTPDefaultHandler *handler = nullptr)
     {
         NVQ::CHTTPRequest request;
         request.SetMethod(method);
         request.SetUri(uri);
         if (range != nullptr)
             request.AddHeaderField("Range", range);
-        return m_handler.ProcessRequest(request, id);
-    }
-    static std::string Data(const KZF::CRefCountPtr<NVQ::CHTTPResponse> &response)
-    {
-        return std::string(reinterpret_cast<const char *>(response->GetData()),
-                           static_cast<size_t>(response->GetDataSize()));
+        return (handler != nullptr ? *handler : m_handler).ProcessRequest(request, id);
     }
 
     CSite m_site;
@@ -146,6 +130,8 @@ TEST_F(DefaultHandlerTest, UrisMapToFilesBelowTheDirectoryAndNoFurther)
         EXPECT_EQ(row.accepted, m_handler.CanProcessUri(row.uri)) << row.uri;
         EXPECT_EQ(row.accepted, !Get(row.uri, 1).IsNull()) << row.uri;
     }
+    EXPECT_EQ(m_site.m_root + "/sub/index.html", m_handler.GetResourcePath("/sub/?x"));
+    EXPECT_EQ(m_site.m_root + "/a", m_handler.GetResourcePath("/a"));
 }
 
 TEST_F(DefaultHandlerTest, TransfersReleaseTheirStreams)
@@ -155,9 +141,7 @@ TEST_F(DefaultHandlerTest, TransfersReleaseTheirStreams)
     EXPECT_EQ(before + 1, openDescriptors());
     ASSERT_FALSE(Get("/f20000", 1).IsNull()) << "a second GET replaces the first transfer";
     EXPECT_EQ(before + 1, openDescriptors());
-    EXPECT_TRUE(Get("/f0", 1).IsNull());
-    EXPECT_TRUE(Get("/f1", 1, "POST").IsNull());
-    EXPECT_TRUE(Get("/f1", 1, "get").IsNull());
+    EXPECT_TRUE(Get("/f0", 1).IsNull() && Get("/f1", 1, "POST").IsNull() && Get("/f1", 1, "get").IsNull());
     EXPECT_EQ(before, openDescriptors()) << "any other request ends it; no answer, no stream left open";
     ASSERT_FALSE(Get("/f20000", 1).IsNull());
     ASSERT_FALSE(Get("/f8195", 2).IsNull());
@@ -171,11 +155,8 @@ TEST_F(DefaultHandlerTest, TransfersReleaseTheirStreams)
     EXPECT_EQ(before, openDescriptors());
     {
         NVQ::CHTTPDefaultHandler handler(m_site.m_root);
-        NVQ::CHTTPRequest request;
-        request.SetMethod("GET");
-        request.SetUri("/large");
-        ASSERT_FALSE(handler.ProcessRequest(request, 1).IsNull());
-        ASSERT_FALSE(handler.ProcessRequest(request, 2).IsNull());
+        ASSERT_FALSE(Get("/large", 1, "GET", nullptr, &handler).IsNull());
+        ASSERT_FALSE(Get("/large", 2, "GET", nullptr, &handler).IsNull());
         EXPECT_EQ(before + 2, openDescriptors());
     }
     EXPECT_EQ(before, openDescriptors()) << "the handler closes every stream when it goes";
@@ -207,77 +188,26 @@ TEST_F(DefaultHandlerTest, EachOptionAloneTakesEffect)
     }
 }
 
-TEST_F(DefaultHandlerTest, FileThatChangesDuringTheTransfer)
-{
-    // Grown: nothing beyond the announced length is sent.
-    KZF::CRefCountPtr<NVQ::CHTTPResponse> piece = Get("/f20000", 1);
-    m_site.Write(m_site.m_root + "/f20000", randomBytes(30000, 20000));
-    size_t total = static_cast<size_t>(piece->GetDataSize());
-    while (!piece->IsLast()) {
-        piece = m_handler.GetAdditionalResponseData(1);
-        ASSERT_FALSE(piece.IsNull());
-        EXPECT_TRUE(piece->SendOnlyData() && piece->GetAdditionalHeaders().empty()) << "bytes only";
-        total += static_cast<size_t>(piece->GetDataSize());
-    }
-    EXPECT_EQ(20000u, total);
-}
-
-// Ten seconds ahead: files written by the test count as settled, so the
-// handler keeps small ones in its cache.
-time_t tenSecondsAhead()
-{
-    return ::time(nullptr) + 10;
-}
-
-TEST_F(DefaultHandlerTest, CachedFilesAreServedAsTheyAreNow)
-{
-    KZF::SetTimeSource(tenSecondsAhead);
-    // As the server asks: CanProcessUri first, then ProcessRequest.
-    auto serve = [this](const std::string &uri) {
-        EXPECT_TRUE(m_handler.CanProcessUri(uri)) << uri;
-        KZF::CRefCountPtr<NVQ::CHTTPResponse> answer = Get(uri, 1);
-        return answer.IsNull() ? std::string("<null>") : Data(answer);
-    };
-    const struct {
-        const char *uri, *written, *content;
-    } rows[] = {
-        {"/a", "a", "JUST A"},                     // rewritten in place, same size
-        {"/a", "a", "longer text"},                // rewritten, other size
-        {"/a", "new", "renamed"},                  // replaced by rename
-        {"/sub/", "sub/index.html", "<p>SUB</p>"}, // the index document rewritten
-        {"/a", "a", ""},                           // emptied: no answer
-    };
-    for (const auto &row : rows) {
-        serve(row.uri);
-        serve(row.uri); // now from the cache
-        m_site.Write(m_site.m_root + "/" + row.written, row.content);
-        rename((m_site.m_root + "/new").c_str(), (m_site.m_root + "/a").c_str());
-        EXPECT_EQ(*row.content ? row.content : "<null>", serve(row.uri)) << row.content;
-    }
-    KZF::SetTimeSource(nullptr);
-}
-
 // ---- Over real sockets
 
 class DefaultHandlerServerTest : public DefaultHandlerTest
 {
   protected:
-    void SetUp() override
+    void SetUp() override { Start(false); }
+    // The reference server, or the strict one that keeps connections after
+    // streamed answers.
+    void Start(bool strict)
     {
         m_server.RegisterHandler(m_handler, false);
         NVQ::SHTTPServerOptions options;
         options.m_port = 0;
+        options.m_strict = options.m_keepAfterStream = strict;
         ASSERT_TRUE(m_server.StartServer(options));
     }
     void TearDown() override
     {
         m_server.StopServer();
         m_server.UnregisterHandler(m_handler);
-    }
-    std::string Request(CTestClient &client, const std::string &method, const std::string &uri)
-    {
-        client.Send(method + " " + uri + " HTTP/1.1\r\nHost: t\r\n\r\n");
-        return client.ReceiveAnswer();
     }
 
     NVQ::CHTTPServer m_server;
@@ -311,10 +241,9 @@ TEST_F(DefaultHandlerServerTest, AnswersInTheirWireForm)
     };
     CTestClient client;
     for (const auto &row : rows) {
-        if (client.Fd() < 0 || client.IsClosed()) {
-            ASSERT_TRUE(client.Connect(m_server.GetPort()));
-        }
-        const std::string answer = Request(client, row.method, row.uri);
+        ASSERT_TRUE((client.Fd() >= 0 && !client.IsClosed()) || client.Connect(m_server.GetPort()));
+        client.Send(std::string(row.method) + " " + row.uri + " HTTP/1.1\r\nHost: t\r\n\r\n");
+        const std::string answer = client.ReceiveAnswer();
         EXPECT_TRUE(answer.compare(0, row.answerStart.size(), row.answerStart) == 0)
             << row.method << " " << row.uri << ": " << answer.substr(0, 60);
         EXPECT_EQ(std::string::npos, answer.find("secret")) << row.uri;
@@ -322,93 +251,17 @@ TEST_F(DefaultHandlerServerTest, AnswersInTheirWireForm)
     }
 }
 
-TEST_F(DefaultHandlerServerTest, ClientsLeavingNeverHarmAnotherAndReleaseTheirFiles)
+// Sizes past 4 GiB wrap in a 32-bit off_t, long or size_t.
+TEST_F(DefaultHandlerServerTest, SparseFileBeyondFourGiBIsAnnouncedExactly)
 {
-    // One download runs while 20 others of the same file are cut off
-    // mid-way; between the cuts another client asks for a file each time.
-    const int before = openDescriptors();
-    const size_t size = 32 << 20;
-    m_site.Sparse("huge", static_cast<off_t>(size));
-    const std::string request = "GET /huge HTTP/1.1\r\nHost: t\r\n\r\n";
-    CTestClient staying;
-    ASSERT_TRUE(staying.Connect(m_server.GetPort()));
-    staying.SetReceiveBuffer(16384);
-    ASSERT_TRUE(staying.Send(request));
-    std::string received = staying.Receive(1000);
-    for (int i = 0; i < 20; ++i) {
-        CTestClient leaving;
-        ASSERT_TRUE(leaving.Connect(m_server.GetPort()));
-        leaving.SetReceiveBuffer(4096);
-        ASSERT_TRUE(leaving.Send(request));
-        ASSERT_EQ(20000u, leaving.Receive(20000).size());
-        leaving.Abort();
-        CTestClient next;
-        ASSERT_TRUE(next.Connect(m_server.GetPort()));
-        ASSERT_EQ(0u, Request(next, "GET", "/f8194").find("HTTP/1.1 200 OK\r\n"))
-            << "after " << i << " aborts";
-        received += staying.Receive(1000);
-    }
-    received += staying.ReceiveUntilClosed(20000);
-    const std::string head = "HTTP/1.1 200 OK\r\nContent-Length: " + std::to_string(size) + "\r\n\r\n";
-    ASSERT_EQ(head.size() + size, received.size());
-    EXPECT_EQ(head, received.substr(0, head.size()));
-    EXPECT_EQ(std::string::npos, received.find_first_not_of('\0', head.size()));
-    staying.Close();
-    EXPECT_TRUE(NVQTest::waitFor([&] { return openDescriptors() == before; }))
-        << "the files (and the sockets) are closed once the clients are gone";
-}
-
-// Sizes and offsets past 4 GiB wrap in a 32-bit off_t, long or size_t: a
-// sparse file of 4 GiB + 3 bytes, with markers on both sides of the 4 GiB
-// mark and at its end, must arrive whole with its exact length, checked as
-// it arrives. That takes about a minute under emulation and still several
-// seconds natively, so where long has 64 bits only the length and the first
-// bytes are checked, unless NVQ_TEST_WHOLE_LARGE_FILE is set.
-TEST_F(DefaultHandlerServerTest, SparseFileBeyondFourGiBArrivesExactly)
-{
-    const int64_t fourGiB = int64_t{1} << 32;
-    const int64_t size = fourGiB + 3;
-    const std::vector<std::pair<int64_t, char>> markers = {
-        {0, 'a'}, {fourGiB - 1, 'b'}, {fourGiB, 'c'}, {fourGiB + 1, 'd'}, {size - 1, 'e'}};
     const std::string path = m_site.m_root + "/beyond4g";
-    const int fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
-    ASSERT_LE(0, fd);
-    bool written = ::ftruncate(fd, static_cast<off_t>(size)) == 0;
-    for (const auto &marker : markers)
-        written = written && ::pwrite(fd, &marker.second, 1, static_cast<off_t>(marker.first)) == 1;
-    ::close(fd);
-    ASSERT_TRUE(written) << "the file system takes no sparse file of this size";
-
+    std::ofstream(path).close();
+    ASSERT_EQ(0, ::truncate(path.c_str(), static_cast<off_t>((int64_t{1} << 32) + 3)));
     CTestClient client;
     ASSERT_TRUE(client.Connect(m_server.GetPort()));
     client.Send("GET /beyond4g HTTP/1.1\r\nHost: t\r\n\r\n");
     const std::string head = "HTTP/1.1 200 OK\r\nContent-Length: 4294967299\r\n\r\n";
-    ASSERT_EQ(head, client.Receive(head.size(), 20000));
-    const size_t chunkSize = 1 << 20;
-    const bool whole = sizeof(long) < sizeof(int64_t) || std::getenv("NVQ_TEST_WHOLE_LARGE_FILE") != nullptr;
-    const int64_t checked = whole ? size : static_cast<int64_t>(chunkSize);
-    const std::string zeros(chunkSize, '\0');
-    int64_t offset = 0;
-    size_t nextMarker = 0;
-    while (offset < checked) {
-        std::string chunk =
-            client.Receive(static_cast<size_t>(std::min<int64_t>(chunkSize, size - offset)), 20000);
-        ASSERT_FALSE(chunk.empty()) << "the answer stopped after " << offset << " bytes";
-        const int64_t end = offset + static_cast<int64_t>(chunk.size());
-        for (; nextMarker < markers.size() && markers[nextMarker].first < end; ++nextMarker) {
-            char &byte = chunk[static_cast<size_t>(markers[nextMarker].first - offset)];
-            ASSERT_EQ(markers[nextMarker].second, byte) << "at " << markers[nextMarker].first;
-            byte = '\0';
-        }
-        ASSERT_EQ(0, std::memcmp(chunk.data(), zeros.data(), chunk.size()))
-            << "a byte other than 0 near " << offset;
-        offset = end;
-    }
-    if (whole) {
-        EXPECT_EQ(markers.size(), nextMarker);
-        EXPECT_EQ("", client.ReceiveUntilClosed()) << "bytes beyond the announced length";
-        EXPECT_TRUE(client.IsClosed()) << "the streamed answer ends with the connection";
-    }
+    EXPECT_EQ(head + std::string(1000, '\0'), client.Receive(head.size() + 1000, 20000));
 }
 
 } // namespace
@@ -420,24 +273,20 @@ class WebFilesServerTest : public DefaultHandlerServerTest
   protected:
     void SetUp() override
     {
-        m_site.Write(m_site.m_root + "/sub/-a1234567.js", "hash first");
-        m_site.Write(m_site.m_root + "/sub/app.v2.js", "no hash");
-        m_site.Write(m_site.m_root + "/sub/x." + std::string(63, 'a') + "1.js", "longest hash");
-        m_site.Write(m_site.m_root + "/sub/css", "no extension");
-        m_site.Write(m_site.m_root + "/style.css", "body{}");
-        m_site.Write(m_site.m_root + "/style.css.gz", "GZ");
-        m_site.Write(m_site.m_root + "/style.css.br", "BR");
+        // clang-format off
+        const std::pair<std::string, const char *> files[] = {
+            {"sub/-a1234567.js", "hash first"}, {"sub/app.v2.js", "no hash"}, {"sub/css", "no extension"},
+            {"sub/x." + std::string(63, 'z') + "1.js", "longest hash"}, {"style.css", "body{}"}, {"style.css.gz", "GZ"},
+            {"style.css.br", "BR"}};
+        // clang-format on
+        for (const auto &file : files)
+            m_site.Write(m_site.m_root + "/" + file.first, file.second);
         mkdir((m_site.m_root + "/a.gz").c_str(), 0755);               // a variant that is no file
         mkfifo((m_site.m_root + "/sub/index.html.gz").c_str(), 0644); // nor is a FIFO
         NVQ::CHTTPDefaultHandler::SFileOptions web = NVQ::CHTTPDefaultHandler::SFileOptions::Web();
         web.m_extraTypes["JS"] = "application/javascript";
         m_handler.SetOptions(web);
-        m_server.RegisterHandler(m_handler, false);
-        NVQ::SHTTPServerOptions options;
-        options.m_port = 0;
-        options.m_strict = true;
-        options.m_keepAfterStream = true;
-        ASSERT_TRUE(m_server.StartServer(options));
+        Start(true);
         ASSERT_TRUE(m_client.Connect(m_server.GetPort()));
     }
     // Header block and body of one answer on the kept connection.
@@ -479,7 +328,7 @@ TEST_F(WebFilesServerTest, AnswersOnOneKeptConnection)
         std::string body;
     };
     const std::string type = "Content-Type: ", range = "Range: bytes=";
-    const std::string longest = "/sub/x." + std::string(63, 'a') + "1.js";
+    const std::string longest = "/sub/x." + std::string(63, 'z') + "1.js";
     // clang-format off
     const SCase cases[] = {
         {"hashed, host type", "GET", "/app.3f9a1c2e.js", "", "200 OK", {type + "application/javascript\r\nContent-Length: 2 \r\n", "Cache-Control: public, max-age=31536000, immutable\r\n", "ETag: \"", "Last-Modified: ", "Accept-Ranges: bytes\r\n", "Vary: Accept-Encoding\r\n"}, {}, "js"},
@@ -526,15 +375,4 @@ TEST_F(WebFilesServerTest, AnswersOnOneKeptConnection)
         EXPECT_TRUE(c.body == answer.second) << c.name << ": " << answer.second.size() << " bytes";
         ASSERT_FALSE(m_client.IsClosed()) << c.name;
     }
-}
-
-TEST_F(WebFilesServerTest, AStreamCutShortEndsTheConnection)
-{
-    m_site.Sparse("huge", 256 << 20);
-    m_client.Send("GET /huge HTTP/1.1\r\nHost: t\r\n\r\n");
-    const std::string start = m_client.Receive(100000);
-    m_site.Sparse("huge", 1 << 20);
-    const std::string rest = m_client.ReceiveUntilClosed(20000);
-    EXPECT_TRUE(m_client.IsClosed()) << "fewer bytes than announced, then the end";
-    EXPECT_LT(start.size() + rest.size(), static_cast<size_t>(256 << 20));
 }

@@ -15,10 +15,8 @@
 #include <cstdio>
 #include <ctime>
 #include <map>
-#include <optional>
 #include <sstream>
 #include <string>
-#include <thread>
 #include <vector>
 
 namespace
@@ -138,7 +136,7 @@ class LogHandlerTest : public ::testing::Test
 
 // ---- Capture
 
-TEST_F(LogHandlerTest, KeepsTheNewestThousandMessagesOldestFirst)
+TEST_F(LogHandlerTest, KeepsTheNewestThousandMessagesOldestFirstUntilInitOrTerminate)
 {
     for (int i = 1; i <= 1001; ++i)
         Capture("m" + std::to_string(i), today(10, 0));
@@ -149,11 +147,6 @@ TEST_F(LogHandlerTest, KeepsTheNewestThousandMessagesOldestFirst)
     EXPECT_EQ(stamp(10, 0) + "m1000\n" + stamp(10, 0) + "m1001\n", Body("count=2"));
     EXPECT_EQ(stamp(10, 0) + "m1000\n" + stamp(10, 0) + "m1001\n", Body("index=998"));
     EXPECT_EQ("", Body("index=1000"));
-}
-
-TEST_F(LogHandlerTest, InitAndTerminateEmptyTheRing)
-{
-    Capture("a");
     EXPECT_TRUE(m_handler.Init());
     EXPECT_EQ("", Body());
     Capture("b");
@@ -174,65 +167,44 @@ TEST_F(LogHandlerTest, KeepsTheLoggersLinesWithTheirArrivalTimes)
                   "caf\xc3\xa9\n",
               Body());
     m_handler.Init();
-    for (int level : {1, 8, 1000}) {
-        s_now = today(9, level % 60, 7);
+    for (int level : {1, 1000})
         CLogger::GetInstance().LogMessage(level, "/x/Source.cpp", 42, "Caller", CLogger::c_noneObjPtr,
                                           "text %d\n", level);
-    }
-    s_now = today(17, 0);
     EXPECT_TRUE(m_handler.InterruptProcessing());
-    const struct {
-        std::string head, tail;
-    } rows[] = {
-        {stamp(9, 1, 7), " [1] Source.cpp:42 Caller: text 1"},
-        {stamp(9, 8, 7), " [8] Source.cpp:42 Caller: text 8"},
-        {stamp(9, 40, 7), " [1000] Source.cpp:42 Caller: text 1000"},
-        {stamp(17, 0), " InterruptProcessing: CHTTPLogHandler : received interrupt!"},
-    };
     std::istringstream body(Body());
     std::string line;
-    for (const auto &row : rows) {
+    for (const std::string tail :
+         {" [1] Source.cpp:42 Caller: text 1", " [1000] Source.cpp:42 Caller: text 1000",
+          " InterruptProcessing: CHTTPLogHandler : received interrupt!"}) {
         ASSERT_TRUE(std::getline(body, line));
-        EXPECT_EQ(0u, line.find(row.head)) << line;
-        ASSERT_GE(line.size(), row.tail.size());
-        EXPECT_EQ(row.tail, line.substr(line.size() - row.tail.size())) << line;
+        EXPECT_EQ(0u, line.find(stamp(17, 0))) << line;
+        EXPECT_EQ(tail, line.substr(line.size() - std::min(line.size(), tail.size()))) << line;
     }
     EXPECT_FALSE(std::getline(body, line));
-}
-
-TEST(LogHandlerAttachmentTest, AttachedWhileItLivesOnly)
-{
-    CLogger &logger = CLogger::GetInstance();
-    std::optional<CHTTPLogHandler> handler;
-    handler.emplace();
-    KZF::ILogOutputDevice *device = &*handler;
-    EXPECT_FALSE(logger.AddOutputDevice(device)) << "already attached by its constructor";
-    handler.reset();
-    // A device still attached would now be handed this message, and removed
-    // (and terminated) below.
-    logger.LogMessage(1, __FILE__, __LINE__, "f", CLogger::c_noneObjPtr, "after");
-    EXPECT_FALSE(logger.RemoveOutputDevice(device));
 }
 
 // ---- Queries
 
 // Ten entries e0..e9 captured every five minutes from 11:50 to 12:35 of the
-// test's day; the rows name the entries each query selects.
+// test's day, then e10 of 12:00, as a thread that waited for the lock leaves
+// an earlier time behind a later one: "to" ends the scan at the first entry
+// after it, "from" only skips. The rows name the entries each query selects.
 TEST_F(LogHandlerTest, QueryFormsSelectEntries)
 {
     for (int i = 0; i < 10; ++i)
         Capture("e" + std::to_string(i), today(11, 50) + i * 300);
-    const std::vector<int> all = {0, 1, 2, 3, 4, 5, 6, 7, 8, 9};
+    Capture("e10", today(12, 0));
+    const std::vector<int> all = {0, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10};
     const struct {
         const char *query;
         std::vector<int> entries;
     } rows[] = {
         // clang-format off
         {"", all}, {"foo=bar", all}, {"Count=2", all}, // names are case-sensitive
-        {"count=2", {8, 9}}, {"count=20", all}, {"count=+2", {8, 9}}, {"count=%202", {8, 9}},
-        {"index=", all}, {"index=0", all}, {"index=9", {9}}, {"index=10", {}},
+        {"count=2", {9, 10}}, {"count=20", all}, {"count=+2", {9, 10}}, {"count=%202", {9, 10}},
+        {"index=", all}, {"index=0", all}, {"index=10", {10}}, {"index=11", {}},
         {"index=2&count=3", {2, 3, 4}}, {"index=1&count=2", {1, 2}},
-        {"from=12:00:00", {2, 3, 4, 5, 6, 7, 8, 9}}, {"from=11:60:00", {2, 3, 4, 5, 6, 7, 8, 9}},
+        {"from=12:00:00", {2, 3, 4, 5, 6, 7, 8, 9, 10}}, {"from=11:60:00", {2, 3, 4, 5, 6, 7, 8, 9, 10}},
         {"from=12:36:00", {}}, {"to=12:10:00", {0, 1, 2, 3, 4}}, {"to=12:09:59", {0, 1, 2, 3}},
         {"from=2026-11-16T12:00:00&to=2026-11-16T12:30:00", {2, 3, 4, 5, 6, 7, 8}},
         {"from=2026-11-15T23:00:00", all}, {"from=2026-11-17T00:00:00", {}},
@@ -244,22 +216,11 @@ TEST_F(LogHandlerTest, QueryFormsSelectEntries)
     for (const auto &row : rows) {
         std::string expected;
         for (int i : row.entries) {
-            const int minutes = 50 + 5 * i;
+            const int minutes = i < 10 ? 50 + 5 * i : 60;
             expected += stamp(11 + minutes / 60, minutes % 60) + "e" + std::to_string(i) + "\n";
         }
         EXPECT_EQ(expected, Body(row.query)) << row.query;
     }
-}
-
-TEST_F(LogHandlerTest, ToEndsTheScanWhileFromOnlySkips)
-{
-    // A thread that waited for the lock can leave an earlier time behind a
-    // later one; the scan does not look past the first entry after "to".
-    Capture("early", today(12, 0));
-    Capture("late", today(12, 40));
-    Capture("inverted", today(12, 10));
-    EXPECT_EQ(stamp(12, 0) + "early\n", Body("to=12:30:00"));
-    EXPECT_EQ(stamp(12, 40) + "late\n" + stamp(12, 10) + "inverted\n", Body("from=12:05:00"));
 }
 
 TEST_F(LogHandlerTest, InvalidValuesGetTheHandlersOwnBadRequestPage)
@@ -273,30 +234,19 @@ TEST_F(LogHandlerTest, InvalidValuesGetTheHandlersOwnBadRequestPage)
         std::string query, message;
         bool escape = false;
     } rows[] = {
-        {"from=12:00", "Invalid 'from' time specified: 12:00"},
-        {"from=2026-11-16%2012:00:00", "Invalid 'from' time specified: 2026-11-16 12:00:00"},
-        {"from=", "Invalid 'from' time specified: "},
+        // clang-format off
+        {"from=12:00", "Invalid 'from' time specified: 12:00"}, {"index=-1", "Invalid 'index' specified: -1"},
         {"from=2026-11-16Tab:00:00", "Invalid 'from' time specified: 2026-11-16Tab:00:00"},
-        {"to=12:00:00:00", "Invalid 'to' time specified: 12:00:00:00"},
         {"to=2026-11-16X12:00:00", "Invalid 'to' time specified: 2026-11-16X12:00:00"},
-        {"index=-1", "Invalid 'index' specified: -1"},
-        {"index=3x", "Invalid 'index' specified: 3x"},
-        {"count=0", "Invalid 'count' specified: 0"},
-        {"count=", "Invalid 'count' specified: "},
-        {"count=-2", "Invalid 'count' specified: -2"},
-        {"count=2.5", "Invalid 'count' specified: 2.5"},
-        {"count=%C3%A9", "Invalid 'count' specified: ??"},
-        {"count=%3Cb%3E", "Invalid 'count' specified: <b>"},
+        {"index=3x", "Invalid 'index' specified: 3x"}, {"count=0", "Invalid 'count' specified: 0"},
+        {"count=", "Invalid 'count' specified: "}, {"count=%3Cb%3E", "Invalid 'count' specified: <b>"},
         {"count=" + longValue, "Invalid 'count' specified: " + longValue},
         // The first invalid value in key order (count, from, index, to) wins.
-        {"from=xx&count=abc", "Invalid 'count' specified: abc"},
-        {"to=yy&from=xx", "Invalid 'from' time specified: xx"},
-        {"to=yy&index=-1", "Invalid 'index' specified: -1"},
-        {"index=1&to=yy&count=1", "Invalid 'to' time specified: yy"},
+        {"from=xx&count=abc", "Invalid 'count' specified: abc"}, {"to=yy&index=-1", "Invalid 'index' specified: -1"},
         // With escaping on, markup shows as text (the cut comes after it).
         {"from=%26%3C%3E%22%27plain", "Invalid 'from' time specified: &amp;&lt;&gt;&quot;&#39;plain", true},
-        {"to=%3Cscript%3E", "Invalid 'to' time specified: &lt;script&gt;", true},
         {"count=" + markup, "Invalid 'count' specified: " + markupShown, true},
+        // clang-format on
     };
     for (const auto &row : rows) {
         SCOPED_TRACE(row.query.substr(0, 40));
@@ -309,17 +259,6 @@ TEST_F(LogHandlerTest, InvalidValuesGetTheHandlersOwnBadRequestPage)
         EXPECT_EQ(badRequestPage(row.message), dataOf(response));
     }
     EXPECT_EQ(stamp(17, 0) + "kept\n", Body()) << "a rejected query changes nothing";
-}
-
-TEST_F(LogHandlerTest, OnlyGetOnUrisThatBeginWithTheEndpointIsAnswered)
-{
-    Capture("a");
-    for (const char *method : {"POST", "HEAD", "get", "PUT"})
-        EXPECT_TRUE(First("", 1, method).IsNull()) << method;
-    for (const char *uri : {"/proxy/log", "/proxy/log?count=5", "/proxy/logs", "/proxy/log/x"})
-        EXPECT_TRUE(m_handler.CanProcessUri(uri)) << uri;
-    for (const char *uri : {"/a/proxy/log", "/proxy/lo", "/PROXY/LOG", "", "/"})
-        EXPECT_FALSE(m_handler.CanProcessUri(uri)) << uri;
 }
 
 // ---- Pieces
@@ -345,60 +284,18 @@ TEST_F(LogHandlerTest, PendingAnswers)
     EXPECT_TRUE(middle->SendOnlyData() && !middle->IsLast() && middle->GetAdditionalHeaders().empty());
     EXPECT_EQ(full.substr(8194, 8194), dataOf(*middle));
     EXPECT_EQ(full.substr(16388), Next(1));
-    ::testing::FLAGS_gtest_death_test_style = "threadsafe";
-    EXPECT_DEATH(m_handler.GetAdditionalResponseData(1), "it != m_connDataMap.end\\(\\)")
-        << "none after the last";
-    ::testing::FLAGS_gtest_death_test_style = "fast";
 
     Capture("again", today(9, 0));
-    const ResponsePtr replaced = First("count=1", 2);
-    ASSERT_FALSE(replaced.IsNull());
-    EXPECT_EQ(stamp(9, 0) + "again\n", dataOf(*replaced));
-    EXPECT_TRUE(replaced->IsLast());
+    EXPECT_EQ(stamp(9, 0) + "again\n", Body("count=1", 2)) << "a new request replaces the pending answer";
     m_handler.OnExchangeEnded(3);
     m_handler.OnExchangeEnded(5); // none pending: nothing happens
     const int checks = GetKzfAssertMode();
     SetKzfAssertMode(1); // off: the released answers are looked for
+    EXPECT_EQ("<none>", Next(1)) << "none after the last";
     EXPECT_EQ("<none>", Next(2));
     EXPECT_EQ("<none>", Next(3));
     SetKzfAssertMode(checks);
     EXPECT_EQ(full.substr(8194, 8194), Next(4)) << "other connections keep theirs";
-}
-
-// Loggers on several threads while answers are fetched, interrupted and
-// ended: every answer is made of whole lines. Meant for TSan as much as for
-// the assertion.
-TEST_F(LogHandlerTest, ConcurrentLoggingWhileAnswersAreServed)
-{
-    std::atomic<int> badLines(0);
-    std::vector<std::thread> threads;
-    for (int t = 0; t < 4; ++t)
-        threads.emplace_back([t] {
-            for (int i = 0; i < 3000; ++i)
-                CLogger::GetInstance().LogMessage(8, __FILE__, __LINE__, "logger", CLogger::c_noneObjPtr,
-                                                  "t%d %s.", t, std::string(i % 100, 'x').c_str());
-        });
-    for (int c = 0; c < 3; ++c)
-        threads.emplace_back([this, c, &badLines] {
-            for (int r = 0; r < 30; ++r) {
-                std::istringstream body(Body(r % 2 ? "" : "count=500", 100 * c + r));
-                m_handler.OnExchangeEnded(100 * c + r);
-                for (std::string line; std::getline(body, line);)
-                    badLines +=
-                        line.compare(0, 22, stamp(17, 0)) != 0 || (line.back() != '.' && line.back() != '!');
-            }
-        });
-    threads.emplace_back([this] {
-        for (int i = 0; i < 50; ++i) {
-            m_handler.InterruptProcessing();
-            if (i % 10 == 0)
-                m_handler.Init();
-            std::this_thread::yield();
-        }
-    });
-    for (std::thread &thread : threads)
-        thread.join();
-    EXPECT_EQ(0, badLines.load());
 }
 
 // ---- Over a real connection
@@ -433,24 +330,21 @@ TEST_F(LogHandlerTest, AnswersOnTheWire)
         std::string request, answerStart;
         bool closes = false;
     } rows[] = {
+        // clang-format off
         {get("/proxy/log?from=07:00:00&to=07:00:00"), ok + "0 \r\n\r\n"},
+        {get("/proxy/log/x?from=07:00:00&to=07:00:00"), ok + "0 \r\n\r\n"}, // any URI that begins with the endpoint
         {get("/proxy/log?index=0&count=1"), ok + "28 \r\n\r\n" + stamp(8, 0) + "first\n"},
         {get("/proxy/log?from=08:02:00&to=08:02:00"), ok + "8194 \r\n\r\n" + stamp(8, 2) + line8194 + "\n"},
-        {get("/proxy/log?count=x"),
-         "HTTP/1.1 400 Bad Request\r\nContent-Length: " + std::to_string(page.size()) +
-             " \r\nKeep-Alive: timeout=5, max=100\r\n\r\n" + page},
+        {get("/proxy/log?count=x"), "HTTP/1.1 400 Bad Request\r\nContent-Length: " + std::to_string(page.size()) + " \r\nKeep-Alive: timeout=5, max=100\r\n\r\n" + page},
         {"POST /proxy/log HTTP/1.1\r\nHost: test\r\nContent-Length: 0\r\n\r\n", notFound},
-        {"HEAD /proxy/log HTTP/1.1\r\nHost: test\r\n\r\n", notFound},
-        {get("/proxy/log?from=08:03:00&to=08:03:00"), ok + "8195\r\n\r\n" + stamp(8, 3) + line8195 + "\n",
-         true},
-        {get("/proxy/log?from=08:01:00&to=08:01:01"),
-         ok + "20000\r\n\r\n" + stamp(8, 1) + big + "\n" + stamp(8, 1, 1) + big + "\n", true},
+        {"HEAD /proxy/log HTTP/1.1\r\nHost: test\r\n\r\n", notFound}, {get("/PROXY/LOG"), notFound}, {get("/a/proxy/log"), notFound},
+        {get("/proxy/log?from=08:03:00&to=08:03:00"), ok + "8195\r\n\r\n" + stamp(8, 3) + line8195 + "\n", true},
+        {get("/proxy/log?from=08:01:00&to=08:01:01"), ok + "20000\r\n\r\n" + stamp(8, 1) + big + "\n" + stamp(8, 1, 1) + big + "\n", true},
+        // clang-format on
     };
     CTestClient client;
     for (const auto &row : rows) {
-        if (client.Fd() < 0 || client.IsClosed()) {
-            ASSERT_TRUE(client.Connect(server.GetPort()));
-        }
+        ASSERT_TRUE((client.Fd() >= 0 && !client.IsClosed()) || client.Connect(server.GetPort()));
         ASSERT_TRUE(client.Send(row.request));
         const std::string answer = client.ReceiveAnswer();
         EXPECT_EQ(row.answerStart, answer.substr(0, row.answerStart.size())) << row.request;
@@ -487,7 +381,7 @@ TEST(LiveLogTest, LevelsWakeUpsAndResumption)
     live.Subscribe(sink);
     KZF::CLogger::SLogMessage message{};
     message.m_time.tv_sec = today(17, 0, 1);
-    const std::pair<const char *, unsigned> logged[] = {{"a", 8}, {"b\"", 3}, {"c", 5}, {"d", 1}};
+    const std::pair<const char *, unsigned> logged[] = {{"a", 8}, {"b\"\xc3\xa9", 3}, {"c", 5}, {"d", 1}};
     const int wakes[] = {0, 1, 1, 2};
     for (int i = 0; i < 4; ++i) {
         live.Log(logged[i].first, logged[i].second, message);
@@ -497,7 +391,8 @@ TEST(LiveLogTest, LevelsWakeUpsAndResumption)
     }
     live.Pull(sink);
     live.Unsubscribe(sink);
-    EXPECT_EQ("{\"id\":2,\"level\":3,\"time\":\"2026-11-16T17:00:01\",\"text\":\"b\\\"\"}", sink.m_json[2]);
+    EXPECT_EQ("{\"id\":2,\"level\":3,\"time\":\"2026-11-16T17:00:01\",\"text\":\"b\\\"\xc3\xa9\"}",
+              sink.m_json[2]);
     ASSERT_EQ(3u, sink.m_json.size());
     const struct {
         const char *query, *lastEventId;

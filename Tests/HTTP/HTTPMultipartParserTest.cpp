@@ -23,12 +23,8 @@ class CRecorder : public NVQ::IHTTPMultipartSink
   public:
     bool OnPartBegin(const SPart &part) override
     {
-        m_log += "[" + part.m_name;
-        if (part.m_hasFilename)
-            m_log += " file=" + part.m_filename;
-        if (!part.m_contentType.empty())
-            m_log += " type=" + part.m_contentType;
-        m_log += "]";
+        m_log += "[" + part.m_name + (part.m_hasFilename ? " file=" + part.m_filename : "") +
+                 (part.m_contentType.empty() ? "" : " type=" + part.m_contentType) + "]";
         return Allow();
     }
     bool OnPartData(const unsigned char *data, size_t size) override
@@ -80,9 +76,7 @@ void Check(const SCase &c, const std::vector<size_t> &ends)
     CRecorder recorder;
     recorder.m_refuseAt = c.refuseAt;
     CHTTPMultipartParser::SLimits limits;
-    limits.m_maxParts = 3;
-    limits.m_maxHeaderBytes = 128;
-    limits.m_maxHeaderFields = 3;
+    limits.m_maxParts = 3, limits.m_maxHeaderBytes = 128, limits.m_maxHeaderFields = 3;
     CHTTPMultipartParser parser(recorder, c_type, limits);
     const size_t errorAt = c.at == nullptr ? c.input.size() : c.input.find(c.at) + std::strlen(c.at) - 1;
     int result = CHTTPMultipartParser::eResultMore;
@@ -103,9 +97,7 @@ void Check(const SCase &c, const std::vector<size_t> &ends)
     EXPECT_EQ(expected, result);
     EXPECT_EQ(c.error, parser.GetError());
     EXPECT_EQ(c.log, recorder.m_log);
-    if (c.error != CHTTPMultipartParser::eErrorNone) {
-        EXPECT_EQ(errorAt, parser.GetErrorPosition());
-    }
+    EXPECT_TRUE(c.error == 0 || errorAt == parser.GetErrorPosition()) << parser.GetErrorPosition();
     if (c.refuseAt >= 0) {
         EXPECT_EQ(expected, parser.Feed(reinterpret_cast<const unsigned char *>("--xyz--"), 7));
         EXPECT_EQ(expected, parser.Finish());
@@ -158,7 +150,6 @@ TEST(HTTPMultipartParserTest, FormsWholeSplitAtEveryOffsetAndByteByByte)
     // clang-format on
     for (const SCase &c : cases) {
         SCOPED_TRACE(c.name);
-        ASSERT_TRUE(c.at == nullptr || c.input.find(c.at) != std::string::npos);
         Check(c, {c.input.size()});
         for (size_t split = 1; split < c.input.size(); ++split)
             Check(c, {split, c.input.size()});
