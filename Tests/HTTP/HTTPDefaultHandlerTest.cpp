@@ -9,6 +9,7 @@
 #include <cstdint>
 #include <cstdlib>
 #include <dirent.h>
+#include <fcntl.h>
 #include <fstream>
 #include <random>
 #include <string>
@@ -375,4 +376,19 @@ TEST_F(WebFilesServerTest, AnswersOnOneKeptConnection)
         EXPECT_TRUE(c.body == answer.second) << c.name << ": " << answer.second.size() << " bytes";
         ASSERT_FALSE(m_client.IsClosed()) << c.name;
     }
+}
+
+// A range past 4 GiB reads the right bytes where off_t, long or size_t are 32 bits wide (armhf).
+TEST_F(WebFilesServerTest, RangeBeyondFourGiBReadsTheBytesThere)
+{
+    const std::string path = m_site.m_root + "/beyond4g";
+    std::ofstream(path).close();
+    const int fd = ::open(path.c_str(), O_WRONLY | O_CLOEXEC);
+    const off_t fourGiB = static_cast<off_t>(int64_t{1} << 32);
+    ASSERT_TRUE(fd >= 0 && ::ftruncate(fd, fourGiB + 3) == 0 && ::pwrite(fd, "bcd", 3, fourGiB - 1) == 3);
+    ::close(fd);
+    const auto answer = Exchange("GET", "/beyond4g", "Range: bytes=4294967295-4294967297\r\n");
+    EXPECT_NE(std::string::npos,
+              answer.first.find("Content-Range: bytes 4294967295-4294967297/4294967299\r\n"));
+    EXPECT_EQ("bcd", answer.second);
 }
