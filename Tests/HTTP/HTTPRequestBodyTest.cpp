@@ -14,8 +14,9 @@
 #include <string>
 #include <vector>
 
-// An array allocation of this size fails, as when memory runs out (0: none).
-static std::atomic<size_t> s_refusedArraySize{0};
+// A nothrow array allocation of this size fails, as when memory runs out
+// (0: none). HTTPRequestTest uses it too.
+std::atomic<size_t> s_refusedArraySize{0};
 
 void *operator new[](std::size_t size, const std::nothrow_t &) noexcept
 {
@@ -280,6 +281,7 @@ TEST_F(RequestBodyTest, AnAnswerWithATakerHandsTheConnectionOverAfterItsHeaderBl
         EXPECT_EQ(3, taker->m_connectionID);
         EXPECT_EQ(0, m_data->m_closes) << strict;
         EXPECT_TRUE(m_handler.PullIDs().empty());
+        EXPECT_EQ(std::vector<int>(strict ? 2 : 1, 3), m_handler.EndedIDs()) << "the exchange ends at once";
     }
 }
 
