@@ -53,21 +53,18 @@ class CFakeDataLayer : public NVQ::INVQDataLayer
         }
         const bool recorded = size > 0 && size <= (1 << 20);
         m_writes.push_back({size, recorded ? std::string(static_cast<const char *>(data), size) : ""});
-        m_trace.push_back("send");
         return size;
     }
 
     void RegisterNotification(NVQ::INVQDataLayerNotification &notification) override
     {
         m_pNotification = &notification;
-        m_trace.push_back("register");
     }
 
     void UnregisterNotification(NVQ::INVQDataLayerNotification &notification) override
     {
         if (m_pNotification == &notification)
             m_pNotification = nullptr;
-        m_trace.push_back("unregister");
     }
 
     class CAddress : public NVQ::INVQConnectionAddress
@@ -80,11 +77,7 @@ class CFakeDataLayer : public NVQ::INVQDataLayer
     // A peer that reads slowly: the library waits for OnDataSent.
     bool IsWritable() override { return m_writable; }
 
-    void Close() override
-    {
-        ++m_closes;
-        m_trace.push_back("close");
-    }
+    void Close() override { ++m_closes; }
 
     // What the framework would do: a data notification, or a close
     // notification, to whoever is registered.
@@ -114,18 +107,11 @@ class CFakeDataLayer : public NVQ::INVQDataLayer
             all += item;
         return all;
     }
-    void ClearRecords()
-    {
-        m_writes.clear();
-        m_trace.clear();
-        m_readSizes.clear();
-    }
 
     NVQ::INVQDataLayerNotification *m_pNotification = nullptr;
     std::deque<std::string> m_pending;
     std::vector<int> m_readSizes;
     std::vector<SWrite> m_writes;
-    std::vector<std::string> m_trace;
     int m_closes = 0;
     CAddress m_address;
     bool m_writable = true;
