@@ -142,6 +142,7 @@ TEST_F(ConnectionPointTest, Conversations)
          {"GET / HTTP/1.1\r\nHost example\r\n\r\n", c_getRoot},
          "400 page; 200 OK /; "},
         {"nothing to read", {""}, ""},
+        {"no handler takes it", {"GET elsewhere HTTP/1.1\r\n\r\n\r\n"}, "404 page; "},
         {"grows past 5000 bytes", {big}, "200 OK /big; "},
         {"body just under the bound", {upload}, "200 OK /upload; "},
         {"header beyond the bound", {huge}, "400 page; closed"},
@@ -154,17 +155,6 @@ TEST_F(ConnectionPointTest, Conversations)
     EXPECT_EQ(nullptr, Data().m_pNotification) << "closed after the refused header";
     for (int size : Data().m_readSizes)
         EXPECT_LE(size, NVQ::CHTTPConnectionPoint::c_defaultMaxHeaderBytes);
-}
-
-TEST_F(ConnectionPointTest, NoHandlerOrNoAnswerGives404)
-{
-    m_handler.m_prefix = "/only";
-    EXPECT_EQ("404 page; ", Serve({"GET /elsewhere HTTP/1.1\r\n\r\n\r\n"}));
-    EXPECT_TRUE(m_handler.ProcessIDs().empty()) << "no handler took it, so none was asked to process it";
-    m_handler.m_prefix = "/";
-    m_handler.m_onProcess = [](NVQ::CHTTPRequest &, int) { return Response(); };
-    EXPECT_EQ("404 page; ", Serve({c_getRoot}));
-    EXPECT_TRUE(m_handler.PullIDs().empty());
 }
 
 // ---- The exchange
@@ -203,6 +193,10 @@ TEST_F(ConnectionPointTest, StreamIsPulledUntilThePieceMarkedLastOrANullOne)
     EXPECT_EQ(0, Data().m_writes.back().m_size);
     EXPECT_EQ(2, pulls);
     EXPECT_EQ(std::vector<int>({7, 7}), m_handler.EndedIDs());
+    // No answer at all: 404, and nothing is pulled.
+    m_handler.m_onProcess = [](NVQ::CHTTPRequest &, int) { return Response(); };
+    EXPECT_EQ("404 page; ", Serve({c_getRoot}));
+    EXPECT_EQ(4u, m_handler.PullIDs().size());
 }
 
 // A slow peer holds the pulls until it is writable again; a stream that
@@ -240,23 +234,6 @@ TEST_F(ConnectionPointTest, StreamToASlowPeerWaitsUntilItIsWritable)
         Request(c_getRoot);
         EXPECT_EQ(declared.size() == 18 ? 0 : 1, Data().m_closes) << length;
     }
-}
-
-TEST_F(ConnectionPointTest, CloseDuringAStreamInterruptsAndStopsThePulls)
-{
-    m_handler.StreamPieces({"first", "m1", "m2", "m3", "end"});
-    int pulls = 0;
-    m_handler.m_onPull = [&](int) {
-        if (++pulls == 2)
-            Data().DeliverClose(); // the peer goes away while this piece is made
-        return makeResponse(200, "OK", "m" + std::to_string(pulls), false, true);
-    };
-    Request(c_getRoot);
-    EXPECT_EQ(2, pulls) << "no pull after the closed flag was set";
-    EXPECT_EQ("HTTP/1.1 200 OK\r\n\r\nfirstm1", Data().WrittenBytes())
-        << "the piece made after the close is dropped";
-    EXPECT_EQ(2, m_handler.m_interrupts.load()) << "once from the close, once from the send path";
-    EXPECT_EQ(std::vector<int>({7}), m_handler.EndedIDs());
 }
 
 TEST_F(ConnectionPointTest, FailedWriteDropsTheRestOfTheAnswer)
