@@ -15,6 +15,14 @@
 namespace NVQTest
 {
 
+class CFakeAddress : public NVQ::INVQConnectionAddress
+{
+  public:
+    explicit CFakeAddress(const std::string &text) : m_text(text) {}
+    KZF::tstring ToString() const override { return m_text; }
+    std::string m_text;
+};
+
 class CFakeDataLayer : public NVQ::INVQDataLayer
 {
   public:
@@ -67,11 +75,6 @@ class CFakeDataLayer : public NVQ::INVQDataLayer
             m_pNotification = nullptr;
     }
 
-    class CAddress : public NVQ::INVQConnectionAddress
-    {
-      public:
-        KZF::tstring ToString() const override { return "192.0.2.7:51234"; }
-    };
     const NVQ::INVQConnectionAddress *GetRemoteAddress() const override { return &m_address; }
     bool IsSecure() const override { return false; }
     // A peer that reads slowly: the library waits for OnDataSent.
@@ -113,7 +116,7 @@ class CFakeDataLayer : public NVQ::INVQDataLayer
     std::vector<int> m_readSizes;
     std::vector<SWrite> m_writes;
     int m_closes = 0;
-    CAddress m_address;
+    CFakeAddress m_address{"192.0.2.7:51234"};
     bool m_writable = true;
     // Writes from this index on fail (-1 leaves it off).
     int m_failFromWrite = -1;
