@@ -3,9 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <climits>
-#include <cstring>
 #include <map>
-#include <memory>
 #include <string>
 #include <vector>
 
@@ -17,11 +15,8 @@ using NVQ::CHTTPRequestParser;
 typedef CHTTPRequestParser E; // error codes
 typedef std::map<std::string, std::string> Fields;
 
-const int Complete = CHTTPRequestParser::eParseComplete;
-const int Incomplete = CHTTPRequestParser::eParseIncomplete;
-const int Error = CHTTPRequestParser::eParseError;
-const int FieldSyntax = CHTTPRequestParser::eErrorFieldSyntax;
-const int HeaderEnd = CHTTPRequestParser::eErrorHeaderEnd;
+const int Complete = E::eParseComplete, Incomplete = E::eParseIncomplete, Error = E::eParseError;
+const int FieldSyntax = E::eErrorFieldSyntax, HeaderEnd = E::eErrorHeaderEnd;
 const char *const NoBody = nullptr;
 // Strict rows run with this body bound.
 const long c_maxBody = 64;

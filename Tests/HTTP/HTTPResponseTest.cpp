@@ -6,7 +6,6 @@
 #include <cstdio>
 #include <string>
 #include <unistd.h>
-#include <vector>
 
 namespace
 {
@@ -78,9 +77,8 @@ TEST(HTTPResponseTest, DataIsAPrivateCopyOrAHeldFileRangeOfTheLatestSet)
 TEST(HTTPResponseTest, HeaderFieldsAreExactNamesInByteOrder)
 {
     CHTTPResponse response;
-    EXPECT_TRUE(response.AddHeaderField("b", "1"));
-    EXPECT_TRUE(response.AddHeaderField("A", "2"));
-    EXPECT_FALSE(response.AddHeaderField("b", "3"));
+    EXPECT_TRUE(response.AddHeaderField("b", "1") && response.AddHeaderField("A", "2"));
+    EXPECT_FALSE(response.AddHeaderField("b", "3")) << "replaced: not a new field";
     EXPECT_TRUE(response.AddHeaderField("a", "4"));
     std::string value = "unchanged";
     EXPECT_FALSE(response.GetHeaderFieldValueByName("B", value));

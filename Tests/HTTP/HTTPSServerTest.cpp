@@ -65,12 +65,11 @@ std::string clientHello()
     return hello;
 }
 
-NVQ::SHTTPServerOptions anyPort()
-{
+const auto anyPort = [] {
     NVQ::SHTTPServerOptions options;
     options.m_port = 0;
     return options;
-}
+};
 
 TEST(HTTPSServerTest, CertificatesAreTakenOnlyWhenChainAndKeyBelongTogether)
 {

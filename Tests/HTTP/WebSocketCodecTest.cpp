@@ -18,10 +18,9 @@ using namespace std::string_literals;
 using NVQ::CWebSocketFrameParser;
 typedef NVQ::CWebSocketFrameWriter W;
 
-const int More = CWebSocketFrameParser::eResultMore;
-const int Paused = CWebSocketFrameParser::eResultPaused;
-const int Closed = CWebSocketFrameParser::eResultClosed;
-const int Error = CWebSocketFrameParser::eResultError;
+typedef CWebSocketFrameParser P;
+const int More = P::eResultMore, Paused = P::eResultPaused, Closed = P::eResultClosed,
+          Error = P::eResultError;
 // The masking key of the RFC examples.
 const std::string key = "\x37\xfa\x21\x3d";
 

@@ -8,7 +8,6 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
-#include <memory>
 #include <mutex>
 #include <string>
 #include <thread>
@@ -81,12 +80,9 @@ class CKeepingHandler : public NVQ::IWebSocketHandler
         return m_sessions.size() < count ? nullptr : m_sessions.back();
     }
 
-    bool m_accept = true;
-    bool m_closeWhenFull = true;
-    std::string m_pick;
-    std::string m_origin;
-    std::atomic<int> m_closedWith{0};
-    std::atomic<int> m_fullCount{0};
+    bool m_accept = true, m_closeWhenFull = true;
+    std::string m_pick, m_origin;
+    std::atomic<int> m_closedWith{0}, m_fullCount{0};
     std::mutex m_mutex;
     std::vector<KZF::CRefCountPtr<NVQ::CWebSocketSession>> m_sessions;
 };
