@@ -20,10 +20,7 @@ std::string dataOf(const CHTTPResponse &response)
                                          static_cast<size_t>(response.GetDataSize()));
 }
 
-const unsigned char *bytes(const char *text)
-{
-    return reinterpret_cast<const unsigned char *>(text);
-}
+const auto bytes = [](const char *text) { return reinterpret_cast<const unsigned char *>(text); };
 
 // The references held on the file, the caller's own one included.
 long references(NVQ::CHTTPFileBody &file)

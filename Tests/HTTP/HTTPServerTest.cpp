@@ -30,10 +30,7 @@ std::string okAnswer(const std::string &uri)
     return "HTTP/1.1 200 OK\r\nContent-Length: " + std::to_string(body.size()) + " \r\n\r\n" + body;
 }
 
-std::string get(const std::string &uri)
-{
-    return "GET " + uri + " HTTP/1.1\r\nHost: test\r\n\r\n";
-}
+const auto get = [](const std::string &uri) { return "GET " + uri + " HTTP/1.1\r\nHost: test\r\n\r\n"; };
 
 // A real server on a free port with the test's scripted handler.
 class HTTPServerTest : public ::testing::Test
