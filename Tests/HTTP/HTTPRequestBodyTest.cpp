@@ -175,6 +175,7 @@ TEST_F(RequestBodyTest, BodiesReachTheHandlerAsDecidedWhereverTheReadsFall)
                     EXPECT_EQ(c.m_ends, m_handler.m_ends);
                 }
                 EXPECT_EQ(c.m_end == eKept ? 0 : 1, m_data->m_closes);
+                EXPECT_FALSE(m_data->m_receivingBody);
             }
         }
     }
@@ -230,6 +231,7 @@ TEST_F(RequestBodyTest, BodyCutShortEndsIncompleteWithoutAnAnswer)
 {
     const std::string request = std::string(c_post) + "Content-Length: 10\r\n\r\n01234";
     Run(false, {request});
+    EXPECT_TRUE(m_data->m_receivingBody) << "the request timeout counts from the last byte";
     m_data->DeliverClose();
     EXPECT_EQ(std::vector<std::string>({"POST /u from 192.0.2.7:51234"}), m_handler.m_headers);
     EXPECT_EQ("01234", m_handler.m_body);

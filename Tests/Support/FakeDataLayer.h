@@ -79,6 +79,7 @@ class CFakeDataLayer : public NVQ::INVQDataLayer
     bool IsSecure() const override { return false; }
     // A peer that reads slowly: the library waits for OnDataSent.
     bool IsWritable() override { return m_writable; }
+    void SetReceivingBody(bool receiving) override { m_receivingBody = receiving; }
 
     void Close() override { ++m_closes; }
 
@@ -117,7 +118,7 @@ class CFakeDataLayer : public NVQ::INVQDataLayer
     std::vector<SWrite> m_writes;
     int m_closes = 0;
     CFakeAddress m_address{"192.0.2.7:51234"};
-    bool m_writable = true;
+    bool m_writable = true, m_receivingBody = false;
     // Writes from this index on fail (-1 leaves it off).
     int m_failFromWrite = -1;
     int m_failedWrites = 0;
