@@ -26,6 +26,7 @@ TEST(HTTPDateTest, ReadsTheThreeFormsRefusesTheRestWritesTheFirst)
         {"Sun, 6 Nov 1994 08:49:37 GMT", -1},
         {"Sun, 06 Nov 1994 08:49:37 GMT ", -1},
         {"Sun, 06 Nov 1994 24:00:00 GMT", -1},
+        {"Sun, 06 Nov 1994 08:60:00 GMT", -1},
         {"Sun, 06 Nov 1994 08:49:3/ GMT", -1}, // bytes beside the digits
         {"Sun, 06 Nov 1994 08:49:3: GMT", -1},
         {"Mon, 29 Feb 1900 00:00:00 GMT", -1},

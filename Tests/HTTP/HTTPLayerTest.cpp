@@ -77,8 +77,7 @@ TEST(HTTPLayerTest, RegistryOrderAndRemoval)
     layer.RegisterHandler(y, false); // y now stands twice, behind x
     EXPECT_TRUE(layer.UnregisterHandler(x));
     EXPECT_EQ(&y, layer.FindHandler(request));
-    EXPECT_TRUE(layer.UnregisterHandler(y));
-    EXPECT_TRUE(layer.UnregisterHandler(y));
+    EXPECT_TRUE(layer.UnregisterHandler(y) && layer.UnregisterHandler(y)) << "once for each registration";
     EXPECT_FALSE(layer.UnregisterHandler(y));
     EXPECT_FALSE(layer.UnregisterHandler(z)) << "never registered any more";
 }

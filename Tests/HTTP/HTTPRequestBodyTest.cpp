@@ -14,8 +14,9 @@
 #include <string>
 #include <vector>
 
-// An array allocation of this size fails, as when memory runs out (0: none).
-static std::atomic<size_t> s_refusedArraySize{0};
+// A nothrow array allocation of this size fails, as when memory runs out
+// (0: none). HTTPRequestTest uses it too.
+std::atomic<size_t> s_refusedArraySize{0};
 
 void *operator new[](std::size_t size, const std::nothrow_t &) noexcept
 {
@@ -111,36 +112,34 @@ const char c_post[] = "POST /u HTTP/1.1\r\nHost: a\r\n";
 // first): only its answer, its close and that no body ended complete count.
 enum EEnd { eKept, eClosed, eRefused };
 
+// The request after c_post, the start of what is written, and what the
+// handler was shown.
 struct SBodyCase {
     const char *m_name;
     bool m_strictOnly;
     IHTTPRequestBodyHandler::EBodyChoice m_choice;
     uint64_t m_limit;
     size_t m_stopAfter;
-    std::string m_request; // after c_post
-    std::string m_answer;  // the start of what is written
-    std::string m_body;    // what the handler was shown
+    std::string m_request, m_answer, m_body;
     std::vector<bool> m_ends;
     EEnd m_end;
 };
 
-const IHTTPRequestBodyHandler::EBodyChoice c_take = IHTTPRequestBodyHandler::eTakeBody;
-const IHTTPRequestBodyHandler::EBodyChoice c_buffer = IHTTPRequestBodyHandler::eBufferBody;
-const IHTTPRequestBodyHandler::EBodyChoice c_answer = IHTTPRequestBodyHandler::eAnswerNow;
+typedef IHTTPRequestBodyHandler H;
 const std::string c_chunked = "Transfer-Encoding: chunked\r\n\r\n";
 
 // clang-format off
 const SBodyCase c_cases[] = {
-    {"length", false, c_take, 0, 0, "Content-Length: 10\r\n\r\n0123456789", "HTTP/1.1 200 OK\r\nContent-Length: 9 \r\n\r\ngot 10 /u", "0123456789", {true}, eKept},
-    {"chunked", true, c_take, 0, 0, c_chunked + "4;x=1\r\nabcd\r\n2\r\nef\r\n0\r\nT: v\r\n\r\n", "HTTP/1.1 200 OK", "abcdef", {true}, eKept},
-    {"two chunked bodies", true, c_take, 0, 0, c_chunked + "2\r\nab\r\n0\r\n\r\n" + c_post + c_chunked + "1\r\nc\r\n0\r\n\r\n", "HTTP/1.1 200 OK", "abc", {true, true}, eKept},
-    {"length over the handler's bound", false, c_take, 5, 0, "Content-Length: 10\r\n\r\n0123456789", "HTTP/1.1 413 Payload Too Large", "", {}, eRefused},
-    {"chunks over the handler's bound", true, c_take, 5, 0, c_chunked + "4\r\nabcd\r\n4\r\nefgh\r\n0\r\n\r\n", "HTTP/1.1 413 Payload Too Large", "", {}, eRefused},
-    {"malformed chunk", true, c_take, 0, 0, c_chunked + "4\r\nabcdXY", "HTTP/1.1 400 Bad Request", "", {}, eRefused},
-    {"handler stops the body", false, c_take, 0, 1, "Content-Length: 3\r\n\r\nxyz", "HTTP/1.1 200 OK", "", {}, eRefused},
-    {"answered at once", false, c_answer, 0, 0, "Content-Length: 3\r\n\r\nxyz", "HTTP/1.1 401 Unauthorized", "", {}, eClosed},
-    {"buffered within the server's bound", false, c_buffer, 0, 0, "Content-Length: 3\r\n\r\nxyz", "HTTP/1.1 200 OK\r\nContent-Length: 8 \r\n\r\ngot 0 /u", "", {}, eKept},
-    {"buffered beyond the server's bound", false, c_buffer, 0, 0, "Content-Length: 2000\r\n\r\nxyz", "HTTP/1.1 413 Payload Too Large", "", {}, eClosed},
+    {"length", false, H::eTakeBody, 0, 0, "Content-Length: 10\r\n\r\n0123456789", "HTTP/1.1 200 OK\r\nContent-Length: 9 \r\n\r\ngot 10 /u", "0123456789", {true}, eKept},
+    {"chunked", true, H::eTakeBody, 0, 0, c_chunked + "4;x=1\r\nabcd\r\n2\r\nef\r\n0\r\nT: v\r\n\r\n", "HTTP/1.1 200 OK", "abcdef", {true}, eKept},
+    {"two chunked bodies", true, H::eTakeBody, 0, 0, c_chunked + "2\r\nab\r\n0\r\n\r\n" + c_post + c_chunked + "1\r\nc\r\n0\r\n\r\n", "HTTP/1.1 200 OK", "abc", {true, true}, eKept},
+    {"length over the handler's bound", false, H::eTakeBody, 5, 0, "Content-Length: 10\r\n\r\n0123456789", "HTTP/1.1 413 Payload Too Large", "", {}, eRefused},
+    {"chunks over the handler's bound", true, H::eTakeBody, 5, 0, c_chunked + "4\r\nabcd\r\n4\r\nefgh\r\n0\r\n\r\n", "HTTP/1.1 413 Payload Too Large", "", {}, eRefused},
+    {"malformed chunk", true, H::eTakeBody, 0, 0, c_chunked + "4\r\nabcdXY", "HTTP/1.1 400 Bad Request", "", {}, eRefused},
+    {"handler stops the body", false, H::eTakeBody, 0, 1, "Content-Length: 3\r\n\r\nxyz", "HTTP/1.1 200 OK", "", {}, eRefused},
+    {"answered at once", false, H::eAnswerNow, 0, 0, "Content-Length: 3\r\n\r\nxyz", "HTTP/1.1 401 Unauthorized", "", {}, eClosed},
+    {"buffered within the server's bound", false, H::eBufferBody, 0, 0, "Content-Length: 3\r\n\r\nxyz", "HTTP/1.1 200 OK\r\nContent-Length: 8 \r\n\r\ngot 0 /u", "", {}, eKept},
+    {"buffered beyond the server's bound", false, H::eBufferBody, 0, 0, "Content-Length: 2000\r\n\r\nxyz", "HTTP/1.1 413 Payload Too Large", "", {}, eClosed},
 };
 // clang-format on
 
@@ -176,6 +175,7 @@ TEST_F(RequestBodyTest, BodiesReachTheHandlerAsDecidedWhereverTheReadsFall)
                     EXPECT_EQ(c.m_ends, m_handler.m_ends);
                 }
                 EXPECT_EQ(c.m_end == eKept ? 0 : 1, m_data->m_closes);
+                EXPECT_FALSE(m_data->m_receivingBody);
             }
         }
     }
@@ -185,12 +185,12 @@ TEST_F(RequestBodyTest, ContinueIsSentOnlyForABodyTheHandlerTakes)
 {
     const std::string head = std::string(c_post) + "Expect: 100-continue\r\nContent-Length: 3\r\n\r\n";
     for (bool strict : {false, true}) {
-        m_handler.m_choice = IHTTPRequestBodyHandler::eTakeBody;
+        m_handler.m_choice = H::eTakeBody;
         Run(strict, {head, "abc"});
         EXPECT_EQ(0u, m_data->WrittenBytes().find("HTTP/1.1 100 Continue\r\n\r\nHTTP/1.1 200 OK"))
             << strict << m_data->WrittenBytes();
         // An answer at once, and one without an answer: 404.
-        m_handler.m_choice = IHTTPRequestBodyHandler::eAnswerNow;
+        m_handler.m_choice = H::eAnswerNow;
         for (const bool withAnswer : {true, false}) {
             m_handler.m_withAnswer = withAnswer;
             Run(strict, {head});
@@ -231,6 +231,7 @@ TEST_F(RequestBodyTest, BodyCutShortEndsIncompleteWithoutAnAnswer)
 {
     const std::string request = std::string(c_post) + "Content-Length: 10\r\n\r\n01234";
     Run(false, {request});
+    EXPECT_TRUE(m_data->m_receivingBody) << "the request timeout counts from the last byte";
     m_data->DeliverClose();
     EXPECT_EQ(std::vector<std::string>({"POST /u from 192.0.2.7:51234"}), m_handler.m_headers);
     EXPECT_EQ("01234", m_handler.m_body);
@@ -261,7 +262,7 @@ class CTaker : public NVQ::IHTTPConnectionTaker
 TEST_F(RequestBodyTest, AnAnswerWithATakerHandsTheConnectionOverAfterItsHeaderBlock)
 {
     KZF::CRefCountPtr<CTaker> taker(new CTaker());
-    m_handler.m_choice = IHTTPRequestBodyHandler::eBufferBody;
+    m_handler.m_choice = H::eBufferBody;
     m_handler.m_onProcess = [&](NVQ::CHTTPRequest &, int) {
         KZF::CRefCountPtr<NVQ::CHTTPResponse> answer =
             makeResponse(101, "Switching Protocols", "", false, false);
@@ -280,6 +281,7 @@ TEST_F(RequestBodyTest, AnAnswerWithATakerHandsTheConnectionOverAfterItsHeaderBl
         EXPECT_EQ(3, taker->m_connectionID);
         EXPECT_EQ(0, m_data->m_closes) << strict;
         EXPECT_TRUE(m_handler.PullIDs().empty());
+        EXPECT_EQ(std::vector<int>(strict ? 2 : 1, 3), m_handler.EndedIDs()) << "the exchange ends at once";
     }
 }
 

@@ -6,7 +6,6 @@
 #include <cstdio>
 #include <string>
 #include <unistd.h>
-#include <vector>
 
 namespace
 {
@@ -21,10 +20,7 @@ std::string dataOf(const CHTTPResponse &response)
                                          static_cast<size_t>(response.GetDataSize()));
 }
 
-const unsigned char *bytes(const char *text)
-{
-    return reinterpret_cast<const unsigned char *>(text);
-}
+const auto bytes = [](const char *text) { return reinterpret_cast<const unsigned char *>(text); };
 
 // The references held on the file, the caller's own one included.
 long references(NVQ::CHTTPFileBody &file)
@@ -78,9 +74,8 @@ TEST(HTTPResponseTest, DataIsAPrivateCopyOrAHeldFileRangeOfTheLatestSet)
 TEST(HTTPResponseTest, HeaderFieldsAreExactNamesInByteOrder)
 {
     CHTTPResponse response;
-    EXPECT_TRUE(response.AddHeaderField("b", "1"));
-    EXPECT_TRUE(response.AddHeaderField("A", "2"));
-    EXPECT_FALSE(response.AddHeaderField("b", "3"));
+    EXPECT_TRUE(response.AddHeaderField("b", "1") && response.AddHeaderField("A", "2"));
+    EXPECT_FALSE(response.AddHeaderField("b", "3")) << "replaced: not a new field";
     EXPECT_TRUE(response.AddHeaderField("a", "4"));
     std::string value = "unchanged";
     EXPECT_FALSE(response.GetHeaderFieldValueByName("B", value));

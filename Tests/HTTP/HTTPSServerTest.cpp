@@ -26,10 +26,8 @@ using NVQTest::CTestClient;
 
 // Two self-signed certificates for localhost, "first" and "second", made
 // with the openssl command in a temporary directory.
-class CCertificates
-{
-  public:
-    CCertificates()
+struct SCertificates {
+    SCertificates()
     {
         char base[] = "/tmp/nvq-tls-XXXXXX";
         m_dir = mkdtemp(base);
@@ -39,7 +37,7 @@ class CCertificates
                             "$n.pem > /dev/null 2>&1 || exit 1; done")
                                .c_str()) == 0;
     }
-    ~CCertificates() { m_ok = std::system(("rm -rf '" + m_dir + "'").c_str()) == 0; }
+    ~SCertificates() { m_ok = std::system(("rm -rf '" + m_dir + "'").c_str()) == 0; }
     std::string Path(const std::string &file) const { return m_dir + "/" + file; }
     std::string Text(const std::string &file) const
     {
@@ -47,10 +45,8 @@ class CCertificates
         text << std::ifstream(Path(file)).rdbuf();
         return text.str();
     }
-    bool m_ok;
-
-  private:
     std::string m_dir;
+    bool m_ok;
 };
 
 // A real client's first flight, from a client that writes into memory.
@@ -69,16 +65,15 @@ std::string clientHello()
     return hello;
 }
 
-NVQ::SHTTPServerOptions anyPort()
-{
+const auto anyPort = [] {
     NVQ::SHTTPServerOptions options;
     options.m_port = 0;
     return options;
-}
+};
 
 TEST(HTTPSServerTest, CertificatesAreTakenOnlyWhenChainAndKeyBelongTogether)
 {
-    CCertificates files;
+    SCertificates files;
     ASSERT_TRUE(files.m_ok) << "the openssl command could not make the test certificates";
     struct SCase {
         const char *name;
@@ -111,7 +106,7 @@ TEST(HTTPSServerTest, CertificatesAreTakenOnlyWhenChainAndKeyBelongTogether)
 
 TEST(HTTPSServerTest, BadInputEndsInAClosedConnectionAndHoldsUpNobody)
 {
-    CCertificates files;
+    SCertificates files;
     ASSERT_TRUE(files.m_ok);
     NVQTest::CScriptedHandler handler;
     NVQ::CHTTPServer server(true);

@@ -18,10 +18,9 @@ using namespace std::string_literals;
 using NVQ::CWebSocketFrameParser;
 typedef NVQ::CWebSocketFrameWriter W;
 
-const int More = CWebSocketFrameParser::eResultMore;
-const int Paused = CWebSocketFrameParser::eResultPaused;
-const int Closed = CWebSocketFrameParser::eResultClosed;
-const int Error = CWebSocketFrameParser::eResultError;
+typedef CWebSocketFrameParser P;
+const int More = P::eResultMore, Paused = P::eResultPaused, Closed = P::eResultClosed,
+          Error = P::eResultError;
 // The masking key of the RFC examples.
 const std::string key = "\x37\xfa\x21\x3d";
 
@@ -194,38 +193,34 @@ TEST(WebSocketCodecTest, Utf8ValidatorAtEverySplit)
     }
 }
 
-TEST(WebSocketCodecTest, WriterBuildsServerFrames)
+TEST(WebSocketCodecTest, WriterBuildsServerFramesAndHandshakeKeys)
 {
-    const auto header = [](int opcode, bool fin, uint64_t size) {
-        unsigned char out[W::c_maxHeaderSize];
-        return std::string(reinterpret_cast<char *>(out), W::WriteHeader(out, opcode, fin, size));
-    };
-    EXPECT_EQ("\x02\x7D", header(NVQ::eWsOpBinary, false, 125));
-    EXPECT_EQ("\x80\x7E\xFF\xFF", header(NVQ::eWsOpContinuation, true, 65535));
-    EXPECT_EQ("\x81\x7F\x01\x02\x03\x04\x05\x06\x07\x08",
-              header(NVQ::eWsOpText, true, 0x0102030405060708ull));
-    const int savedMode = GetKzfAssertMode();
-    SetKzfAssertMode(1); // caller errors: check the harmless path
-    EXPECT_EQ("", header(NVQ::eWsOpPing, false, 0));
-    EXPECT_EQ("", header(NVQ::eWsOpPong, true, 126));
-    EXPECT_EQ("", header(3, true, 0));
-    SetKzfAssertMode(savedMode);
-
     unsigned char out[W::c_maxControlFrameSize];
     const auto text = [&out](size_t n) { return std::string(reinterpret_cast<char *>(out), n); };
-    EXPECT_EQ("\x88\x05\x03\xE8"s + "bye", text(W::WriteClose(out, 1000, "bye", 3)));
-    EXPECT_EQ("\x88\x00"s, text(W::WriteClose(out, 1005, "lost", 4)));
-    EXPECT_EQ("\x89\x05Hello", text(W::WritePing(out, "Hello", 5)));
-    EXPECT_EQ("\x8A\x00"s, text(W::WritePong(out, "", 0)));
-    // 122 + a two-byte character exceeds 123: the whole character goes.
+    const auto header = [&](int opcode, bool fin, uint64_t size) {
+        return text(W::WriteHeader(out, opcode, fin, size));
+    };
     const std::string reason = std::string(122, 'a') + "\xC3\xA9";
-    EXPECT_EQ("\x88\x7C\x0F\xA0" + std::string(122, 'a'), text(W::WriteClose(out, 4000, reason.data(), 124)));
-}
-
-TEST(WebSocketCodecTest, HandshakeKeys)
-{
-    EXPECT_EQ("s3pPLMBiTxaQ9kYGzzhZRbK+xOo=",
-              NVQ::CWebSocketHandshake::ComputeAcceptKey("dGhlIHNhbXBsZSBub25jZQ=="));
+    const int savedMode = GetKzfAssertMode();
+    SetKzfAssertMode(1); // caller errors: check the harmless path
+    // clang-format off
+    const std::pair<std::string, std::string> cases[] = {
+        {"\x02\x7D", header(NVQ::eWsOpBinary, false, 125)},
+        {"\x80\x7E\xFF\xFF", header(NVQ::eWsOpContinuation, true, 65535)},
+        {"\x81\x7F\x01\x02\x03\x04\x05\x06\x07\x08", header(NVQ::eWsOpText, true, 0x0102030405060708ull)},
+        {"", header(NVQ::eWsOpPing, false, 0)}, {"", header(NVQ::eWsOpPong, true, 126)}, {"", header(3, true, 0)},
+        {"\x88\x05\x03\xE8"s + "bye", text(W::WriteClose(out, 1000, "bye", 3))},
+        {"\x88\x00"s, text(W::WriteClose(out, 1005, "lost", 4))},
+        {"\x89\x05Hello", text(W::WritePing(out, "Hello", 5))},
+        {"\x8A\x00"s, text(W::WritePong(out, "", 0))},
+        // 122 + a two-byte character exceeds 123: the whole character goes.
+        {"\x88\x7C\x0F\xA0" + std::string(122, 'a'), text(W::WriteClose(out, 4000, reason.data(), 124))},
+        {"s3pPLMBiTxaQ9kYGzzhZRbK+xOo=", NVQ::CWebSocketHandshake::ComputeAcceptKey("dGhlIHNhbXBsZSBub25jZQ==")},
+    };
+    // clang-format on
+    SetKzfAssertMode(savedMode);
+    for (const auto &c : cases)
+        EXPECT_EQ(c.first, c.second);
     EXPECT_TRUE(NVQ::CWebSocketHandshake::IsValidClientKey("dGhlIHNhbXBsZSBub25jZQ=="));
     for (const char *key : {"dGhlIHNhbXBsZSBub25jZQ", "dGhlIHNhbXBsZSBub25jZR==", "AAAAAAAAAAAAAAAAAAAAAAAA",
                             "AAAAAAAAAAAAAAAAAAAA", " dGhlIHNhbXBsZSBub25jZQ==", ""})

@@ -8,7 +8,6 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
-#include <memory>
 #include <mutex>
 #include <string>
 #include <thread>
@@ -81,12 +80,9 @@ class CKeepingHandler : public NVQ::IWebSocketHandler
         return m_sessions.size() < count ? nullptr : m_sessions.back();
     }
 
-    bool m_accept = true;
-    bool m_closeWhenFull = true;
-    std::string m_pick;
-    std::string m_origin;
-    std::atomic<int> m_closedWith{0};
-    std::atomic<int> m_fullCount{0};
+    bool m_accept = true, m_closeWhenFull = true;
+    std::string m_pick, m_origin;
+    std::atomic<int> m_closedWith{0}, m_fullCount{0};
     std::mutex m_mutex;
     std::vector<KZF::CRefCountPtr<NVQ::CWebSocketSession>> m_sessions;
 };
@@ -221,28 +217,31 @@ TEST_F(WebSocketSessionTest, QuietConnectionIsPingedAndDroppedWhenThePingGoesUna
 }
 
 // 100 subscribers while 4 threads log 50,000 messages: one in ten reads
-// along, the others read nothing until the logging is over. Logging never waits for them, and
-// each accounts for every message: received, or counted in a lost notice.
+// along, the others read nothing until the logging is over. Logging never
+// waits for them, and each accounts for every message: received, or counted
+// in a lost notice.
 TEST(LiveLogTest, EverySubscriberGetsEachMessageOrItsExactLoss)
 {
-    NVQTest::raiseFileLimit();
     NVQ::CHTTPLiveLogHandler live("/live");
     NVQ::CHTTPServer server;
     server.RegisterHandler(live, false);
     NVQ::SHTTPServerOptions options;
     options.m_port = 0;
     ASSERT_TRUE(server.StartServer(options));
-    const int subscribers = 100, loggerCount = 4, perLogger = 12500;
-    std::vector<std::unique_ptr<CTestClient>> clients;
-    for (int i = 0; i < subscribers; ++i) {
-        clients.emplace_back(new CTestClient());
-        ASSERT_NE(std::string::npos, handshake(*clients.back(), server.GetPort(), "/live").find("101"));
-    }
+    const int subscribers = 100;
+    std::vector<CTestClient> clients(subscribers);
+    for (CTestClient &client : clients)
+        ASSERT_NE(std::string::npos, handshake(client, server.GetPort(), "/live").find("101"));
     std::vector<uint64_t> lostTotal(subscribers, 0);
-    auto read = [&](int i) {
-        return std::thread([&, i] {
+    const auto log = [](const char *format, int t, int n) {
+        KZF::CLogger::GetInstance().LogMessage(5, __FILE__, __LINE__, "test", KZF::CLogger::c_noneObjPtr,
+                                               format, t, n);
+    };
+    std::vector<std::thread> readers, loggers;
+    const auto read = [&](int i) {
+        readers.emplace_back([&, i] {
             for (uint64_t last = 0, lost = 0;;) {
-                const auto frame = readFrame(*clients[i], 30000);
+                const auto frame = readFrame(clients[i], 30000);
                 ASSERT_EQ(1, frame.first) << "subscriber " << i;
                 const std::string &json = frame.second;
                 if (json.compare(0, 8, "{\"lost\":") == 0) {
@@ -259,25 +258,20 @@ TEST(LiveLogTest, EverySubscriberGetsEachMessageOrItsExactLoss)
             }
         });
     };
-    std::vector<std::thread> readers, loggers;
     for (int i = 0; i < subscribers; i += 10)
-        readers.push_back(read(i));
-    for (int t = 0; t < loggerCount; ++t) {
-        loggers.emplace_back([t] {
-            for (int n = 0; n < perLogger; ++n)
-                KZF::CLogger::GetInstance().LogMessage(
-                    5, __FILE__, __LINE__, "test", KZF::CLogger::c_noneObjPtr, "logger %d message %d", t, n);
+        read(i);
+    for (int t = 0; t < 4; ++t)
+        loggers.emplace_back([&log, t] {
+            for (int n = 0; n < 12500; ++n)
+                log("logger %d message %d", t, n);
         });
-    }
     for (std::thread &logger : loggers)
         logger.join();
-    KZF::CLogger::GetInstance().LogMessage(5, __FILE__, __LINE__, "test", KZF::CLogger::c_noneObjPtr,
-                                           "all logged");
+    log("all logged", 0, 0);
     // The others wake up to what is left in the ring.
-    for (int i = 0; i < subscribers; ++i) {
+    for (int i = 0; i < subscribers; ++i)
         if (i % 10 != 0)
-            readers.push_back(read(i));
-    }
+            read(i);
     for (std::thread &reader : readers)
         reader.join();
     uint64_t idleLost = 0;

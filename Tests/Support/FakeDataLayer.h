@@ -15,6 +15,14 @@
 namespace NVQTest
 {
 
+class CFakeAddress : public NVQ::INVQConnectionAddress
+{
+  public:
+    explicit CFakeAddress(const std::string &text) : m_text(text) {}
+    KZF::tstring ToString() const override { return m_text; }
+    std::string m_text;
+};
+
 class CFakeDataLayer : public NVQ::INVQDataLayer
 {
   public:
@@ -53,38 +61,27 @@ class CFakeDataLayer : public NVQ::INVQDataLayer
         }
         const bool recorded = size > 0 && size <= (1 << 20);
         m_writes.push_back({size, recorded ? std::string(static_cast<const char *>(data), size) : ""});
-        m_trace.push_back("send");
         return size;
     }
 
     void RegisterNotification(NVQ::INVQDataLayerNotification &notification) override
     {
         m_pNotification = &notification;
-        m_trace.push_back("register");
     }
 
     void UnregisterNotification(NVQ::INVQDataLayerNotification &notification) override
     {
         if (m_pNotification == &notification)
             m_pNotification = nullptr;
-        m_trace.push_back("unregister");
     }
 
-    class CAddress : public NVQ::INVQConnectionAddress
-    {
-      public:
-        KZF::tstring ToString() const override { return "192.0.2.7:51234"; }
-    };
     const NVQ::INVQConnectionAddress *GetRemoteAddress() const override { return &m_address; }
     bool IsSecure() const override { return false; }
     // A peer that reads slowly: the library waits for OnDataSent.
     bool IsWritable() override { return m_writable; }
+    void SetReceivingBody(bool receiving) override { m_receivingBody = receiving; }
 
-    void Close() override
-    {
-        ++m_closes;
-        m_trace.push_back("close");
-    }
+    void Close() override { ++m_closes; }
 
     // What the framework would do: a data notification, or a close
     // notification, to whoever is registered.
@@ -114,21 +111,14 @@ class CFakeDataLayer : public NVQ::INVQDataLayer
             all += item;
         return all;
     }
-    void ClearRecords()
-    {
-        m_writes.clear();
-        m_trace.clear();
-        m_readSizes.clear();
-    }
 
     NVQ::INVQDataLayerNotification *m_pNotification = nullptr;
     std::deque<std::string> m_pending;
     std::vector<int> m_readSizes;
     std::vector<SWrite> m_writes;
-    std::vector<std::string> m_trace;
     int m_closes = 0;
-    CAddress m_address;
-    bool m_writable = true;
+    CFakeAddress m_address{"192.0.2.7:51234"};
+    bool m_writable = true, m_receivingBody = false;
     // Writes from this index on fail (-1 leaves it off).
     int m_failFromWrite = -1;
     int m_failedWrites = 0;

@@ -13,14 +13,6 @@
 namespace NVQTest
 {
 
-class CFakeAddress : public NVQ::INVQConnectionAddress
-{
-  public:
-    explicit CFakeAddress(const std::string &text) : m_text(text) {}
-    KZF::tstring ToString() const override { return m_text; }
-    std::string m_text;
-};
-
 class CFakeMultiPointLayer : public NVQ::INVQMultiPointLayer
 {
   public:

@@ -24,7 +24,15 @@ namespace NVQTest
 class CNginx
 {
   public:
-    ~CNginx() { Stop(); }
+    ~CNginx()
+    {
+        if (m_pid > 0) {
+            ::kill(m_pid, SIGQUIT);
+            ::waitpid(m_pid, nullptr, 0);
+        }
+        if (!m_directory.empty() && std::system(("rm -rf '" + m_directory + "'").c_str()) == 0)
+            m_directory.clear();
+    }
 
     // `servers` goes into the http block; "{port}" in it is the port nginx
     // gets. True once nginx answers connections.
@@ -67,17 +75,6 @@ class CNginx
         std::stringstream text;
         text << std::ifstream(m_directory + "/error.log").rdbuf();
         return text.str();
-    }
-
-    void Stop()
-    {
-        if (m_pid > 0) {
-            ::kill(m_pid, SIGQUIT);
-            ::waitpid(m_pid, nullptr, 0);
-            m_pid = -1;
-        }
-        if (!m_directory.empty() && std::system(("rm -rf '" + m_directory + "'").c_str()) == 0)
-            m_directory.clear();
     }
 
   private:

@@ -62,7 +62,6 @@ class CScriptedHandler : public NVQ::IHTTPRequestHandler, public NVQ::IHTTPExcha
 
     bool CanProcessUri(const KZF::tstring &uri) override
     {
-        ++m_canProcessCalls;
         return uri.compare(0, m_prefix.size(), m_prefix) == 0;
     }
     KZF::CRefCountPtr<NVQ::CHTTPResponse> ProcessRequest(NVQ::CHTTPRequest &request,
@@ -114,7 +113,6 @@ class CScriptedHandler : public NVQ::IHTTPRequestHandler, public NVQ::IHTTPExcha
     std::vector<int> m_pullIDs;
     std::vector<int> m_endedIDs;
     std::vector<std::string> m_uris;
-    std::atomic<int> m_canProcessCalls{0};
     std::atomic<int> m_interrupts{0};
 };
 

@@ -10,7 +10,6 @@
 #include <netinet/tcp.h>
 #include <poll.h>
 #include <string>
-#include <sys/resource.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -155,16 +154,6 @@ class CTestClient
     bool m_closed = false;
     std::string m_leftover;
 };
-
-// Tests that open thousands of sockets need more than the usual soft limit.
-inline void raiseFileLimit()
-{
-    struct rlimit limit;
-    if (::getrlimit(RLIMIT_NOFILE, &limit) == 0 && limit.rlim_cur < limit.rlim_max) {
-        limit.rlim_cur = limit.rlim_max;
-        ::setrlimit(RLIMIT_NOFILE, &limit);
-    }
-}
 
 } // namespace NVQTest
 
