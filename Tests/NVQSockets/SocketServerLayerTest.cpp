@@ -268,6 +268,28 @@ TEST_F(SocketServerLayerTest, StalledExchangesDoNotStallOthersAndLaterStallsReus
     EXPECT_EQ(workers[0], workers[1]) << "no thread more than the first stall needed";
 }
 
+// The notification contract: nothing reaches a notification after UnregisterNotification returns.
+TEST_F(SocketServerLayerTest, UnregisterWaitsForADeliveryRunningOnAnotherThread)
+{
+    std::atomic<bool> inside(false), release(false), unregistered(false);
+    m_listener.m_onData = [&](CTestConnection &, INVQDataLayer &, const std::string &) {
+        inside = true;
+        while (!release)
+            std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    };
+    CTestClient client;
+    ASSERT_TRUE(Open(client, "hold"));
+    ASSERT_TRUE(waitFor([&] { return inside.load(); }));
+    std::thread other([&] {
+        m_listener.m_pDelivered.load()->Detach();
+        unregistered = true;
+    });
+    std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    EXPECT_FALSE(unregistered.load()) << "UnregisterNotification returned while its delivery ran";
+    release = true;
+    other.join();
+}
+
 TEST_F(SocketServerLayerTest, ServerCloseKeepsTheAnswerWhenThePeerIsStillSending)
 {
     // The peer sends far more than is ever read, and reads the answer only
