@@ -202,6 +202,8 @@ TEST_F(SocketServerLayerTest, EchoesOverIPv4AndIPv6AndNamesBothEnds)
         EXPECT_TRUE(
             ::testing::internal::RE::FullMatch(m_listener.m_addresses[i], names[i] + std::to_string(m_port)))
             << m_listener.m_addresses[i];
+    for (const auto &connection : m_listener.m_connections)
+        EXPECT_EQ(0, connection->m_sentNotices.load()) << "a writable notice nobody asked for";
 }
 
 TEST_F(SocketServerLayerTest, StartFailsWhenThePortIsTakenOrTheServerRunsAndRestartsAfterStop)
