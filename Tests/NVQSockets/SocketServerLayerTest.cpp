@@ -19,11 +19,35 @@
 #include <vector>
 
 #ifdef NVQ_WITH_TLS
+#include <openssl/crypto.h>
 #include <openssl/ssl.h>
 #endif
 
 namespace
 {
+
+#ifdef NVQ_WITH_TLS
+// OpenSSL's live allocations, counted from before its first one.
+std::atomic<long> s_opensslLive{0};
+void *countedMalloc(size_t size, const char *, int)
+{
+    void *block = std::malloc(size);
+    s_opensslLive += block != nullptr ? 1 : 0;
+    return block;
+}
+void *countedRealloc(void *block, size_t size, const char *, int)
+{
+    void *moved = std::realloc(block, size);
+    s_opensslLive += block == nullptr && moved != nullptr ? 1 : 0;
+    return moved;
+}
+void countedFree(void *block, const char *, int)
+{
+    s_opensslLive -= block != nullptr ? 1 : 0;
+    std::free(block);
+}
+const bool s_opensslCounted = CRYPTO_set_mem_functions(countedMalloc, countedRealloc, countedFree) == 1;
+#endif
 
 using NVQ::INVQDataLayer;
 using NVQTest::CTestClient;
@@ -535,6 +559,12 @@ TEST_F(SocketServerLayerTest, TlsPortEchoesSendsFilesAndEndsSessionsWithCloseNot
          {std::string("-----BEGIN CERTIFICATE-----\nbroken\n-----END CERTIFICATE-----\n"), text("/weak.pem")})
         EXPECT_FALSE(m_server.SetTlsCertificate(text("/cert.pem") + next, text("/key.pem"), false)) << next;
     EXPECT_TRUE(m_server.SetTlsCertificate(text("/cert.pem"), text("/key.pem"), false));
+    // A device renewing its certificate again and again keeps no old ones.
+    const std::string cert = text("/cert.pem"), key = text("/key.pem");
+    const long live = s_opensslLive.load();
+    for (int i = 0; i < 20; ++i)
+        m_server.SetTlsCertificate(cert, key, false);
+    EXPECT_TRUE(!s_opensslCounted || s_opensslLive.load() - live < 20) << s_opensslLive.load() - live;
     EXPECT_EQ(0, std::system(("rm -r " + dir).c_str()));
     m_server.SetTlsPort(0);
     ASSERT_TRUE(m_server.StartServer(0, -1, true));
