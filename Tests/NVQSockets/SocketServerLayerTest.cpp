@@ -7,6 +7,7 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -428,6 +429,19 @@ TEST_F(SocketServerLayerTest, OtherThreadsSeeWhatWaitsWakeTheWriterSendFilesAndG
     m_server.SetSendTimeout(100);
     std::thread([&] { flood(layer, 1 << 20); }).join();
     EXPECT_TRUE(waitFor([&] { return m_listener.m_closes.load() == 1; }));
+}
+
+TEST_F(SocketServerLayerTest, AFileShorterThanItsRangeEndsTheConnection)
+{
+    const int fd = FileOf("ten bytes!");
+    m_listener.m_onData = [fd](CTestConnection &, INVQDataLayer &layer, const std::string &) {
+        errno = EAGAIN; // as the last read left it: the file's end must not pass for a full socket
+        layer.SendFile(fd, 0, 1000, nullptr);
+    };
+    CTestClient client;
+    ASSERT_TRUE(Open(client, "go"));
+    EXPECT_EQ("ten bytes!", client.Receive(10));
+    EXPECT_TRUE(client.WaitClosed(2000)) << "the answer can no longer be what was announced";
 }
 
 TEST_F(SocketServerLayerTest, PiecesWaitingForASlowPeerKeepOrderCountOnlyMemoryAndGiveTheirHoldersBack)

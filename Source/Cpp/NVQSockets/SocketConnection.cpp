@@ -497,12 +497,15 @@ template <class TCall> void CSocketConnection::Deliver(TCall call)
         m_loop.BeginCall(this);
         call(*notification);
         m_loop.EndCall();
-        --t_depth;
+        // Still counted as this thread's own while the gathered writes go
+        // out: a failed send reports the close from here, and a notification
+        // that unregisters in it must not wait for this delivery to end.
         if (ownsContext) {
             if (context.m_pConnection == this)
                 FlushGathered();
             context.m_pConnection = nullptr;
         }
+        --t_depth;
     }
     m_activeDeliveries.fetch_sub(1);
     if (m_unregisterWaiting.load() > 0) {
