@@ -115,7 +115,7 @@ class CTestListener : public NVQ::INVQMultiPointLayerNotification
     std::vector<std::unique_ptr<CTestConnection>> m_connections;
     std::vector<std::string> m_addresses;
     std::atomic<CTestConnection *> m_pDelivered{nullptr}; // the latest to get bytes
-    std::atomic<int> m_accepted{0}, m_dataNotifications{0}, m_closes{0};
+    std::atomic<int> m_accepted{0}, m_dataNotifications{0}, m_deliveriesEnded{0}, m_closes{0};
 };
 
 void CTestConnection::OnDataReceived(INVQDataLayer &layer)
@@ -132,6 +132,7 @@ void CTestConnection::OnDataReceived(INVQDataLayer &layer)
     m_owner.m_pDelivered = this;
     if (!bytes.empty())
         m_owner.m_onData(*this, layer, bytes);
+    ++m_owner.m_deliveriesEnded;
 }
 
 void CTestConnection::OnConnectionClosed(INVQDataLayer &)
@@ -404,9 +405,9 @@ TEST_F(SocketServerLayerTest, AtTheCapTheLongestIdleMakesRoomUnlessNoneIsIdle)
     // Nobody idle: a newcomer is turned away, and nobody else is harmed.
     for (CTestClient *client : {&clients[1], &clients[2], &newcomer})
         ASSERT_TRUE(client->Send("part"));
-    ASSERT_TRUE(waitFor([&] { return m_listener.m_dataNotifications.load() >= 8; }));
-    // A loop files a request as begun just after its delivery returns; on a
-    // loaded machine (emulated armhf) that can come after the next accept.
+    ASSERT_TRUE(waitFor([&] { return m_listener.m_deliveriesEnded.load() >= 8; }));
+    // A loop files a request as begun just after its delivery returns: give
+    // a loaded machine (emulated armhf) time for that before the next accept.
     std::this_thread::sleep_for(std::chrono::milliseconds(100));
     ASSERT_TRUE(refused.Connect(m_port)); // the kernel completes the handshake
     EXPECT_TRUE(refused.WaitClosed(2000));
