@@ -210,6 +210,15 @@ class DefaultHandlerServerTest : public DefaultHandlerTest
         m_server.StopServer();
         m_server.UnregisterHandler(m_handler);
     }
+    // Sizes past 4 GiB wrap in a 32-bit off_t, long or size_t: /beyond4g is a
+    // sparse file of 4 GiB + 3 bytes with "bcd" across the 4 GiB mark.
+    void MakeBeyondFourGiB()
+    {
+        const int fd = ::open((m_site.m_root + "/beyond4g").c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0644);
+        const off_t fourGiB = static_cast<off_t>(int64_t{1} << 32);
+        ASSERT_TRUE(fd >= 0 && ::ftruncate(fd, fourGiB + 3) == 0 && ::pwrite(fd, "bcd", 3, fourGiB - 1) == 3);
+        ::close(fd);
+    }
 
     NVQ::CHTTPServer m_server;
 };
@@ -252,12 +261,9 @@ TEST_F(DefaultHandlerServerTest, AnswersInTheirWireForm)
     }
 }
 
-// Sizes past 4 GiB wrap in a 32-bit off_t, long or size_t.
 TEST_F(DefaultHandlerServerTest, SparseFileBeyondFourGiBIsAnnouncedExactly)
 {
-    const std::string path = m_site.m_root + "/beyond4g";
-    std::ofstream(path).close();
-    ASSERT_EQ(0, ::truncate(path.c_str(), static_cast<off_t>((int64_t{1} << 32) + 3)));
+    ASSERT_NO_FATAL_FAILURE(MakeBeyondFourGiB());
     CTestClient client;
     ASSERT_TRUE(client.Connect(m_server.GetPort()));
     client.Send("GET /beyond4g HTTP/1.1\r\nHost: t\r\n\r\n");
@@ -378,15 +384,9 @@ TEST_F(WebFilesServerTest, AnswersOnOneKeptConnection)
     }
 }
 
-// A range past 4 GiB reads the right bytes where off_t, long or size_t are 32 bits wide (armhf).
 TEST_F(WebFilesServerTest, RangeBeyondFourGiBReadsTheBytesThere)
 {
-    const std::string path = m_site.m_root + "/beyond4g";
-    std::ofstream(path).close();
-    const int fd = ::open(path.c_str(), O_WRONLY | O_CLOEXEC);
-    const off_t fourGiB = static_cast<off_t>(int64_t{1} << 32);
-    ASSERT_TRUE(fd >= 0 && ::ftruncate(fd, fourGiB + 3) == 0 && ::pwrite(fd, "bcd", 3, fourGiB - 1) == 3);
-    ::close(fd);
+    ASSERT_NO_FATAL_FAILURE(MakeBeyondFourGiB());
     const auto answer = Exchange("GET", "/beyond4g", "Range: bytes=4294967295-4294967297\r\n");
     EXPECT_NE(std::string::npos,
               answer.first.find("Content-Range: bytes 4294967295-4294967297/4294967299\r\n"));
