@@ -107,6 +107,7 @@ c1000     | small | http  | /1k.bin         | 1000 | --timeout 10s             |
 100k      | large | http  | /100k.bin       | 32   |                           | 100 KiB, 32 connections
 100kclose | large | http  | /100k.bin       | 32   | -H "Connection: close"    | 100 KiB, every answer closes, 32 connections
 64m       | large | http  | /64m.bin        | 4    | --timeout 30s             | 64 MiB throughput, 4 connections
+64mclose  | large | http  | /64m.bin        | 4    | --timeout 30s -H "Connection: close" | 64 MiB, every transfer closes, 4 connections
 tls1k     | https | https | /1k.bin         | 32   |                           | HTTPS 1 KiB keep-alive, 32 connections
 tlsclose  | https | https | /1k.bin         | 32   | -H "Connection: close"    | HTTPS new connection per request, 32 connections
 tls64m    | https | https | /64m.bin        | 4    | --timeout 30s             | HTTPS 64 MiB throughput, 4 connections

@@ -6,7 +6,7 @@ import re
 
 
 # Scenarios judged by bytes per second rather than requests per second.
-THROUGHPUT_SCENARIOS = {"64m", "tls64m"}
+THROUGHPUT_SCENARIOS = {"64m", "64mclose", "tls64m"}
 # Scenarios whose requests are each a new TLS connection.
 HANDSHAKE_SCENARIOS = {"tlsclose"}
 
