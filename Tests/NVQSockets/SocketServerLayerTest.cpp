@@ -115,12 +115,11 @@ class CTestListener : public NVQ::INVQMultiPointLayerNotification
     std::vector<std::unique_ptr<CTestConnection>> m_connections;
     std::vector<std::string> m_addresses;
     std::atomic<CTestConnection *> m_pDelivered{nullptr}; // the latest to get bytes
-    std::atomic<int> m_accepted{0}, m_dataNotifications{0}, m_deliveriesEnded{0}, m_closes{0};
+    std::atomic<int> m_accepted{0}, m_deliveriesEnded{0}, m_closes{0};
 };
 
 void CTestConnection::OnDataReceived(INVQDataLayer &layer)
 {
-    ++m_owner.m_dataNotifications;
     std::string bytes;
     char buffer[4096];
     int n;
