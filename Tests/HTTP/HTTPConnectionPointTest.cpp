@@ -199,6 +199,40 @@ TEST_F(ConnectionPointTest, StreamIsPulledUntilThePieceMarkedLastOrANullOne)
     EXPECT_EQ(4u, m_handler.PullIDs().size());
 }
 
+// The connection hears that the peer sends nothing more only when the
+// request that ends it asked to close and nothing followed it.
+TEST_F(ConnectionPointTest, ThePeerIsDoneWhenItsLastRequestAskedToCloseAndNothingFollowed)
+{
+    m_handler.m_onProcess = [](NVQ::CHTTPRequest &request, int) {
+        // "/s" streams (and so closes in the reference mode); others are whole.
+        return makeResponse(200, "OK", "x", request.GetUri() != "/s", false);
+    };
+    const std::string a = "GET /a HTTP/1.1\r\nHost: a\r\n", stream = "GET /s HTTP/1.1\r\nHost: a\r\n";
+    const std::string close = "Connection: keep-alive, Close\r\n\r\n";
+    const struct {
+        const char *name;
+        Items arrivals;
+        bool strict, done;
+    } cases[] = {
+        {"asked to close", {stream + close}, false, true},
+        {"a later request was cut",
+         {a + close, a + std::string(NVQ::CHTTPConnectionPoint::c_defaultMaxHeaderBytes, 'h')},
+         false,
+         false},
+        {"keep-alive", {stream + "\r\n"}, false, false},
+        {"strict, asked to close", {a + close}, true, true},
+        {"strict, HTTP/1.0 without asking", {"GET /a HTTP/1.0\r\n\r\n"}, true, false},
+        {"strict, bytes behind the request", {stream + close + "GET"}, true, false},
+    };
+    for (const auto &c : cases) {
+        SCOPED_TRACE(c.name);
+        m_handler.m_onPull = [](int) { return makeResponse(200, "OK", "y", true, true); };
+        Serve(c.arrivals, c.strict);
+        EXPECT_EQ(1, Data().m_closes);
+        EXPECT_EQ(c.done, Data().m_noMoreInput);
+    }
+}
+
 // A slow peer holds the pulls until it is writable again; a stream that
 // matched its declared length then keeps the connection when asked to.
 TEST_F(ConnectionPointTest, StreamToASlowPeerWaitsUntilItIsWritable)

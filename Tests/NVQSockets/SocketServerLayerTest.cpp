@@ -354,6 +354,32 @@ TEST_F(SocketServerLayerTest, ServerCloseKeepsTheAnswerWhenThePeerIsStillSending
     EXPECT_TRUE(waitFor([&] { return answered.load(); })); // the answer's memory stays until it is sent
 }
 
+// A server close while the peer's window is full leaves answer bytes in the
+// kernel: the connection lingers for a peer that may still send, and ends at
+// once for one that said it sends nothing more. Either way the answer
+// arrives whole.
+TEST_F(SocketServerLayerTest, AServerCloseLingersUnlessThePeerIsDoneSending)
+{
+    const std::string answer(256 * 1024, 'a');
+    for (const bool done : {false, true}) {
+        SCOPED_TRACE(done ? "peer done" : "peer may send");
+        m_listener.m_onData = [&](CTestConnection &connection, INVQDataLayer &layer, const std::string &) {
+            layer.SendData(answer.data(), static_cast<int>(answer.size()));
+            connection.Detach();
+            if (done)
+                layer.SetNoMoreInput();
+            layer.Close();
+        };
+        const int ended = m_listener.m_deliveriesEnded.load();
+        CTestClient client;
+        ASSERT_TRUE(client.Connect(m_port));
+        ASSERT_TRUE(client.Send("bye"));
+        ASSERT_TRUE(waitFor([&] { return m_listener.m_deliveriesEnded.load() > ended; }));
+        EXPECT_EQ(done, waitFor([&] { return m_server.GetConnectionCount() == 0; }, 300));
+        EXPECT_EQ(answer, client.ReceiveUntilClosed(2000));
+    }
+}
+
 TEST_F(SocketServerLayerTest, NeverCompletedRequestsAndIdleConnectionsAreClosedAfterTheirTimeouts)
 {
     m_server.SetRequestTimeout(200);

@@ -82,6 +82,7 @@ class CFakeDataLayer : public NVQ::INVQDataLayer
     void SetReceivingBody(bool receiving) override { m_receivingBody = receiving; }
 
     void Close() override { ++m_closes; }
+    void SetNoMoreInput() override { m_noMoreInput = true; }
 
     // What the framework would do: a data notification, or a close
     // notification, to whoever is registered.
@@ -117,6 +118,7 @@ class CFakeDataLayer : public NVQ::INVQDataLayer
     std::vector<int> m_readSizes;
     std::vector<SWrite> m_writes;
     int m_closes = 0;
+    bool m_noMoreInput = false;
     CFakeAddress m_address{"192.0.2.7:51234"};
     bool m_writable = true, m_receivingBody = false;
     // Writes from this index on fail (-1 leaves it off).

@@ -60,11 +60,12 @@ const CHTTPResponse &closingAnswer(int status)
 CHTTPConnectionPoint::CHTTPConnectionPoint(INVQDataLayer &dataLayer, CHTTPLayer &layer, int connectionID)
     : m_pDataLayer(&dataLayer), m_pLayer(&layer), m_pHandler(nullptr), m_receivedSize(0),
       m_connectionID(connectionID), m_isClosed(false), m_exchange(eNoExchange), m_detachAfterExchange(false),
-      m_strict(false), m_headOnly(false), m_bodyDecided(false), m_maxHeaderBytes(c_defaultMaxHeaderBytes),
-      m_maxBodyBytes(c_defaultMaxBodyBytes), m_pDecidedHandler(nullptr), m_pBodyHandler(nullptr),
-      m_bodyState(eBodyMore), m_chunkedBody(false), m_bodyRemaining(0), m_bodyLimit(0), m_consumed(0),
-      m_keepAfterStream(false), m_streamDeclared(-1), m_streamSent(0), m_pCastHandler(nullptr),
-      m_pEndNotification(nullptr), m_pBodyCastHandler(nullptr), m_pBodyCast(nullptr), m_secure(false)
+      m_peerDone(false), m_strict(false), m_headOnly(false), m_bodyDecided(false),
+      m_maxHeaderBytes(c_defaultMaxHeaderBytes), m_maxBodyBytes(c_defaultMaxBodyBytes),
+      m_pDecidedHandler(nullptr), m_pBodyHandler(nullptr), m_bodyState(eBodyMore), m_chunkedBody(false),
+      m_bodyRemaining(0), m_bodyLimit(0), m_consumed(0), m_keepAfterStream(false), m_streamDeclared(-1),
+      m_streamSent(0), m_pCastHandler(nullptr), m_pEndNotification(nullptr), m_pBodyCastHandler(nullptr),
+      m_pBodyCast(nullptr), m_secure(false)
 {
     m_pDataLayer->RegisterNotification(*this);
     m_receiveBuffer.SetSize(c_initialBufferSize);
@@ -203,6 +204,10 @@ void CHTTPConnectionPoint::ProcessBuffered(bool overBound)
         if (result == CHTTPRequestParser::eParseComplete) {
             m_consumed = consumed;
             const KZF::CRefCountPtr<CHTTPRequest> request = m_parser.GetRequest();
+            // A peer that asked to close and sent nothing past its request
+            // has nothing more to send.
+            m_peerDone = !request.IsNull() && consumed == m_receivedSize &&
+                         request->HasHeaderToken("connection", "close");
             if (m_strict && !request.IsNull())
                 TakeConnectionOptions(*request);
             // A request its body handler took was answered already.
@@ -411,6 +416,7 @@ void CHTTPConnectionPoint::AfterDispatch()
         if (!m_isClosed)
             Detach();
     }
+    m_peerDone = false;
 }
 
 void CHTTPConnectionPoint::UpdateIdle()
@@ -486,6 +492,8 @@ void CHTTPConnectionPoint::Detach()
     if (dataLayer == nullptr)
         return;
     dataLayer->UnregisterNotification(*this);
+    if (m_peerDone)
+        dataLayer->SetNoMoreInput();
     dataLayer->Close();
     m_pDataLayer = nullptr;
     // No close notification will come: leave the table now, so that it only

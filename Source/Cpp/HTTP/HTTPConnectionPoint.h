@@ -146,6 +146,7 @@ class CHTTPConnectionPoint : private INVQDataLayerNotification, public KZF::CRef
     KZF::CRefCountPtr<CHTTPRequest> m_request;
     KZF::CRefCountPtr<CHTTPResponse> m_piece;
     bool m_detachAfterExchange; // close once the answer is out
+    bool m_peerDone;            // the request asked to close and was read whole
     bool m_strict;
     bool m_headOnly;    // strict: the header block alone is written
     bool m_bodyDecided; // the handler of this request has been chosen

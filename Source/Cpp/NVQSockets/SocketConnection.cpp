@@ -86,9 +86,9 @@ CSocketConnection::CSocketConnection(CEventLoop &loop, int fd, const struct sock
       m_pTransport(&CSocketTransport::Plain()), m_localAddress(*this), m_broken(false),
       m_closedByServer(false), m_closeDelivered(false), m_readable(false), m_endSeen(false),
       m_peerClosed(false), m_hangUp(false), m_readPaused(false), m_wantSent(false), m_longLived(false),
-      m_receivingBody(false), m_wakeRequested(false), m_pendingBytes(0), m_lingering(false),
-      m_readInDelivery(false), m_wroteInDelivery(false), m_readCalled(false), m_idleHint(-1),
-      m_wait(eWaitNone), m_deadline(0), m_waitSince(0), m_progress(0), m_lastProgress(0),
+      m_receivingBody(false), m_noMoreInput(false), m_wakeRequested(false), m_pendingBytes(0),
+      m_lingering(false), m_readInDelivery(false), m_wroteInDelivery(false), m_readCalled(false),
+      m_idleHint(-1), m_wait(eWaitNone), m_deadline(0), m_waitSince(0), m_progress(0), m_lastProgress(0),
       m_pNotification(nullptr), m_activeDeliveries(0), m_unregisterWaiting(false), m_sideScheduled(false)
 {
     m_remoteAddress.Set(remote, remoteLength);

@@ -49,6 +49,7 @@ class CSocketConnection : public INVQDataLayer
     void SetIdle(bool idle) override;
     void SetLongLived() override { m_longLived = true; }
     void SetReceivingBody(bool receiving) override { m_receivingBody = receiving; }
+    void SetNoMoreInput() override { m_noMoreInput = true; }
     size_t GetPendingOutput() const override;
     void NotifyWhenWritable() override;
     const INVQConnectionAddress *GetRemoteAddress() const override { return &m_remoteAddress; }
@@ -163,6 +164,7 @@ class CSocketConnection : public INVQDataLayer
     bool m_wantSent; // IsWritable answered false: OnDataSent is owed
     bool m_longLived;
     bool m_receivingBody;
+    bool m_noMoreInput;
     std::atomic<bool> m_wakeRequested;  // NotifyWhenWritable from another thread
     std::atomic<size_t> m_pendingBytes; // queue and side buffer, for GetPendingOutput
     bool m_lingering;

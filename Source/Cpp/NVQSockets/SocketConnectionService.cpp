@@ -179,11 +179,14 @@ bool CSocketConnection::NeedsLinger() const
     // Closing a socket with unread input sends a reset, and so does a closed
     // socket that input reaches later, which destroys whatever of the answer
     // the kernel still holds. Only a peer that may still be sending while
-    // the answer is on its way needs the slow close.
+    // the answer is on its way needs the slow close; one that promised to
+    // send nothing more does not.
     if (m_peerClosed)
         return false;
     if (m_readable || m_pTransport->HasBufferedInput())
         return true;
+    if (m_noMoreInput)
+        return false;
     int unsent = 0;
     return ::ioctl(GetFd(), SIOCOUTQ, &unsent) != 0 || unsent > 0;
 }

@@ -89,6 +89,11 @@ class INVQDataLayer : public KZF::CRefCount_Base
     // make room for a newcomer.
     virtual void SetLongLived() {}
 
+    // The peer has said it sends nothing more (an HTTP request that asked to
+    // close, read whole): a close from our side then ends the connection at
+    // once, with no slow close that reads on while the answer drains.
+    virtual void SetNoMoreInput() {}
+
     // True when the bytes travel encrypted (TLS below this layer).
     virtual bool IsSecure() const { return false; }
 
