@@ -357,7 +357,7 @@ TEST_F(SocketServerLayerTest, ServerCloseKeepsTheAnswerWhenThePeerIsStillSending
 // A server close while the peer's window is full leaves answer bytes in the
 // kernel: the connection lingers for a peer that may still send, and ends at
 // once for one that said it sends nothing more. Either way the answer
-// arrives whole.
+// arrives whole, and kept connections are never held back.
 TEST_F(SocketServerLayerTest, AServerCloseLingersUnlessThePeerIsDoneSending)
 {
     const std::string answer(256 * 1024, 'a');
@@ -378,6 +378,15 @@ TEST_F(SocketServerLayerTest, AServerCloseLingersUnlessThePeerIsDoneSending)
         EXPECT_EQ(done, waitFor([&] { return m_server.GetConnectionCount() == 0; }, 300));
         EXPECT_EQ(answer, client.ReceiveUntilClosed(2000));
     }
+    // Twenty answers on a kept connection: a held-back last segment would
+    // wait 200 ms each.
+    m_listener.m_onData = answerLines;
+    CTestClient kept;
+    ASSERT_TRUE(kept.Connect(m_port));
+    const auto start = std::chrono::steady_clock::now();
+    for (int i = 0; i < 20; ++i)
+        ASSERT_TRUE(kept.Send("line\n") && kept.Receive(2) == "ok");
+    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(2));
 }
 
 TEST_F(SocketServerLayerTest, NeverCompletedRequestsAndIdleConnectionsAreClosedAfterTheirTimeouts)

@@ -86,10 +86,11 @@ CSocketConnection::CSocketConnection(CEventLoop &loop, int fd, const struct sock
       m_pTransport(&CSocketTransport::Plain()), m_localAddress(*this), m_broken(false),
       m_closedByServer(false), m_closeDelivered(false), m_readable(false), m_endSeen(false),
       m_peerClosed(false), m_hangUp(false), m_readPaused(false), m_wantSent(false), m_longLived(false),
-      m_receivingBody(false), m_noMoreInput(false), m_wakeRequested(false), m_pendingBytes(0),
-      m_lingering(false), m_readInDelivery(false), m_wroteInDelivery(false), m_readCalled(false),
-      m_idleHint(-1), m_wait(eWaitNone), m_deadline(0), m_waitSince(0), m_progress(0), m_lastProgress(0),
-      m_pNotification(nullptr), m_activeDeliveries(0), m_unregisterWaiting(false), m_sideScheduled(false)
+      m_receivingBody(false), m_noMoreInput(false), m_tailHeld(false), m_wakeRequested(false),
+      m_pendingBytes(0), m_lingering(false), m_readInDelivery(false), m_wroteInDelivery(false),
+      m_readCalled(false), m_idleHint(-1), m_wait(eWaitNone), m_deadline(0), m_waitSince(0), m_progress(0),
+      m_lastProgress(0), m_pNotification(nullptr), m_activeDeliveries(0), m_unregisterWaiting(false),
+      m_sideScheduled(false)
 {
     m_remoteAddress.Set(remote, remoteLength);
 }
@@ -358,6 +359,7 @@ bool CSocketConnection::FlushGathered()
         int result = 0;
         if (m_queue.IsEmpty()) {
             uint64_t moved = 0;
+            HoldTailIfClosing();
             result = sendSegments(*m_pTransport, GetFd(), segments.data(), segments.size(), first, moved);
             m_progress += moved;
         }
@@ -589,6 +591,16 @@ void CSocketConnection::Close()
     // socket once it has. From another thread, the owner is told.
     if (!InOwnDelivery())
         m_loop.Post(CEventLoop::eTaskService, this);
+}
+
+void CSocketConnection::HoldTailIfClosing()
+{
+    // The answer's last bytes and the FIN share a segment, as they would
+    // were the close part of the last write.
+    if (m_tailHeld || !IsClosedByServer())
+        return;
+    m_tailHeld = true;
+    m_pTransport->HoldTailForClose(GetFd());
 }
 
 void CSocketConnection::CloseSocket()

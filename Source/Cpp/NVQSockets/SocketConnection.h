@@ -144,6 +144,8 @@ class CSocketConnection : public INVQDataLayer
     // sends. True once the connection can go.
     bool Linger(int64_t now);
     bool NeedsLinger() const;
+    // Before a send on a connection the server has closed.
+    void HoldTailIfClosing();
 
     CEventLoop &m_loop;
     std::atomic<int> m_fd;
@@ -165,6 +167,7 @@ class CSocketConnection : public INVQDataLayer
     bool m_longLived;
     bool m_receivingBody;
     bool m_noMoreInput;
+    bool m_tailHeld;                    // the transport holds partial segments for the FIN
     std::atomic<bool> m_wakeRequested;  // NotifyWhenWritable from another thread
     std::atomic<size_t> m_pendingBytes; // queue and side buffer, for GetPendingOutput
     bool m_lingering;

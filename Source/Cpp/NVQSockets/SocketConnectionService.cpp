@@ -63,6 +63,7 @@ CSocketConnection::EServiceResult CSocketConnection::Service(int64_t now)
     TakeSideBuffer();
     if (!m_queue.IsEmpty() && !IsBroken()) {
         uint64_t moved = 0;
+        HoldTailIfClosing();
         const int result = m_queue.Send(*m_pTransport, GetFd(), moved);
         m_progress += moved;
         if (result < 0)

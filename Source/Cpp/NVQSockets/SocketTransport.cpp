@@ -2,6 +2,8 @@
 
 #include <cerrno>
 #include <cstring>
+#include <netinet/in.h>
+#include <netinet/tcp.h>
 #include <sys/sendfile.h>
 #include <sys/socket.h>
 
@@ -43,6 +45,12 @@ ssize_t CSocketTransport::SendFile(int fd, int fileFd, int64_t offset, size_t si
 void CSocketTransport::ShutdownWrite(int fd)
 {
     ::shutdown(fd, SHUT_WR);
+}
+
+void CSocketTransport::HoldTailForClose(int fd)
+{
+    const int on = 1;
+    ::setsockopt(fd, IPPROTO_TCP, TCP_CORK, &on, sizeof(on));
 }
 
 CSocketTransport &CSocketTransport::Plain()

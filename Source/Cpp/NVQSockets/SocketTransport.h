@@ -30,6 +30,9 @@ class CSocketTransport
     virtual bool HasBufferedInput() const { return false; }
     // Ends the sending direction after everything written.
     virtual void ShutdownWrite(int fd);
+    // Nothing follows what is written from now on but the close: a last
+    // partial segment may wait for it and leave with the FIN.
+    virtual void HoldTailForClose(int fd);
     // The server closes a connection in good order (the encrypting
     // transport says goodbye in its own protocol); not after a failure.
     virtual void EndSession(int fd) { (void)fd; }

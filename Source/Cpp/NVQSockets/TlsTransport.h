@@ -26,6 +26,8 @@ class CTlsTransport : public CSocketTransport
     ssize_t SendFile(int fd, int fileFd, int64_t offset, size_t size) override;
     bool HasBufferedInput() const override;
     void ShutdownWrite(int fd) override;
+    // Records are not held back: the goodbye is a record of its own.
+    void HoldTailForClose(int fd) override { (void)fd; }
     void EndSession(int fd) override;
     void Release() override { delete this; }
     bool IsSecure() const override { return true; }
