@@ -189,6 +189,41 @@ TEST_F(DefaultHandlerTest, EachOptionAloneTakesEffect)
     }
 }
 
+// A trusted lookup spares the file system only for files it found, only
+// for the same path, and only for its lifetime.
+TEST_F(DefaultHandlerTest, FoundFilesAreTrustedForTheLookupLifetimeOnly)
+{
+    CSite other; // the same names in another directory, on the same thread
+    const struct {
+        int64_t lifetimeMs;
+        int waitMs;
+        bool removedStillFound;
+    } rows[] = {{0, 0, false}, {60000, 0, true}, {1, 30, false}};
+    int round = 0;
+    for (const auto &row : rows) {
+        const std::string name = "/t" + std::to_string(round++);
+        NVQ::CHTTPDefaultHandler::SFileOptions options;
+        options.m_lookupLifetimeMs = row.lifetimeMs;
+        m_handler.SetOptions(options);
+        NVQ::CHTTPDefaultHandler otherHandler(other.m_root);
+        otherHandler.SetOptions(options);
+
+        EXPECT_FALSE(m_handler.CanProcessUri(name)) << "nothing there yet";
+        m_site.Write(m_site.m_root + name, "was here");
+        EXPECT_TRUE(m_handler.CanProcessUri(name)) << row.lifetimeMs << ": a miss is never kept";
+        EXPECT_FALSE(otherHandler.CanProcessUri(name)) << row.lifetimeMs << ": another directory's file";
+        ASSERT_FALSE(Get(name, 1).IsNull());
+        unlink((m_site.m_root + name).c_str());
+        usleep(row.waitMs * 1000);
+        EXPECT_EQ(row.removedStillFound, m_handler.CanProcessUri(name)) << row.lifetimeMs;
+        // Found files fill the table; paths never found share their slots.
+        for (const char *found : {"/", "/sub/", "/a", "/f0", "/f1", "/f8194", "/f8195", "/f20000", "/large"})
+            EXPECT_TRUE(m_handler.CanProcessUri(found)) << found;
+        for (char c = 'a'; c <= 'z'; ++c)
+            EXPECT_FALSE(m_handler.CanProcessUri(name + c)) << "a path that is not one found";
+    }
+}
+
 // ---- Over real sockets
 
 class DefaultHandlerServerTest : public DefaultHandlerTest

@@ -10,6 +10,7 @@
 #include <cerrno>
 #include <ctime>
 #include <fcntl.h>
+#include <functional>
 #include <sys/stat.h>
 #include <time.h>
 #include <unistd.h>
@@ -142,13 +143,39 @@ int64_t coarseMilliseconds()
     return static_cast<int64_t>(now.tv_sec) * 1000 + now.tv_nsec / 1000000;
 }
 
+// Files this thread found lately, for handlers that trust a lookup for a
+// while. Keyed by the mapped path, which names the file whatever handler or
+// directory mapped it; per thread, so no lock. Only files found are kept.
+struct SRecentLookup {
+    KZF::tstring m_basePath; // before the index document is appended
+    KZF::tstring m_path;
+    struct stat m_status;
+    int64_t m_takenMs = 0;
+};
+const size_t c_recentLookups = 16;
+thread_local SRecentLookup t_recent[c_recentLookups];
+
 // Whether the path mapped from `uri`, or the index document when it names a
 // directory, is a regular file: one stat where the directory test and the
-// file test would take two. Recorded for the ProcessRequest of `uri`.
-bool isServableFile(const KZF::tstring &uri, const KZF::tstring &basePath)
+// file test would take two, none when this thread found it less than
+// `lifetimeMs` ago. Recorded for the ProcessRequest of `uri`.
+bool isServableFile(const KZF::tstring &uri, const KZF::tstring &basePath, int64_t lifetimeMs)
 {
     SLookup &lookup = t_lookup;
     lookup.m_valid = false;
+    const int64_t now = coarseMilliseconds();
+    SRecentLookup *recent = nullptr;
+    if (lifetimeMs > 0) {
+        recent = &t_recent[std::hash<KZF::tstring>()(basePath) % c_recentLookups];
+        if (recent->m_basePath == basePath && now - recent->m_takenMs < lifetimeMs) {
+            lookup.m_path = recent->m_path;
+            lookup.m_status = recent->m_status;
+            lookup.m_uri = uri;
+            lookup.m_takenMs = now;
+            lookup.m_valid = true;
+            return true;
+        }
+    }
     if (::stat(basePath.c_str(), &lookup.m_status) != 0)
         return false;
     lookup.m_path = basePath;
@@ -160,8 +187,14 @@ bool isServableFile(const KZF::tstring &uri, const KZF::tstring &basePath)
     if (!S_ISREG(lookup.m_status.st_mode))
         return false;
     lookup.m_uri = uri;
-    lookup.m_takenMs = coarseMilliseconds();
+    lookup.m_takenMs = now;
     lookup.m_valid = true;
+    if (recent != nullptr) {
+        recent->m_basePath = basePath;
+        recent->m_path = lookup.m_path;
+        recent->m_status = lookup.m_status;
+        recent->m_takenMs = now;
+    }
     return true;
 }
 
@@ -180,6 +213,7 @@ CHTTPDefaultHandler::SFileOptions CHTTPDefaultHandler::SFileOptions::Web()
     options.m_cacheControl = "no-cache";
     options.m_hashedImmutable = true;
     options.m_pieceSize = 1 << 20;
+    options.m_lookupLifetimeMs = 1000;
     return options;
 }
 
@@ -241,7 +275,7 @@ bool CHTTPDefaultHandler::ResolveBasePath(const KZF::tstring &uri, KZF::tstring 
 bool CHTTPDefaultHandler::CanProcessUri(const KZF::tstring &uri)
 {
     KZF::tstring path;
-    return ResolveBasePath(uri, path) && isServableFile(uri, path);
+    return ResolveBasePath(uri, path) && isServableFile(uri, path, m_options.m_lookupLifetimeMs);
 }
 
 KZF::CRefCountPtr<CHTTPResponse> CHTTPDefaultHandler::ProcessRequest(CHTTPRequest &request, int connectionID)

@@ -72,9 +72,15 @@ class CHTTPDefaultHandler : public IHTTPRequestHandler, public IHTTPExchangeEndN
         // Bytes per piece of a larger file; a file (or range) up to this size
         // is one complete answer sent from the file. 8194 when 0.
         int64_t m_pieceSize = 0;
+        // A file found is taken to stay as found for this many milliseconds:
+        // asked for again within them (on the same thread), it costs no stat,
+        // and a small one no file access at all. A change or removal may go
+        // unseen that long; a missing file is looked for every time, so a
+        // new one is served at once. 0: every request looks.
+        int64_t m_lookupLifetimeMs = 0;
 
         // Everything on: Cache-Control "no-cache" (stored, revalidated each
-        // time), hashed names immutable, 1 MiB pieces.
+        // time), hashed names immutable, 1 MiB pieces, lookups trusted 1 s.
         static SFileOptions Web();
     };
 
