@@ -229,15 +229,19 @@ TEST_F(DefaultHandlerTest, FoundFilesAreTrustedForTheLookupLifetimeOnly)
     struct stat old;
     if (stat("/etc/os-release", &old) != 0 || old.st_size > 8194 || time(nullptr) - old.st_ctime < 10)
         GTEST_SKIP() << "no small, old file to link to";
-    NVQ::CHTTPDefaultHandler::SFileOptions options;
-    options.m_lookupLifetimeMs = 60000;
-    m_handler.SetOptions(options);
-    symlink("/etc/os-release", (m_site.m_root + "/old").c_str());
-    ASSERT_TRUE(m_handler.CanProcessUri("/old"));
-    ASSERT_FALSE(Get("/old", 1).IsNull());
-    unlink((m_site.m_root + "/old").c_str());
-    ASSERT_TRUE(m_handler.CanProcessUri("/old"));
-    EXPECT_FALSE(Get("/old", 1).IsNull());
+    for (bool web : {false, true}) {
+        NVQ::CHTTPDefaultHandler::SFileOptions options;
+        options.m_lookupLifetimeMs = 60000;
+        options.m_validators = web;
+        m_handler.SetOptions(options);
+        const std::string name = web ? "/old-web" : "/old";
+        symlink("/etc/os-release", (m_site.m_root + name).c_str());
+        ASSERT_TRUE(m_handler.CanProcessUri(name));
+        ASSERT_FALSE(Get(name, 1).IsNull());
+        unlink((m_site.m_root + name).c_str());
+        ASSERT_TRUE(m_handler.CanProcessUri(name));
+        EXPECT_FALSE(Get(name, 1).IsNull()) << web;
+    }
 }
 
 // ---- Over real sockets
