@@ -20,8 +20,8 @@ const char c_usage[] =
     "                     rules), and the log's error page escapes what it shows\n"
     "  --web              web-ready file serving (content types, HEAD, ETag and\n"
     "                     Last-Modified with 304, ranges, precompressed .br/.gz,\n"
-    "                     Cache-Control, kept connections after large files),\n"
-    "                     with --strict\n"
+    "                     Cache-Control, kept connections after large files,\n"
+    "                     found files trusted for 1 s), with --strict\n"
 #if NVQ_WITH_UPLOADS
     "  --upload-dir DIR   store files POSTed or PUT to /upload in DIR\n"
     "  --auth-file FILE   ask for credentials (Digest; users as htdigest writes them,\n"
